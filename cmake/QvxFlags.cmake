@@ -1,0 +1,16 @@
+# qvx_flags: the one place for the language level, the warnings and the sanitizers. Every target of the
+# project links it; nothing of it is exported to users of the library but the include path.
+
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE Release CACHE STRING "Build type" FORCE)
+endif()
+
+add_library(qvx_flags INTERFACE)
+target_compile_features(qvx_flags INTERFACE cxx_std_20)
+target_compile_options(qvx_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+
+if(QVX_SANITIZE)
+  set(qvx_sanitizers -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  target_compile_options(qvx_flags INTERFACE ${qvx_sanitizers})
+  target_link_options(qvx_flags INTERFACE ${qvx_sanitizers})
+endif()
