@@ -3,10 +3,14 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
-#include <string>
+#include <memory>
+#include <new>
 #include <string_view>
 
 #include "qvx/support/env.h"
@@ -45,7 +49,11 @@ const char* level_prefix(std::uint32_t level) {
   }
 }
 
-std::string time_stamp() {
+// Large enough for the date in its 26 bytes, the milliseconds and the longest prefix.
+constexpr std::size_t kLineHeadRoom = 64;
+
+// Writes the time stamp and the level's prefix; returns their length.
+std::size_t write_line_head(char* out, std::uint32_t level) {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
   time_t seconds = now.tv_sec;
@@ -56,45 +64,57 @@ std::string time_stamp() {
   }
   std::tm local{};
   localtime_r(&seconds, &local);
-  char date[26] = "";
+  char date[26];
   if (std::strftime(date, sizeof date, "[%Y-%m-%d %H:%M:%S", &local) == 0) date[0] = '\0';
-  char stamp[48];
-  std::snprintf(stamp, sizeof stamp, "%s.%03d] ", date, static_cast<int>(milliseconds));
-  return stamp;
+  const int length = std::snprintf(out, kLineHeadRoom, "%s.%03d] %s", date, static_cast<int>(milliseconds),
+                                   level_prefix(level));
+  return static_cast<std::size_t>(length);
 }
 
-void append_vformat(std::string& out, const char* format, va_list args) {
-  va_list measure;
-  va_copy(measure, args);
-  const int length = std::vsnprintf(nullptr, 0, format, measure);
-  va_end(measure);
-  if (length <= 0) return;
-  const std::size_t start = out.size();
-  out.resize(start + static_cast<std::size_t>(length) + 1);
-  std::vsnprintf(out.data() + start, static_cast<std::size_t>(length) + 1, format, args);
-  out.pop_back();
+// The line is handed over in one piece whatever buffering the stream has: from the stack when it is short,
+// from the heap when it is long, and cut to what the stack holds when memory is short.
+void write_line(std::FILE* stream, std::uint32_t level, const char* format, va_list args) {
+  char short_line[1024];
+  std::unique_ptr<char[]> long_line;
+  char* line = short_line;
+  constexpr std::size_t kRoom = sizeof short_line - 1;  // without the line end
+  const std::size_t head = write_line_head(line, level);
+  va_list measured;
+  va_copy(measured, args);
+  const int formatted = std::vsnprintf(line + head, kRoom - head, format, measured);
+  va_end(measured);
+  std::size_t message = formatted < 0 ? 0 : static_cast<std::size_t>(formatted);
+  if (message >= kRoom - head) {
+    long_line.reset(new (std::nothrow) char[head + message + 2]);
+    if (long_line != nullptr) {
+      std::memcpy(long_line.get(), line, head);
+      line = long_line.get();
+      std::vsnprintf(line + head, message + 1, format, args);
+    } else {
+      message = kRoom - head - 1;
+    }
+  }
+  line[head + message] = '\n';
+  qvx::write_diagnostic(stream, line, head + message + 1);
+  std::fflush(stream);
 }
 
 __attribute__((format(printf, 2, 3))) void write_message(std::uint32_t level, const char* format, ...) {
+  const int caller_errno = errno;
   va_list args;
   va_start(args, format);
   if (logger.sink == kSinkSyslog) {
     vsyslog(static_cast<int>(level), format, args);
-    va_end(args);
-    return;
+  } else {
+    // An imported state may come without a stream, and must not be initialised.
+    if (logger.stream == nullptr && !logger.imported) qvx_init_stderr_logger(qvx::detail::log_level);
+    pthread_mutex_t* const mutex = logger.mutex;
+    if (mutex != nullptr) pthread_mutex_lock(mutex);
+    write_line(logger.stream != nullptr ? logger.stream : stderr, level, format, args);
+    if (mutex != nullptr) pthread_mutex_unlock(mutex);
   }
-  if (logger.stream == nullptr) qvx_init_stderr_logger(qvx::detail::log_level);
-  pthread_mutex_t* const mutex = logger.mutex;
-  if (mutex != nullptr) pthread_mutex_lock(mutex);
-  std::string line = time_stamp();
-  line += level_prefix(level);
-  append_vformat(line, format, args);
-  line += '\n';
-  std::FILE* const stream = logger.stream != nullptr ? logger.stream : stderr;
-  qvx::write_diagnostic(stream, line.data(), line.size());
-  std::fflush(stream);
-  if (mutex != nullptr) pthread_mutex_unlock(mutex);
   va_end(args);
+  errno = caller_errno;
 }
 
 void destroy_mutex_at_exit() {
@@ -112,12 +132,11 @@ bool set_up_thread_safety() {
     return false;
   }
   if (logger.imported || logger.mutex != nullptr) return true;
-  logger.mutex = &logger.mutex_storage;
-  if (pthread_mutex_init(logger.mutex, nullptr) != 0) {
+  if (pthread_mutex_init(&logger.mutex_storage, nullptr) != 0) {
     QVX_LOG(QVX_LOG_ERROR, "[logger] [%s] failed to initialize logger mutex", kRoutine);
-    logger.mutex = nullptr;
     return false;
   }
+  logger.mutex = &logger.mutex_storage;
   std::atexit(destroy_mutex_at_exit);
   return true;
 }
@@ -131,7 +150,6 @@ bool refuse_when_imported(const char* routine) {
 void switch_to(Sink sink, std::FILE* stream, std::uint32_t level, const char* routine) {
   logger.sink = sink;
   logger.stream = stream;
-  logger.callback = nullptr;
   logger.lazy_init_done = true;
   qvx::detail::log_level = level;
   if (!set_up_thread_safety())
@@ -198,6 +216,7 @@ void qvx_close_logger() {
             "qvx_close_logger");
     return;
   }
+  if (!logger.lazy_init_done && qvx::detail::log_level == kNotInitialised) initialise_from_environment();
   if (logger.sink == kSinkSyslog) closelog();
   if (logger.sink == kSinkFile && logger.stream != nullptr) std::fclose(logger.stream);
   qvx_init_stderr_logger(qvx::detail::log_level);
@@ -229,9 +248,10 @@ qvx_logger_state* qvx_logger_export_state() {
 
 bool qvx_logger_import_state(const qvx_logger_state* state) {
   if (state == nullptr) return false;
-  const bool same_target = state->sink == kSinkCallback ? state->callback == logger.callback
-                           : state->sink == kSinkSyslog ? true
-                                                        : state->stream == logger.stream;
+  const bool has_stream = state->sink == kSinkStderr || state->sink == kSinkFile;
+  const bool same_target = has_stream                     ? state->stream == logger.stream
+                           : state->sink == kSinkCallback ? state->callback == logger.callback
+                                                          : true;
   if (same_target && state->sink == logger.sink && state->level == qvx::detail::log_level &&
       state->mutex == logger.mutex)
     return true;
@@ -240,29 +260,33 @@ bool qvx_logger_import_state(const qvx_logger_state* state) {
   logger.lazy_init_done = true;
   logger.sink = state->sink;
   qvx::detail::log_level = state->level;
-  logger.callback = state->sink == kSinkCallback ? state->callback : nullptr;
-  if (state->sink == kSinkStderr || state->sink == kSinkFile) logger.stream = state->stream;
+  if (state->sink == kSinkCallback) logger.callback = state->callback;
+  if (has_stream) logger.stream = state->stream;
   return true;
 }
 
 void qvx_log_hex_dump(const void* bytes, std::size_t size) {
   if (!QVX_LOG_IS_ENABLED(QVX_LOG_DEBUG)) return;
   constexpr std::size_t kPerLine = 16;
-  constexpr std::size_t kHexColumn = kPerLine * 3 + 1;  // "XX " a byte, one more blank after the eighth
+  constexpr int kHexColumn = kPerLine * 3 + 1;  // "XX " a byte, one more blank after the eighth
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
   const auto* const data = static_cast<const unsigned char*>(bytes);
   for (std::size_t line = 0; line < size; line += kPerLine) {
-    const std::size_t count = size - line < kPerLine ? size - line : kPerLine;
-    std::string hex;
-    std::string characters;
+    const std::size_t count = std::min(size - line, kPerLine);
+    char hex[kHexColumn + 1];
+    char characters[kPerLine + 1];
+    char* next_hex = hex;
     for (std::size_t i = 0; i < count; ++i) {
       const unsigned char byte = data[line + i];
-      constexpr std::string_view kDigits = "0123456789ABCDEF";
-      hex += {kDigits[byte >> 4], kDigits[byte & 15], ' '};
-      if (i == 7) hex += ' ';
-      characters += byte >= 0x20 && byte <= 0x7E ? static_cast<char>(byte) : '.';
+      *next_hex++ = kDigits[byte >> 4];
+      *next_hex++ = kDigits[byte & 15];
+      *next_hex++ = ' ';
+      if (i == 7) *next_hex++ = ' ';
+      characters[i] = byte >= 0x20 && byte <= 0x7E ? static_cast<char>(byte) : '.';
     }
-    hex.resize(kHexColumn, ' ');
-    QVX_LOG(QVX_LOG_DEBUG, "%s|  %s ", hex.c_str(), characters.c_str());
+    *next_hex = '\0';
+    characters[count] = '\0';
+    QVX_LOG(QVX_LOG_DEBUG, "%-*s|  %s ", kHexColumn, hex, characters);
   }
 }
 
@@ -273,19 +297,16 @@ void write_diagnostic(std::FILE* stream, const char* text, std::size_t size) {
     std::fwrite(text, 1, size, stream);
     return;
   }
-  std::string shown;
-  shown.reserve(size);
+  std::size_t plain = 0;  // where the run of characters begins that can be shown as they are
   for (std::size_t i = 0; i < size; ++i) {
     const auto byte = static_cast<unsigned char>(text[i]);
-    if ((byte < 0x20 && byte != '\n' && byte != '\t') || byte == 0x7F) {
-      char escaped[8];
-      std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
-      shown += escaped;
-    } else {
-      shown += text[i];
-    }
+    const bool is_control = (byte < 0x20 && byte != '\n' && byte != '\t') || byte == 0x7F;
+    if (!is_control) continue;
+    std::fwrite(text + plain, 1, i - plain, stream);
+    std::fprintf(stream, "\\x%02x", unsigned{byte});
+    plain = i + 1;
   }
-  std::fwrite(shown.data(), 1, shown.size(), stream);
+  std::fwrite(text + plain, 1, size - plain, stream);
 }
 
 }  // namespace qvx

@@ -5,7 +5,8 @@
 // before the command line is parsed is already filtered.
 //
 // With thread safety on (the default, see QVX_LOG_THREAD_SAFE) lines of different threads never interleave.
-// The level check at the call sites is unsynchronised. No function here fails its caller.
+// The level check at the call sites is unsynchronised. No function here fails its caller, and errno is left
+// as it was by the messages of the built-in writer.
 #pragma once
 
 #include <pthread.h>
@@ -65,7 +66,8 @@ void qvx_close_logger();
 // Stores a new level and returns the old one.
 std::uint32_t qvx_logger_set_level(std::uint32_t level);
 
-// From now on every enabled message goes to the callback.
+// From now on every enabled message goes to the callback, also after another initialiser was called, until a
+// null callback is registered.
 void qvx_logger_register_callback(qvx_log_function callback, std::uint32_t level);
 
 // A newly allocated record, or null when memory is short.
