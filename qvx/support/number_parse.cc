@@ -14,7 +14,8 @@ bool parse(T (*convert)(const char*, char**, int), const char* text, T& value) {
   errno = 0;
   char* end = nullptr;
   value = convert(text, &end, 0);
-  if (end == text || *end != '\0') return false;
+  // An empty text is wholly consumed, and so is 0.
+  if (*end != '\0') return false;
   using Limits = std::numeric_limits<T>;
   const bool saturated = value == Limits::max() || (Limits::is_signed && value == Limits::min());
   if (errno == ERANGE && saturated) return false;

@@ -13,6 +13,12 @@ OutputSink::OutputSink(int descriptor, std::size_t capacity)
       position_(buffer_.get()),
       end_(position_ + capacity) {}
 
+OutputSink::OutputSink(std::string& target, std::size_t capacity)
+    : target_(&target),
+      buffer_(std::make_unique_for_overwrite<char[]>(capacity)),
+      position_(buffer_.get()),
+      end_(position_ + capacity) {}
+
 OutputSink::~OutputSink() {
   flush();
 }
@@ -44,6 +50,10 @@ void OutputSink::make_room(std::size_t size) {
 }
 
 void OutputSink::write_out(const char* data, std::size_t size) {
+  if (target_ != nullptr) {
+    target_->append(data, size);
+    return;
+  }
   while (size > 0 && error_ == 0) {
     const ssize_t written = ::write(descriptor_, data, size);
     if (written < 0) {

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <string>
 #include <string_view>
 
 namespace qvx {
@@ -14,9 +15,12 @@ namespace qvx {
 class OutputSink {
  public:
   static constexpr std::size_t kDefaultCapacity = 256 * 1024;
+  static constexpr std::size_t kSmallCapacity = 4 * 1024;
 
   // The descriptor is not owned. The buffer is allocated here; throws std::bad_alloc.
   explicit OutputSink(int descriptor, std::size_t capacity = kDefaultCapacity);
+  // Appends to a text instead, which must outlive the sink.
+  explicit OutputSink(std::string& target, std::size_t capacity = kSmallCapacity);
   ~OutputSink();
   OutputSink(const OutputSink&) = delete;
   OutputSink& operator=(const OutputSink&) = delete;
@@ -44,7 +48,8 @@ class OutputSink {
   void make_room(std::size_t size);
   void write_out(const char* data, std::size_t size);
 
-  int descriptor_;
+  int descriptor_ = -1;
+  std::string* target_ = nullptr;
   int error_ = 0;
   std::unique_ptr<char[]> buffer_;
   char* position_;

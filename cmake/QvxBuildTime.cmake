@@ -1,0 +1,21 @@
+# qvx_build_time(<variable>): the time that the version output names. It comes from SOURCE_DATE_EPOCH or from the
+# commit, never from the clock, so that the same source builds to the same bytes.
+function(qvx_build_time variable)
+  set(epoch "$ENV{SOURCE_DATE_EPOCH}")
+  if(NOT epoch)
+    find_package(Git QUIET)
+    if(GIT_FOUND)
+      execute_process(COMMAND ${GIT_EXECUTABLE} -C ${PROJECT_SOURCE_DIR} log -1 --format=%ct
+        OUTPUT_VARIABLE epoch OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+    endif()
+  endif()
+  if(epoch)
+    set(saved "$ENV{SOURCE_DATE_EPOCH}")
+    set(ENV{SOURCE_DATE_EPOCH} ${epoch})
+    string(TIMESTAMP time "%Y-%m-%d %H:%M:%S UTC" UTC)
+    set(ENV{SOURCE_DATE_EPOCH} "${saved}")
+  else()
+    set(time "version ${PROJECT_VERSION}")
+  endif()
+  set(${variable} "${time}" PARENT_SCOPE)
+endfunction()
