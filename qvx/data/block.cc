@@ -1,0 +1,150 @@
+#include "qvx/data/block.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstring>
+
+#include "qvx/support/clock.h"
+#include "qvx/support/format.h"
+
+namespace qvx {
+namespace {
+
+struct BlockKind {
+  qvx_block_type type;
+  char letter;
+  const char* name;
+};
+
+constexpr std::array<BlockKind, 6> kBlockKinds{{
+    {QVX_COUNTERS_BLOCK, 'D', "QVX_COUNTERS_BLOCK"},
+    {QVX_EVENTS_BLOCK, 'E', "QVX_EVENTS_BLOCK"},
+    {QVX_SCHEMAS_BLOCK, 'S', "QVX_SCHEMAS_BLOCK"},
+    {QVX_BLOB_BLOCK, 'B', "QVX_BLOB_BLOCK"},
+    {QVX_PAGE_BLOCK, 'P', "QVX_PAGE_BLOCK"},
+    {QVX_CNTX_BLOCK, 'X', "QVX_CNTX_BLOCK"},
+}};
+
+// The first bytes of a block with zeros for what is missing.
+template <std::size_t kSize>
+std::array<std::byte, kSize> header_bytes(Bytes block) {
+  std::array<std::byte, kSize> bytes{};
+  std::copy_n(block.begin(), std::min(block.size(), kSize), bytes.begin());
+  return bytes;
+}
+
+std::array<char, 4> magic_of(const std::byte* header) {
+  std::array<char, 4> magic;
+  std::memcpy(magic.data(), header, magic.size());
+  return magic;
+}
+
+}  // namespace
+
+CountersHeader counters_header_decode(Bytes block) noexcept {
+  const auto bytes = header_bytes<kCountersHeaderSize>(block);
+  return {magic_of(bytes.data()),
+          load_le<std::uint64_t>(bytes.data() + offset_of(kCountersBlockLayout, "timestamp"))};
+}
+
+EventHeader event_header_decode(Bytes block) noexcept {
+  const auto bytes = header_bytes<kEventHeaderSize>(block);
+  const std::byte* const from = bytes.data();
+  return {magic_of(from), load_le<std::uint64_t>(from + offset_of(kEventHeaderLayout, "timestamp")),
+          load_le<std::uint8_t>(from + offset_of(kEventHeaderLayout, "schema_index")),
+          load_le<std::uint16_t>(from + offset_of(kEventHeaderLayout, "type_index")),
+          load_le<std::uint8_t>(from + offset_of(kEventHeaderLayout, "num_events"))};
+}
+
+BlobHeader blob_header_decode(Bytes block) noexcept {
+  const auto bytes = header_bytes<kBlobHeaderSize>(block);
+  const std::byte* const from = bytes.data();
+  return {magic_of(from), load_le<std::uint64_t>(from + offset_of(kBlobHeaderLayout, "timestamp")),
+          load_le<std::uint64_t>(from + offset_of(kBlobHeaderLayout, "data_size"))};
+}
+
+SchemasHeader schemas_header_decode(Bytes block) noexcept {
+  const auto bytes = header_bytes<kSchemasHeaderSize>(block);
+  return {load_le<std::uint16_t>(bytes.data() + offset_of(kSchemasBlockLayout, "block_size")),
+          load_le<std::uint8_t>(bytes.data() + offset_of(kSchemasBlockLayout, "num_schemas"))};
+}
+
+qvx_schema_id schemas_block_id(Bytes block, std::size_t index) noexcept {
+  qvx_schema_id id;
+  const std::size_t offset = offset_of(kSchemasBlockLayout, "schema_ids[]") + index * id.bytes.size();
+  std::copy_n(block.begin() + static_cast<std::ptrdiff_t>(offset), id.bytes.size(), id.bytes.begin());
+  return id;
+}
+
+const char* block_type_name(int type) noexcept {
+  for (const BlockKind& kind : kBlockKinds)
+    if (kind.type == type) return kind.name;
+  return "Unknown block";
+}
+
+qvx_block_type block_type_of(Bytes block) noexcept {
+  if (block.size() < kMagicSize) return QVX_UNKNOWN_BLOCK;
+  const char letter = static_cast<char>(block[3]);
+  for (const BlockKind& kind : kBlockKinds)
+    if (kind.letter == letter) return kind.type;
+  return QVX_UNKNOWN_BLOCK;
+}
+
+void block_magic_set(std::span<char, 4> to, int type) noexcept {
+  for (const BlockKind& kind : kBlockKinds)
+    if (kind.type == type) magic_set(to, kind.letter);
+}
+
+void counters_block_init(std::span<std::byte, kCountersHeaderSize> block) noexcept {
+  std::array<char, 4> magic;
+  block_magic_set(magic, QVX_COUNTERS_BLOCK);
+  std::memcpy(block.data(), magic.data(), magic.size());
+  store_le(block.data() + offset_of(kCountersBlockLayout, "padding"), std::uint32_t{0});
+  store_le(block.data() + offset_of(kCountersBlockLayout, "timestamp"), now_microseconds());
+}
+
+std::string counters_header_dump(const CountersHeader& header) {
+  std::string text = "Data block\n";
+  append_format(text, " %-20s = %4.4s\n", "magic number", header.magic.data());
+  append_format(text, " %-20s = %" PRIu64 "\n", "last timestamp", header.timestamp);
+  return text;
+}
+
+std::string event_header_dump(const EventHeader& header) {
+  std::string text = "Event header\n";
+  append_format(text, " %-20s = %4.4s\n", "magic number", header.magic.data());
+  append_format(text, " %-20s = %u\n", "schema index", header.schema_index);
+  append_format(text, " %-20s = %u\n", "type index", header.type_index);
+  append_format(text, " %-20s = %u\n", "number of events", header.num_events);
+  return text;
+}
+
+std::string blob_header_dump(const BlobHeader& header) {
+  std::string text = "Blob block\n";
+  append_format(text, " %-20s = %4.4s\n", "magic number", header.magic.data());
+  append_format(text, " %-20s = %" PRIu64 "\n", "timestamp", header.timestamp);
+  append_format(text, " %-20s = %" PRIu64 "\n", "data size", header.data_size);
+  return text;
+}
+
+void print_event_header(std::FILE* stream, const EventHeader& header) {
+  std::fputs(event_header_dump(header).c_str(), stream);
+}
+
+void print_blob_header(std::FILE* stream, const BlobHeader& header) {
+  std::fputs(blob_header_dump(header).c_str(), stream);
+}
+
+void print_counters_block_layout(std::FILE* stream) {
+  std::fputs(layout_text(kCountersBlockLayout).c_str(), stream);
+}
+
+void print_event_header_layout(std::FILE* stream) {
+  std::fputs(layout_text(kEventHeaderLayout).c_str(), stream);
+}
+
+void print_blob_header_layout(std::FILE* stream) {
+  std::fputs(layout_text(kBlobHeaderLayout).c_str(), stream);
+}
+
+}  // namespace qvx

@@ -1,0 +1,128 @@
+#include "qvx/data/page_block.h"
+
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "qvx/data/encoded_payload.h"
+#include "qvx/data/file_header.h"
+#include "qvx/support/log.h"
+
+namespace qvx {
+namespace {
+
+constexpr std::size_t kMagicBytes = 4;
+// From here on a buffer is mapped, so that a claimed size costs nothing until bytes are really written.
+constexpr std::size_t kMapFrom = std::size_t{16} << 20;
+
+// A text behind its length byte, cut at `limit` characters and at the end of the bytes.
+std::string_view pascal_string(Cursor& cursor, std::size_t limit) {
+  std::uint8_t length = 0;
+  if (!cursor.read(length)) return {};
+  Bytes text;
+  if (!cursor.read_bytes(std::min<std::size_t>(length, cursor.left()), text)) return {};
+  return as_text(text.first(std::min(text.size(), limit)));
+}
+
+}  // namespace
+
+bool page_block_read(Bytes unit, PageBlock& block) noexcept {
+  std::array<std::byte, kPageBlockFixedSize> fixed{};
+  std::copy_n(unit.begin(), std::min(unit.size(), fixed.size()), fixed.begin());
+  const std::byte* const from = fixed.data();
+  qvxp_header& header = block.header;
+  header.header_size = load_le<std::uint8_t>(from + offset_of(kPageBlockLayout, "header_size"));
+  header.encoding = load_le<std::uint8_t>(from + offset_of(kPageBlockLayout, "encoding"));
+  header.encoded_size = load_le<std::uint32_t>(from + offset_of(kPageBlockLayout, "encoded_size"));
+  header.first_timestamp = load_le<std::uint64_t>(from + offset_of(kPageBlockLayout, "first_timestamp"));
+  header.last_timestamp = load_le<std::uint64_t>(from + offset_of(kPageBlockLayout, "last_timestamp"));
+
+  // The length test leaves the end magic out, deliberately; an end magic that is not wholly there does not
+  // match.
+  const std::size_t data_start = kMagicBytes + header.header_size;
+  const std::size_t data_end = data_start + header.encoded_size;
+  if (unit.size() < data_end || unit.size() - data_end < kPageBlockEndMagic.size()) return false;
+  if (as_text(unit.subspan(data_end, kPageBlockEndMagic.size())) != kPageBlockEndMagic) return false;
+
+  block.data = unit.subspan(data_start, header.encoded_size);
+  block.total_size = data_end + kPageBlockEndMagic.size();
+  block.source_id = {};
+  block.source_tag = {};
+  if (unit.size() > kPageBlockFixedSize) {
+    Cursor strings(unit.subspan(kPageBlockFixedSize));
+    block.source_id = pascal_string(strings, kSourceIdSize);
+    block.source_tag = pascal_string(strings, kSourceTagSize);
+  }
+  return true;
+}
+
+bool qvxp_uncompress(const PageBlock& block, std::span<std::byte> to) {
+  if (encoded_uncompressed_size(block.header.encoding, block.data) != to.size()) {
+    QVX_LOG(QVX_LOG_ERROR, "invalid buffer size to uncompress qvxp data");
+    return false;
+  }
+  return encoded_decompress(block.header.encoding, block.data, to);
+}
+
+PageBuffer qvxp_uncompress_alloc(const PageBlock& block, std::uint64_t* out_size) {
+  if (out_size == nullptr) {
+    QVX_LOG(QVX_LOG_ERROR, "'uncompressed_size' must be allocated");
+    return {};
+  }
+  const std::uint64_t size = encoded_uncompressed_size(block.header.encoding, block.data);
+  *out_size = size;
+  PageBuffer buffer = PageBuffer::allocate(size);
+  if (!buffer) {
+    QVX_LOG(QVX_LOG_ERROR, "Failed to allocate data block of size %lu: %s", size, std::strerror(errno));
+    return {};
+  }
+  const Decompressed result = encoded_decompress_into(block.header.encoding, block.data, buffer.bytes());
+  if (!result.ok) return {};
+  buffer.clear_from(result.produced);
+  return buffer;
+}
+
+PageBuffer PageBuffer::allocate(std::size_t size) noexcept {
+  PageBuffer buffer;
+  if (size >= kMapFrom) {
+    void* const mapped = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapped == MAP_FAILED) return {};
+    buffer.data_ = static_cast<std::byte*>(mapped);
+    buffer.mapped_ = true;
+  } else {
+    buffer.data_ = static_cast<std::byte*>(std::malloc(std::max<std::size_t>(size, 1)));
+    if (buffer.data_ == nullptr) return {};
+  }
+  buffer.size_ = size;
+  return buffer;
+}
+
+PageBuffer::PageBuffer(PageBuffer&& other) noexcept
+    : data_(std::exchange(other.data_, nullptr)),
+      size_(std::exchange(other.size_, 0)),
+      mapped_(std::exchange(other.mapped_, false)) {}
+
+PageBuffer& PageBuffer::operator=(PageBuffer&& other) noexcept {
+  std::swap(data_, other.data_);
+  std::swap(size_, other.size_);
+  std::swap(mapped_, other.mapped_);
+  return *this;
+}
+
+PageBuffer::~PageBuffer() {
+  if (mapped_) {
+    munmap(data_, size_);
+  } else {
+    std::free(data_);
+  }
+}
+
+void PageBuffer::clear_from(std::size_t start) noexcept {
+  if (!mapped_) std::memset(data_ + start, 0, size_ - start);
+}
+
+}  // namespace qvx
