@@ -1,0 +1,123 @@
+#include "qvx/data/schema/record_influx.h"
+
+#include <cstdint>
+#include <string_view>
+
+#include "qvx/data/schema/builtin_types.h"
+#include "qvx/data/schema/record_text.h"
+#include "qvx/support/saturate.h"
+
+namespace qvx {
+namespace {
+
+struct InfluxValue {
+  StepKind kind = StepKind::literal;
+  // Every integer has the signed suffix, the unsigned 64-bit ones included, deliberately.
+  std::string_view suffix;
+};
+
+InfluxValue influx_value(const qvx_type_definition& type) {
+  if (type.id == kBoolTypeId) return {StepKind::influx_bool, ""};
+  switch (builtin_value_class(type.id)) {
+    case ValueClass::u8:
+      return {StepKind::u8, "i"};
+    case ValueClass::i8:
+      return {StepKind::i8, "i"};
+    case ValueClass::u16:
+      return {StepKind::u16, "i"};
+    case ValueClass::i16:
+      return {StepKind::i16, "i"};
+    case ValueClass::u32:
+      return {StepKind::u32, "i"};
+    case ValueClass::i32:
+      return {StepKind::i32, "i"};
+    case ValueClass::u64:
+      return {StepKind::u64, "i"};
+    case ValueClass::i64:
+      return {StepKind::i64, "i"};
+    case ValueClass::f32:
+      return {StepKind::influx_f32, ""};
+    case ValueClass::f64:
+      return {StepKind::influx_f64, ""};
+    default:
+      return {};
+  }
+}
+
+class InfluxCompiler {
+ public:
+  explicit InfluxCompiler(PlanBuilder& builder) : builder_(builder) {}
+
+  // False when records of the type have no text. `base` is added to the offsets.
+  bool parts(const qvx_type_definition& type, std::uint64_t base, const std::string& prefix,
+             std::size_t depth) {
+    if (depth >= kMaxNesting || !builder_.visit()) return false;
+    for (const auto& field : type.fields)
+      if (!part(*field, base, prefix, depth)) return false;
+    return true;
+  }
+
+ private:
+  bool part(const qvx_field_definition& field, std::uint64_t base, const std::string& prefix,
+            std::size_t depth) {
+    if (field.type == nullptr) return false;
+    const std::uint64_t offset = saturating_add(base, field.offset);
+    const std::string& name = field.field_name ? *field.field_name : kNoName;
+    const std::string key = prefix.empty() ? name : prefix + "." + name;
+    if (is_character_array(field)) {
+      begin(key);
+      builder_.text("\"");
+      builder_.characters(StepKind::influx_characters, offset, field.array_length);
+      builder_.text("\"");
+      return true;
+    }
+    if (field.type->id == kCompositeTypeId) {
+      if (field.array_length <= 1) return parts(*field.type, offset, key, depth + 1);
+      for (std::uint32_t k = 0; k < field.array_length; ++k) {
+        const std::uint64_t element = saturating_add(offset, saturating_multiply(k, field.type_size));
+        if (!parts(*field.type, element, key + "." + std::to_string(k), depth + 1)) return false;
+      }
+      return true;
+    }
+    // The elements of an array of numbers have no fields, so there is no part, deliberately.
+    if (field.array_length > 1) return builder_.visit();
+    const InfluxValue value = influx_value(*field.type);
+    if (value.kind == StepKind::literal) return false;
+    begin(key);
+    builder_.value(value.kind, offset, static_cast<std::uint32_t>(builtin_type_size(field.type->id)));
+    builder_.text(value.suffix);
+    return true;
+  }
+
+  void begin(const std::string& key) {
+    if (!first_) builder_.text(",");
+    first_ = false;
+    builder_.text(key);
+    builder_.text("=");
+  }
+
+  inline static const std::string kNoName;
+
+  PlanBuilder& builder_;
+  bool first_ = true;
+};
+
+std::optional<RecordPlan> compile(const qvx_type_definition& type, std::string_view after) {
+  PlanBuilder builder;
+  if (!InfluxCompiler(builder).parts(type, 0, "", 0)) return std::nullopt;
+  builder.text(after);
+  return builder.finish(PlanBuilder::Sharing::none);
+}
+
+}  // namespace
+
+std::optional<RecordPlan> compile_influx_plan(const qvx_type_definition& type) {
+  return compile(type, "\n");
+}
+
+}  // namespace qvx
+
+std::optional<std::string> qvx_record_to_influx(const qvx_type_definition* type, qvx::Bytes at_hand) {
+  const std::optional<qvx::RecordPlan> plan = qvx::compile(*type, "");
+  return plan ? plan->text(at_hand) : std::nullopt;
+}

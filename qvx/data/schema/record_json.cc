@@ -1,0 +1,181 @@
+#include "qvx/data/schema/record_json.h"
+
+#include <cstdint>
+#include <new>
+#include <unordered_map>
+#include <vector>
+
+#include "qvx/data/schema/builtin_types.h"
+#include "qvx/data/schema/record_text.h"
+#include "qvx/support/saturate.h"
+
+namespace qvx {
+
+std::string JsonSpelling::line(std::size_t depth) const {
+  std::string text;
+  if (!pretty_) return text;
+  text = "\n";
+  for (std::size_t level = 0; level < depth; ++level)
+    text += json::kIndentation;
+  return text;
+}
+
+std::string JsonSpelling::key(std::string_view name) const {
+  std::string text;
+  json::append_quoted(text, name);
+  text += pretty_ ? ": " : ":";
+  return text;
+}
+
+namespace {
+
+StepKind json_kind(ValueClass value_class) {
+  switch (value_class) {
+    case ValueClass::u8:
+      return StepKind::u8;
+    case ValueClass::i8:
+      return StepKind::i8;
+    case ValueClass::u16:
+      return StepKind::u16;
+    case ValueClass::i16:
+      return StepKind::i16;
+    case ValueClass::u32:
+      return StepKind::u32;
+    case ValueClass::i32:
+      return StepKind::i32;
+    case ValueClass::u64:
+      return StepKind::json_u64;
+    case ValueClass::i64:
+      return StepKind::json_i64;
+    case ValueClass::f32:
+      return StepKind::json_f32;
+    case ValueClass::f64:
+      return StepKind::json_f64;
+    default:
+      return StepKind::literal;
+  }
+}
+
+// The step that fails a record for a value without a JSON number but writes nothing.
+StepKind check_kind(StepKind kind) {
+  switch (kind) {
+    case StepKind::json_f32:
+      return StepKind::check_f32;
+    case StepKind::json_f64:
+      return StepKind::check_f64;
+    default:
+      return StepKind::literal;
+  }
+}
+
+class JsonCompiler {
+ public:
+  JsonCompiler(PlanBuilder& builder, json::Style style) : builder_(builder), spelling_(style) {}
+
+  // False when records of the type have no JSON text. `base` is added to the offsets.
+  bool object(const qvx_type_definition& type, std::uint64_t base, std::size_t depth) {
+    if (depth >= kMaxNesting) return false;
+    if (!builder_.visit(type.fields.empty() ? 1 : 0)) return false;
+    builder_.text("{");
+    std::unordered_map<std::string_view, std::size_t> last;
+    for (std::size_t i = 0; i < type.fields.size(); ++i)
+      last[name_of(*type.fields[i])] = i;
+    std::unordered_map<std::string_view, bool> written;
+    for (const auto& field : type.fields) {
+      const std::string_view name = name_of(*field);
+      const qvx_field_definition& shown = *type.fields[last[name]];
+      // A name that repeats stands at its first place with its last value. The values that it hides must have
+      // a text all the same.
+      if (field.get() != &shown && !value(*field, base, depth + 1, true)) return false;
+      if (written[name]) continue;
+      builder_.text(spelling_.item(written.size() == 1, depth + 1) + spelling_.key(name));
+      written[name] = true;
+      if (!value(shown, base, depth + 1, false)) return false;
+    }
+    if (!type.fields.empty()) builder_.text(spelling_.line(depth));
+    builder_.text("}");
+    return true;
+  }
+
+ private:
+  static std::string_view name_of(const qvx_field_definition& field) {
+    return field.field_name ? std::string_view(*field.field_name) : std::string_view();
+  }
+
+  bool value(const qvx_field_definition& field, std::uint64_t base, std::size_t depth, bool hidden) {
+    if (field.type == nullptr) return false;
+    const std::uint64_t offset = saturating_add(base, field.offset);
+    if (is_character_array(field)) {
+      if (hidden) {
+        builder_.array(StepKind::literal, offset, field.array_length, 1, 1, "");
+        return true;
+      }
+      builder_.text("\"");
+      builder_.characters(StepKind::json_characters, offset, field.array_length);
+      builder_.text("\"");
+      return true;
+    }
+    if (field.type->id == kCompositeTypeId) return records(field, offset, depth, hidden);
+    const StepKind kind = json_kind(builtin_value_class(field.type->id));
+    if (kind == StepKind::literal) return false;
+    const auto size = static_cast<std::uint32_t>(builtin_type_size(field.type->id));
+    const StepKind shown_kind = hidden ? check_kind(kind) : kind;
+    if (field.array_length <= 1) {
+      builder_.value(shown_kind, offset, size);
+      return true;
+    }
+    if (hidden) {
+      builder_.array(shown_kind, offset, field.array_length, field.type_size, size, "");
+      return true;
+    }
+    builder_.text("[" + spelling_.line(depth + 1));
+    builder_.array(kind, offset, field.array_length, field.type_size, size, spelling_.item(false, depth + 1));
+    builder_.text(spelling_.line(depth) + "]");
+    return true;
+  }
+
+  bool records(const qvx_field_definition& field, std::uint64_t offset, std::size_t depth, bool hidden) {
+    if (field.array_length <= 1)
+      return hidden ? hidden_object(*field.type, offset, depth) : object(*field.type, offset, depth);
+    if (hidden) {
+      builder_.open_loop(offset, field.array_length, field.type_size, "");
+      if (!hidden_object(*field.type, 0, depth + 1)) return false;
+      builder_.close_loop();
+      return true;
+    }
+    builder_.text("[" + spelling_.line(depth + 1));
+    builder_.open_loop(offset, field.array_length, field.type_size, spelling_.item(false, depth + 1));
+    if (!object(*field.type, 0, depth + 1)) return false;
+    builder_.close_loop();
+    builder_.text(spelling_.line(depth) + "]");
+    return true;
+  }
+
+  bool hidden_object(const qvx_type_definition& type, std::uint64_t base, std::size_t depth) {
+    if (depth >= kMaxNesting || !builder_.visit(type.fields.empty() ? 1 : 0)) return false;
+    for (const auto& field : type.fields)
+      if (!value(*field, base, depth + 1, true)) return false;
+    return true;
+  }
+
+  PlanBuilder& builder_;
+  JsonSpelling spelling_;
+};
+
+}  // namespace
+
+std::optional<RecordPlan> compile_json_plan(const qvx_type_definition& type, json::Style style,
+                                            std::string_view after) {
+  PlanBuilder builder;
+  if (!JsonCompiler(builder, style).object(type, 0, 0)) return std::nullopt;
+  builder.text(after);
+  return builder.finish(PlanBuilder::Sharing::none);
+}
+
+}  // namespace qvx
+
+std::optional<std::string> qvx_record_to_json(const qvx_type_definition* type, qvx::Bytes at_hand,
+                                              qvx::json::Style style) {
+  const std::optional<qvx::RecordPlan> plan = qvx::compile_json_plan(*type, style, "");
+  return plan ? plan->text(at_hand) : std::nullopt;
+}

@@ -1,0 +1,41 @@
+// Event records as JSON objects.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "qvx/data/schema/record_plan.h"
+#include "qvx/data/schema/schema.h"
+#include "qvx/support/bytes.h"
+#include "qvx/support/json_text.h"
+
+namespace qvx {
+
+// How JSON text is laid out around values: what stands before a member or element, and before a closing
+// bracket. `depth` counts the levels that enclose it.
+class JsonSpelling {
+ public:
+  explicit JsonSpelling(json::Style style) : pretty_(style == json::Style::pretty) {}
+
+  std::string line(std::size_t depth) const;
+  std::string item(bool first, std::size_t depth) const { return (first ? "" : ",") + line(depth); }
+  // The quoted, escaped name and the colon.
+  std::string key(std::string_view name) const;
+
+ private:
+  bool pretty_;
+};
+
+// The plan that writes records of a resolved type as JSON, each followed by `after`. Nothing when a record of
+// the type has no JSON text: a field of unknown type, a type that contains itself or is nested too deeply,
+// too many values.
+std::optional<RecordPlan> compile_json_plan(const qvx_type_definition& type, json::Style style,
+                                            std::string_view after);
+
+}  // namespace qvx
+
+// The JSON text of one record that begins at the first of the bytes at hand; nothing when it cannot be made.
+// Compiles the type anew: for more than a few records keep a plan.
+std::optional<std::string> qvx_record_to_json(const qvx_type_definition* type, qvx::Bytes at_hand,
+                                              qvx::json::Style style);

@@ -1,0 +1,357 @@
+#include "qvx/data/schema/record_plan.h"
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <utility>
+
+#include "qvx/data/schema/plan_values.h"
+#include "qvx/support/json_text.h"
+#include "qvx/support/log.h"
+#include "qvx/support/number.h"
+#include "qvx/support/saturate.h"
+
+namespace qvx {
+namespace {
+
+constexpr std::size_t kMaxSteps = std::size_t{1} << 18;
+constexpr std::size_t kMaxLiterals = std::size_t{16} << 20;
+constexpr std::uint64_t kMaxSharedValues = 65536;
+// Texts up to this size are written in place with one check of the room; larger ones in pieces.
+constexpr std::uint64_t kInPlaceText = 128 * 1024;
+// Literals are copied in pieces of this size, and may be read and written up to one piece too far.
+constexpr std::size_t kLiteralPiece = 32;
+// Every JSON text of a byte in a string is at most "\u00xx".
+constexpr std::uint64_t kMaxEscape = 6;
+constexpr std::uint64_t kEscapeSlack = 16;
+
+std::uint64_t value_room(StepKind kind, std::uint64_t count) {
+  switch (kind) {
+    case StepKind::influx_f32:
+    case StepKind::influx_f64:
+      return kFixedNumberRoom;
+    case StepKind::json_characters:
+      return 2 * count + kEscapeSlack;
+    case StepKind::influx_characters:
+      return count + kEscapeSlack;
+    case StepKind::optional_text:
+      return kMaxEscape * count + 2 + kEscapeSlack;
+    case StepKind::local_time:
+      return LocalTimeText::kRoom + 2;
+    default:
+      return kNumberRoom;
+  }
+}
+
+inline char* copy_literal(char* out, const char* literal, std::size_t size) {
+  std::memcpy(out, literal, kLiteralPiece);
+  if (size > kLiteralPiece) [[unlikely]]
+    std::memcpy(out + kLiteralPiece, literal + kLiteralPiece, size - kLiteralPiece);
+  return out + size;
+}
+
+// Where text goes when the room for the whole record was reserved before.
+struct InPlace {
+  char* ensure(char* out, std::uint64_t) { return out; }
+};
+
+// Where text goes piece by piece.
+struct Piecewise {
+  OutputSink& sink;
+  char* ensure(char* out, std::uint64_t room) {
+    sink.commit(out);
+    return sink.reserve(room + 2 * kLiteralPiece);
+  }
+};
+
+// Runs the steps of a plan over one record.
+template <typename Room>
+class Writer {
+ public:
+  Writer(const std::vector<Step>& steps, const char* literals, Room room, LocalTimeText* clock)
+      : steps_(steps), literals_(literals), room_(room), clock_(clock) {}
+
+  // Writes the steps [step, end); null when a value has no text.
+  char* run(const Step* step, const Step* end, const std::byte* base, char* out) {
+    bool object_is_empty = false;
+    for (; step != end; ++step) {
+      if constexpr (!std::is_same_v<Room, InPlace>)
+        out = room_.ensure(out, step->literal_size + value_room(step->kind, step->count));
+      char* const start = out;
+      const char* literal = literals_ + step->literal;
+      std::size_t literal_size = step->literal_size;
+      const std::byte* const from = base + step->offset;
+      switch (step->kind) {
+        case StepKind::array:
+          out = copy_literal(out, literal, literal_size);
+          out = write_array(*step, from, out);
+          break;
+        case StepKind::loop:
+          out = copy_literal(out, literal, literal_size);
+          out = write_loop(*step, from, out);
+          step = steps_.data() + step->end - 1;
+          break;
+        case StepKind::object_open:
+          out = copy_literal(out, literal, literal_size);
+          object_is_empty = true;
+          break;
+        case StepKind::object_close:
+          if (object_is_empty) {
+            *out++ = '}';
+          } else {
+            out = copy_literal(out, literal, literal_size);
+          }
+          break;
+        case StepKind::member:
+        case StepKind::optional_f64:
+        case StepKind::optional_text:
+          if (object_is_empty) {
+            ++literal;
+            --literal_size;
+          }
+          out = copy_literal(out, literal, literal_size);
+          if (step->kind != StepKind::member) out = write_optional(*step, from, out);
+          if (out != nullptr) {
+            object_is_empty = false;
+          } else {
+            out = start;
+          }
+          break;
+        case StepKind::local_time: {
+          out = copy_literal(out, literal, literal_size);
+          *out++ = '"';
+          const std::size_t size = clock_->write(out, load_le<std::uint64_t>(from));
+          if (size == 0) {
+            out = start;
+            break;
+          }
+          out += size;
+          *out++ = '"';
+          break;
+        }
+        default:
+          out = copy_literal(out, literal, literal_size);
+          out = write_plan_value(step->kind, from, step->count, out);
+          break;
+      }
+      if (out == nullptr) [[unlikely]]
+        return nullptr;
+    }
+    return out;
+  }
+
+ private:
+  char* write_array(const Step& step, const std::byte* from, char* out) {
+    const char* const separator = literals_ + step.separator;
+    for (std::uint32_t k = 0; k < step.count; ++k) {
+      out = room_.ensure(out, kNumberRoom + step.separator_size);
+      if (k > 0) out = copy_literal(out, separator, step.separator_size);
+      out = write_plan_value(step.element, from, 1, out);
+      if (out == nullptr) [[unlikely]]
+        return nullptr;
+      from += step.stride;
+    }
+    return out;
+  }
+
+  char* write_loop(const Step& step, const std::byte* from, char* out) {
+    const Step* const body = &step + 1;
+    const Step* const end = steps_.data() + step.end;
+    const char* const separator = literals_ + step.separator;
+    for (std::uint32_t k = 0; k < step.count; ++k) {
+      out = room_.ensure(out, step.separator_size);
+      if (k > 0) out = copy_literal(out, separator, step.separator_size);
+      out = run(body, end, from, out);
+      if (out == nullptr) return nullptr;
+      from += step.stride;
+    }
+    return out;
+  }
+
+  // Null when the value has no text: the member is then left out.
+  static char* write_optional(const Step& step, const std::byte* from, char* out) {
+    if (step.kind == StepKind::optional_f64) return write_plan_value(StepKind::json_f64, from, 1, out);
+    qvx_log_hex_dump_if_enabled(from, step.count);
+    std::string_view text(reinterpret_cast<const char*>(from), step.count);
+    text = text.substr(0, text.find('\0'));
+    if (!json::is_valid_utf8(text)) return nullptr;
+    *out++ = '"';
+    out = json::write_escaped(out, text);
+    *out++ = '"';
+    return out;
+  }
+
+  static void qvx_log_hex_dump_if_enabled(const std::byte* bytes, std::size_t size) {
+    if (QVX_LOG_IS_ENABLED(QVX_LOG_DEBUG)) qvx_log_hex_dump(bytes, size);
+  }
+
+  const std::vector<Step>& steps_;
+  const char* literals_;
+  [[no_unique_address]] Room room_;
+  LocalTimeText* clock_;
+};
+
+// Whether every value of the steps has a text; nothing is written.
+bool values_have_text(const std::vector<Step>& steps, const Step* step, const Step* end,
+                      const std::byte* base) {
+  for (; step != end; ++step) {
+    const std::byte* from = base + step->offset;
+    if (step->kind == StepKind::array) {
+      for (std::uint32_t k = 0; k < step->count; ++k, from += step->stride)
+        if (!plan_value_has_text(step->element, from)) return false;
+    } else if (step->kind == StepKind::loop) {
+      const Step* const after = steps.data() + step->end;
+      for (std::uint32_t k = 0; k < step->count; ++k, from += step->stride)
+        if (!values_have_text(steps, step + 1, after, from)) return false;
+      step = after - 1;
+    } else if (!plan_value_has_text(step->kind, from)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+bool RecordPlan::write(Bytes at_hand, std::string_view before, OutputSink& sink, LocalTimeText* clock) const {
+  if (at_hand.size() < bytes_needed_) return false;
+  const Step* const first = steps_.data();
+  const Step* const end = first + steps_.size();
+  if (max_text_ <= kInPlaceText) [[likely]] {
+    char* out = sink.reserve(max_text_ + before.size());
+    std::memcpy(out, before.data(), before.size());
+    Writer<InPlace> writer(steps_, literals_.data(), {}, clock);
+    out = writer.run(first, end, at_hand.data(), out + before.size());
+    if (out == nullptr) return false;
+    sink.commit(out);
+    return true;
+  }
+  // Too large to be taken back once parts of it are written out, so the values are looked at first.
+  if (!values_have_text(steps_, first, end, at_hand.data())) return false;
+  sink.write(before);
+  Writer<Piecewise> writer(steps_, literals_.data(), {sink}, clock);
+  sink.commit(writer.run(first, end, at_hand.data(), sink.reserve(0)));
+  return true;
+}
+
+std::optional<std::string> RecordPlan::text(Bytes at_hand, LocalTimeText* clock) const {
+  std::string text;
+  OutputSink sink(text);
+  if (!write(at_hand, {}, sink, clock)) return std::nullopt;
+  sink.flush();
+  return text;
+}
+
+void PlanBuilder::text(std::string_view literal) {
+  if (failed_) return;
+  if (plan_.literals_.size() + pending_.size() + literal.size() > kMaxLiterals) {
+    failed_ = true;
+    return;
+  }
+  pending_ += literal;
+}
+
+bool PlanBuilder::visit(std::uint64_t value_bytes) {
+  if (++visits_ > kMaxSteps) failed_ = true;
+  extent_.bytes = saturating_add(extent_.bytes, value_bytes);
+  if (value_bytes > 0) extent_.values = saturating_add(extent_.values, 1);
+  return !failed_;
+}
+
+Step& PlanBuilder::add(StepKind kind, std::uint64_t offset, std::uint64_t text_room) {
+  Step& step = plan_.steps_.emplace_back();
+  step.kind = kind;
+  step.literal = static_cast<std::uint32_t>(plan_.literals_.size());
+  step.literal_size = static_cast<std::uint32_t>(pending_.size());
+  // An offset that does not fit is never used: the plan then needs more bytes than any record has.
+  step.offset = static_cast<std::uint32_t>(offset);
+  plan_.literals_ += pending_;
+  extent_.text = saturating_add(extent_.text, pending_.size() + text_room);
+  pending_.clear();
+  return step;
+}
+
+void PlanBuilder::touch(std::uint64_t offset, std::uint64_t size, std::uint64_t count) {
+  extent_.reach = std::max(extent_.reach, saturating_add(offset, size));
+  extent_.bytes = saturating_add(extent_.bytes, saturating_multiply(size, count));
+  extent_.values = saturating_add(extent_.values, count);
+}
+
+void PlanBuilder::value(StepKind kind, std::uint64_t offset, std::uint32_t size) {
+  if (!visit()) return;
+  add(kind, offset, value_room(kind, 1));
+  touch(offset, size, 1);
+}
+
+void PlanBuilder::characters(StepKind kind, std::uint64_t offset, std::uint32_t length) {
+  if (!visit()) return;
+  add(kind, offset, value_room(kind, length)).count = length;
+  touch(offset, length, 1);
+}
+
+void PlanBuilder::array(StepKind element, std::uint64_t offset, std::uint32_t count, std::uint64_t stride,
+                        std::uint32_t element_size, std::string_view separator) {
+  if (!visit() || count == 0) return;
+  const std::uint64_t room =
+      saturating_multiply(count, value_room(element, 1) + separator.size() + kLiteralPiece);
+  Step& step = add(StepKind::array, offset, room);
+  step.element = element;
+  step.count = count;
+  step.stride = static_cast<std::uint32_t>(stride);
+  step.separator = static_cast<std::uint32_t>(plan_.literals_.size());
+  step.separator_size = static_cast<std::uint32_t>(separator.size());
+  plan_.literals_ += separator;
+  touch(saturating_add(offset, saturating_multiply(stride, count - 1)), element_size, count);
+}
+
+void PlanBuilder::open_loop(std::uint64_t offset, std::uint32_t count, std::uint64_t stride,
+                            std::string_view separator) {
+  if (!visit()) return;
+  Step& step = add(StepKind::loop, offset, 0);
+  step.count = count;
+  step.stride = static_cast<std::uint32_t>(stride);
+  step.separator = static_cast<std::uint32_t>(plan_.literals_.size());
+  step.separator_size = static_cast<std::uint32_t>(separator.size());
+  plan_.literals_ += separator;
+  loops_.push_back({plan_.steps_.size() - 1, offset, stride, extent_});
+  extent_ = {};
+}
+
+void PlanBuilder::close_loop() {
+  if (failed_) return;
+  structure(StepKind::literal);
+  const OpenLoop loop = loops_.back();
+  loops_.pop_back();
+  Step& step = plan_.steps_[loop.step];
+  step.end = static_cast<std::uint32_t>(plan_.steps_.size());
+  const Extent body = std::exchange(extent_, loop.outer);
+  if (step.count == 0) return;
+  const std::uint64_t last = saturating_add(loop.offset, saturating_multiply(loop.stride, step.count - 1));
+  extent_.reach = std::max(extent_.reach, saturating_add(last, body.reach));
+  extent_.bytes = saturating_add(extent_.bytes, saturating_multiply(body.bytes, step.count));
+  extent_.values = saturating_add(extent_.values, saturating_multiply(body.values, step.count));
+  extent_.text = saturating_add(
+      extent_.text, saturating_multiply(saturating_add(body.text, step.separator_size), step.count));
+}
+
+void PlanBuilder::structure(StepKind kind) {
+  if (failed_) return;
+  if (kind == StepKind::literal && pending_.empty()) return;
+  add(kind, 0, value_room(kind, 1));
+}
+
+std::optional<RecordPlan> PlanBuilder::finish(Sharing sharing) {
+  structure(StepKind::literal);
+  if (failed_) return std::nullopt;
+  plan_.max_text_ = saturating_add(extent_.text, 2 * kLiteralPiece);
+  plan_.bytes_needed_ = extent_.reach;
+  if (sharing == Sharing::none || extent_.values > kMaxSharedValues)
+    plan_.bytes_needed_ = std::max(extent_.reach, extent_.bytes);
+  plan_.literals_.append(kLiteralPiece, '\0');
+  plan_.literals_.shrink_to_fit();
+  plan_.steps_.shrink_to_fit();
+  return std::move(plan_);
+}
+
+}  // namespace qvx

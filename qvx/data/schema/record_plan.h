@@ -1,0 +1,158 @@
+// The record plan: how records of one type become text.
+//
+// A type is compiled once, when it is first used, to a flat list of steps. Each step writes one literal
+// (separator, indentation, quoted and escaped key, in one piece) and then one value read at a known offset;
+// arrays are one step with a count, nested records are flattened. Compact JSON, pretty JSON, Influx text and
+// counters blocks differ in their literals and value kinds only. Writing a record allocates nothing, looks
+// nothing up and checks the room once.
+//
+// What a schema says about sizes is not trusted: a plan knows how many bytes its record needs, and refuses
+// one that has fewer. The number of steps is limited when the plan is built.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "qvx/support/bytes.h"
+#include "qvx/support/clock.h"
+#include "qvx/support/output_sink.h"
+
+namespace qvx {
+
+enum class StepKind : std::uint8_t {
+  literal,  // no value
+  // Integers as decimal digits.
+  u8,
+  i8,
+  u16,
+  i16,
+  u32,
+  i32,
+  u64,
+  i64,
+  // JSON numbers, which are doubles: 64-bit integers beyond 2^53 are rounded, NaN and infinities fail the
+  // record.
+  json_u64,
+  json_i64,
+  json_f32,
+  json_f64,
+  // Influx values.
+  influx_bool,
+  influx_f32,
+  influx_f64,
+  // Up to `count` bytes, ending before the first that is not printable ASCII; escaped for JSON, or as they
+  // are.
+  json_characters,
+  influx_characters,
+  // Writes nothing, but fails the record where the JSON number would: the value of a shadowed member.
+  check_f32,
+  check_f64,
+  array,  // `count` values of one kind, a separator between them
+  loop,   // `count` times the steps up to `end`, a separator between the rounds
+  // Members of an object that may lose some of them. The literal begins with the separator, which is left out
+  // while the object is empty.
+  object_open,
+  object_close,   // the literal, or "}" alone while the object is empty
+  member,         // the literal only; the value is the next step
+  optional_f64,   // left out when it is no JSON number
+  optional_text,  // up to `count` bytes and to the first NUL; left out when it is not UTF-8
+  local_time,     // a timestamp in microseconds as quoted local time; left out when it cannot be converted
+};
+
+struct Step {
+  StepKind kind = StepKind::literal;
+  StepKind element = StepKind::literal;  // of an array
+  std::uint32_t literal = 0;             // position in the plan's literals
+  std::uint32_t literal_size = 0;
+  std::uint32_t offset = 0;  // from the start of the record, or of the round of a loop
+  std::uint32_t count = 1;
+  std::uint32_t stride = 0;  // bytes from one element or round to the next
+  std::uint32_t separator = 0;
+  std::uint32_t separator_size = 0;
+  std::uint32_t end = 0;  // of a loop: the step behind its last
+};
+
+class RecordPlan {
+ public:
+  // Bytes that must be at hand from the start of a record on.
+  std::uint64_t bytes_needed() const { return bytes_needed_; }
+
+  // Writes the text of the record that begins at the first of the bytes at hand, with `before` ahead of it.
+  // False, with nothing written, when there are too few bytes or a value has no text. `clock` converts local
+  // times; plans without one take null. Throws std::bad_alloc only when a single piece of text outgrows the
+  // sink's buffer.
+  bool write(Bytes at_hand, std::string_view before, OutputSink& sink, LocalTimeText* clock = nullptr) const;
+
+  // The same text as a string.
+  std::optional<std::string> text(Bytes at_hand, LocalTimeText* clock = nullptr) const;
+
+ private:
+  friend class PlanBuilder;
+
+  std::vector<Step> steps_;
+  std::string
+      literals_;  // with readable bytes behind the last one, so that literals are copied in whole words
+  std::uint64_t bytes_needed_ = 0;
+  std::uint64_t max_text_ = 0;
+};
+
+// Builds one plan from front to back. Once a limit is passed everything else is ignored and finish() gives
+// nothing.
+class PlanBuilder {
+ public:
+  // How a plan treats the sum of all value sizes, beside the furthest byte that is read.
+  enum class Sharing {
+    none,     // a record must hold as many bytes as its values take together
+    allowed,  // values may be read more than once, as long as there are not excessively many of them
+  };
+
+  // Text that stands before the next value.
+  void text(std::string_view literal);
+
+  void value(StepKind kind, std::uint64_t offset, std::uint32_t size);
+  void characters(StepKind kind, std::uint64_t offset, std::uint32_t length);
+  void array(StepKind element, std::uint64_t offset, std::uint32_t count, std::uint64_t stride,
+             std::uint32_t element_size, std::string_view separator);
+
+  // The steps added until close_loop() are one round; their offsets count from `offset` + round × `stride`.
+  void open_loop(std::uint64_t offset, std::uint32_t count, std::uint64_t stride, std::string_view separator);
+  void close_loop();
+
+  // Ends the pending text in a step of its own.
+  void structure(StepKind kind);
+
+  // Counts one visited field or empty object against the limits; false when the plan has failed.
+  bool visit(std::uint64_t value_bytes = 0);
+
+  std::optional<RecordPlan> finish(Sharing sharing);
+
+ private:
+  struct Extent {
+    std::uint64_t reach = 0;   // furthest byte read, from the start of the record or round
+    std::uint64_t bytes = 0;   // sizes of all values together
+    std::uint64_t values = 0;  // number of all values
+    std::uint64_t text = 0;    // room that the text may take
+  };
+  struct OpenLoop {
+    std::size_t step;
+    std::uint64_t offset;
+    std::uint64_t stride;
+    Extent outer;
+  };
+
+  Step& add(StepKind kind, std::uint64_t offset, std::uint64_t text_room);
+  void touch(std::uint64_t offset, std::uint64_t size, std::uint64_t count);
+
+  RecordPlan plan_;
+  std::string pending_;
+  Extent extent_;
+  std::vector<OpenLoop> loops_;
+  std::size_t visits_ = 0;
+  bool failed_ = false;
+};
+
+}  // namespace qvx
