@@ -1,0 +1,168 @@
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <string_view>
+
+#include "qvx/counters/counters_block.h"
+#include "qvx/data/block.h"
+#include "qvx/support/format.h"
+#include "qvx/support/number.h"
+
+namespace qvx {
+namespace {
+
+constexpr std::size_t kColumnWidth = 20;
+// Room for one cell: the longest double has 309 digits before its point.
+constexpr std::size_t kCellRoom = kFixedNumberRoom + 2 * kColumnWidth;
+constexpr std::uint64_t kMaxSharedValues = 65536;
+
+char* put(char* out, std::string_view text) {
+  std::memcpy(out, text.data(), text.size());
+  return out + text.size();
+}
+
+// Right-aligned in the width; longer text pushes the cell wider.
+char* put_aligned(char* out, std::string_view text, std::size_t width) {
+  if (text.size() < width) {
+    std::memset(out, ' ', width - text.size());
+    out += width - text.size();
+  }
+  return put(out, text);
+}
+
+char* put_fixed3(char* to, double value) {
+  if (std::isnan(value)) return put(to, std::signbit(value) ? "-nan" : "nan");
+  return std::to_chars(to, to + kFixedNumberRoom, value, std::chars_format::fixed, 3).ptr;
+}
+
+char* put_hexadecimal(char* to, std::uint64_t value) {
+  char* const end = std::to_chars(to, to + kNumberRoom, value, 16).ptr;
+  for (char* digit = to; digit != end; ++digit)
+    if (*digit >= 'a') *digit = static_cast<char>(*digit - 'a' + 'A');
+  return end;
+}
+
+// The slot's first bytes as text, which may go on into the slots behind it.
+char* put_text_cell(char* out, Bytes from_slot) {
+  std::string_view text = as_text(from_slot.first(std::min(from_slot.size(), kColumnWidth)));
+  text = text.substr(0, text.find('\0'));
+  return put(put_aligned(out, text, kColumnWidth), " |");
+}
+
+char* put_cell(char* out, std::uint32_t data_type, Bytes values, std::uint64_t slot) {
+  const std::uint64_t offset = slot * kCounterSlotSize;
+  const Bytes from_slot = offset < values.size() ? values.subspan(offset) : Bytes();
+  *out++ = ' ';
+  if (data_type == QVX_COUNTER_STRING) return put_text_cell(out, from_slot);
+  std::array<std::byte, kCounterSlotSize> bytes{};
+  std::copy_n(from_slot.begin(), std::min(from_slot.size(), bytes.size()), bytes.begin());
+  char digits[kFixedNumberRoom];
+  const auto text_to = [&digits](const char* end) {
+    return std::string_view(digits, static_cast<std::size_t>(end - digits));
+  };
+  switch (data_type) {
+    case QVX_COUNTER_UINT64: {
+      const auto value = load_le<std::uint64_t>(bytes.data());
+      return put(put_aligned(out, text_to(write_decimal(digits, value)), kColumnWidth), "(u) |");
+    }
+    case QVX_COUNTER_FP64: {
+      const auto value = load_le<double>(bytes.data());
+      return put(put_aligned(out, text_to(put_fixed3(digits, value)), 16), " |");
+    }
+    case QVX_COUNTER_BIT64: {
+      const auto value = load_le<std::uint64_t>(bytes.data());
+      return put(put_aligned(out, text_to(put_hexadecimal(digits, value)), kColumnWidth), " |");
+    }
+    default: {
+      const auto value = load_le<std::int64_t>(bytes.data());
+      if (value <= 999)
+        return put(put_aligned(out, text_to(write_decimal(digits, value)), kColumnWidth), " |");
+      return put(put_aligned(out, text_to(write_decimal(digits, value / 1000)), kColumnWidth - 2), " k |");
+    }
+  }
+}
+
+}  // namespace
+
+CountersTables::CountersTables(const qvx_counters_schema& schema) {
+  constexpr std::size_t kCellWidth = kColumnWidth + 3;
+  for (const auto& from : schema.groups) {
+    Group& group = groups_.emplace_back();
+    const std::size_t columns = from->counters.size();
+    const char* const granularity =
+        from->num_counter_sets > 0 ? granularity_name(from->granularity) : nullptr;
+    const std::string label = granularity != nullptr ? granularity : "";
+    std::size_t width = kCellWidth * columns + 1;
+    if (granularity != nullptr) {
+      group.row_label_width = label.size();
+      width += label.size() + 3;
+    }
+    group.rows = from->num_counter_sets;
+    group.rule = std::string(width, '-') + "\n";
+    group.head = group.rule;
+    // Negative for a table without columns, which printf takes for left alignment and no precision.
+    const int title_width = static_cast<int>(width) - static_cast<int>(kCellWidth);
+    append_format(group.head, "| Counter values per %-*.*s |\n", title_width, title_width, label.c_str());
+    group.head += group.rule + "|";
+    if (granularity != nullptr) group.head += " " + label + " |";
+    for (const auto& counter : from->counters) {
+      append_format(group.head, " %*s |", static_cast<int>(kColumnWidth), counter->name.value_or("").c_str());
+      group.data_types.push_back(counter->data_type);
+    }
+    group.head += "\n" + group.rule;
+  }
+}
+
+void CountersTables::write(Bytes block, OutputSink& sink, LocalTimeText& clock) const {
+  const CountersHeader header = counters_header_decode(block);
+  char time[LocalTimeText::kRoom];
+  std::size_t time_size = clock.write(time, header.timestamp);
+  if (time_size == 0)
+    time_size =
+        static_cast<std::size_t>(write_decimal(time, static_cast<std::int64_t>(header.timestamp)) - time);
+  sink.write("Data collected at ");
+  sink.write({time, time_size});
+  sink.write("\n");
+  const Bytes values = block.subspan(std::min(block.size(), kCountersHeaderSize));
+  for (const Group& group : groups_) {
+    sink.write(group.head);
+    write_rows(group, values, sink);
+    sink.write(group.rule);
+  }
+}
+
+void CountersTables::write_rows(const Group& group, Bytes values, OutputSink& sink) {
+  const std::uint64_t columns = std::max<std::size_t>(group.data_types.size(), 1);
+  const std::uint64_t limit = std::max(kMaxSharedValues, values.size() / kCounterSlotSize) / columns;
+  const std::uint64_t rows = std::min<std::uint64_t>(group.rows, std::max<std::uint64_t>(limit, 1));
+  for (std::uint64_t row = 0; row < rows; ++row) {
+    char* out = sink.reserve(kNumberRoom + group.row_label_width);
+    *out++ = '|';
+    if (group.row_label_width > 0) {
+      char digits[kNumberRoom];
+      const char* const end = write_decimal(digits, row);
+      *out++ = ' ';
+      out = put_aligned(out, {digits, static_cast<std::size_t>(end - digits)}, group.row_label_width);
+      out = put(out, " |");
+    }
+    sink.commit(out);
+    for (std::size_t column = 0; column < group.data_types.size(); ++column) {
+      const std::uint64_t slot = column + group.data_types.size() * row;
+      sink.commit(put_cell(sink.reserve(kCellRoom), group.data_types[column], values, slot));
+    }
+    sink.write("\n");
+  }
+}
+
+}  // namespace qvx
+
+void qvx_counters_block_print(std::FILE* stream, qvx::Bytes block, const qvx_counters_schema* schema) {
+  std::string text;
+  qvx::LocalTimeText clock;
+  {
+    qvx::OutputSink sink(text);
+    qvx::CountersTables(*schema).write(block, sink, clock);
+  }
+  std::fwrite(text.data(), 1, text.size(), stream);
+}
