@@ -28,6 +28,18 @@ std::string_view pascal_string(Cursor& cursor, std::size_t limit) {
   return as_text(text.first(std::min(text.size(), limit)));
 }
 
+bool has_uncompressed_size(const PageBlock& block, std::size_t size) {
+  if (encoded_uncompressed_size(block.header.encoding, block.data) == size) return true;
+  QVX_LOG(QVX_LOG_ERROR, "invalid buffer size to uncompress qvxp data");
+  return false;
+}
+
+bool decompress(const PageBlock& block, PageBuffer& to) {
+  const Decompressed result = encoded_decompress_into(block.header.encoding, block.data, to.bytes());
+  if (result.ok) to.clear_from(result.produced);
+  return result.ok;
+}
+
 }  // namespace
 
 bool page_block_read(Bytes unit, PageBlock& block) noexcept {
@@ -61,11 +73,11 @@ bool page_block_read(Bytes unit, PageBlock& block) noexcept {
 }
 
 bool qvxp_uncompress(const PageBlock& block, std::span<std::byte> to) {
-  if (encoded_uncompressed_size(block.header.encoding, block.data) != to.size()) {
-    QVX_LOG(QVX_LOG_ERROR, "invalid buffer size to uncompress qvxp data");
-    return false;
-  }
-  return encoded_decompress(block.header.encoding, block.data, to);
+  return has_uncompressed_size(block, to.size()) && encoded_decompress(block.header.encoding, block.data, to);
+}
+
+bool qvxp_uncompress(const PageBlock& block, PageBuffer& to) {
+  return has_uncompressed_size(block, to.bytes().size()) && decompress(block, to);
 }
 
 PageBuffer qvxp_uncompress_alloc(const PageBlock& block, std::uint64_t* out_size) {
@@ -80,9 +92,7 @@ PageBuffer qvxp_uncompress_alloc(const PageBlock& block, std::uint64_t* out_size
     QVX_LOG(QVX_LOG_ERROR, "Failed to allocate data block of size %lu: %s", size, std::strerror(errno));
     return {};
   }
-  const Decompressed result = encoded_decompress_into(block.header.encoding, block.data, buffer.bytes());
-  if (!result.ok) return {};
-  buffer.clear_from(result.produced);
+  if (!decompress(block, buffer)) return {};
   return buffer;
 }
 

@@ -54,9 +54,6 @@ struct PageBlock {
 // into it or its end magic is missing; header bytes that are not there read as zero.
 bool page_block_read(Bytes unit, PageBlock& block) noexcept;
 
-// Decompresses into a buffer of exactly the uncompressed size.
-bool qvxp_uncompress(const PageBlock& block, std::span<std::byte> to);
-
 // The bytes of an unpacked page. A large size that a block merely claims costs no memory: such a buffer comes
 // from the system page by page as it is written, and reads as zero where nothing was.
 class PageBuffer {
@@ -80,6 +77,10 @@ class PageBuffer {
   std::size_t size_ = 0;
   bool mapped_ = false;
 };
+
+// Decompresses into a buffer of exactly the uncompressed size. False on failure, which is logged.
+bool qvxp_uncompress(const PageBlock& block, std::span<std::byte> to);
+bool qvxp_uncompress(const PageBlock& block, PageBuffer& to);
 
 // Allocates the buffer itself, after storing the uncompressed size in `out_size`; empty on failure, which is
 // logged.

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
@@ -30,6 +31,7 @@ struct Logger {
   bool imported = false;
   // The level alone cannot tell: QVX_API_LOG_LEVEL may set it to the very value that means "not initialised".
   bool lazy_init_done = false;
+  std::atomic<std::uint64_t> messages = 0;
 };
 
 Logger logger;
@@ -177,6 +179,7 @@ bool log_enabled(std::uint32_t level) {
 }
 
 qvx_log_function log_target() {
+  logger.messages.fetch_add(1, std::memory_order_relaxed);
   return logger.callback != nullptr ? logger.callback : write_message;
 }
 
@@ -263,6 +266,10 @@ bool qvx_logger_import_state(const qvx_logger_state* state) {
   if (state->sink == kSinkCallback) logger.callback = state->callback;
   if (has_stream) logger.stream = state->stream;
   return true;
+}
+
+std::uint64_t qvx_logged_messages() {
+  return logger.messages.load(std::memory_order_relaxed);
 }
 
 void qvx_log_hex_dump(const void* bytes, std::size_t size) {

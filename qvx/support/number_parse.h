@@ -1,6 +1,6 @@
 // Numbers from text: decimal, hexadecimal after "0x", octal after "0", white space and a sign before them.
-// The whole text must be a number; an empty one is 0. On failure, also of a null text or result, the result is left alone.
-// As in the C library, a minus sign before an unsigned number negates it modulo its width.
+// The whole text must be a number; an empty one is 0. On failure, also of a null text or result, the result
+// is left alone. As in the C library, a minus sign before an unsigned number negates it modulo its width.
 #pragma once
 
 #include <cstddef>
