@@ -18,17 +18,17 @@ class CountersCompiler {
 
   void block(const qvx_counters_schema& schema) {
     constexpr std::uint64_t kTimestamp = offset_of(kCountersBlockLayout, "timestamp");
-    builder_.text("{" + spelling_.line(1) + spelling_.key("timestamp"));
+    builder_.text("{", spelling_.line(1), spelling_.key("timestamp"));
     builder_.value(StepKind::json_u64, kTimestamp, sizeof(std::uint64_t));
-    builder_.text(spelling_.item(false, 1) + spelling_.key("@timestamp"));
+    builder_.text(spelling_.item(false, 1), spelling_.key("@timestamp"));
     builder_.value(StepKind::local_time, kTimestamp, sizeof(std::uint64_t));
-    builder_.text(spelling_.item(false, 1) + spelling_.key("groups") + "[");
+    builder_.text(spelling_.item(false, 1), spelling_.key("groups"), "[");
     for (std::size_t index = 0; index < schema.groups.size(); ++index) {
       builder_.text(spelling_.item(index == 0, 2));
       group(*schema.groups[index]);
     }
     if (!schema.groups.empty()) builder_.text(spelling_.line(1));
-    builder_.text("]" + spelling_.line(0) + "}");
+    builder_.text("]", spelling_.line(0), "}");
   }
 
  private:
@@ -36,7 +36,7 @@ class CountersCompiler {
     constexpr std::size_t kDepth = 3;  // of the group's members
     bool first = true;
     const auto begin_member = [&](std::string_view name) {
-      builder_.text(spelling_.item(first, kDepth) + spelling_.key(name));
+      builder_.text(spelling_.item(first, kDepth), spelling_.key(name));
       first = false;
     };
     const auto text_member = [&](std::string_view name, std::string_view value) {
@@ -60,7 +60,7 @@ class CountersCompiler {
       builder_.close_loop();
       builder_.text(spelling_.line(kDepth));
     }
-    builder_.text("]" + spelling_.line(kDepth - 1) + "}");
+    builder_.text("]", spelling_.line(kDepth - 1), "}");
   }
 
   static bool is_optional(const qvx_counter_info& counter) {
@@ -90,7 +90,7 @@ class CountersCompiler {
     if (!certain) builder_.structure(StepKind::object_open);
     for (std::size_t index = 0; index < order.size(); ++index) {
       const qvx_counter_info& counter = *shown[order[index]];
-      builder_.text(spelling_.item(index == 0 && certain, depth) + spelling_.key(order[index]));
+      builder_.text(spelling_.item(index == 0 && certain, depth), spelling_.key(order[index]));
       if (is_optional(counter)) {
         optional_value(counter);
         continue;
@@ -99,7 +99,7 @@ class CountersCompiler {
       certain = true;
       builder_.value(counter_kind(counter), offset_in_block(counter), kCounterSlotSize);
     }
-    builder_.text(spelling_.line(depth - 1) + "}");
+    builder_.text(spelling_.line(depth - 1), "}");
     if (!certain) builder_.structure(StepKind::object_close);
   }
 

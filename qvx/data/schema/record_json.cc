@@ -14,9 +14,15 @@ namespace qvx {
 std::string JsonSpelling::line(std::size_t depth) const {
   std::string text;
   if (!pretty_) return text;
-  text = "\n";
+  text.push_back('\n');
   for (std::size_t level = 0; level < depth; ++level)
     text += json::kIndentation;
+  return text;
+}
+
+std::string JsonSpelling::item(bool first, std::size_t depth) const {
+  std::string text = line(depth);
+  if (!first) text.insert(text.begin(), ',');
   return text;
 }
 
@@ -88,7 +94,7 @@ class JsonCompiler {
       // a text all the same.
       if (field.get() != &shown && !value(*field, base, depth + 1, true)) return false;
       if (written[name]) continue;
-      builder_.text(spelling_.item(written.size() == 1, depth + 1) + spelling_.key(name));
+      builder_.text(spelling_.item(written.size() == 1, depth + 1), spelling_.key(name));
       written[name] = true;
       if (!value(shown, base, depth + 1, false)) return false;
     }
@@ -128,9 +134,9 @@ class JsonCompiler {
       builder_.array(shown_kind, offset, field.array_length, field.type_size, size, "");
       return true;
     }
-    builder_.text("[" + spelling_.line(depth + 1));
+    builder_.text("[", spelling_.line(depth + 1));
     builder_.array(kind, offset, field.array_length, field.type_size, size, spelling_.item(false, depth + 1));
-    builder_.text(spelling_.line(depth) + "]");
+    builder_.text(spelling_.line(depth), "]");
     return true;
   }
 
@@ -143,11 +149,11 @@ class JsonCompiler {
       builder_.close_loop();
       return true;
     }
-    builder_.text("[" + spelling_.line(depth + 1));
+    builder_.text("[", spelling_.line(depth + 1));
     builder_.open_loop(offset, field.array_length, field.type_size, spelling_.item(false, depth + 1));
     if (!object(*field.type, 0, depth + 1)) return false;
     builder_.close_loop();
-    builder_.text(spelling_.line(depth) + "]");
+    builder_.text(spelling_.line(depth), "]");
     return true;
   }
 

@@ -19,7 +19,7 @@ class JsonSpelling {
   explicit JsonSpelling(json::Style style) : pretty_(style == json::Style::pretty) {}
 
   std::string line(std::size_t depth) const;
-  std::string item(bool first, std::size_t depth) const { return (first ? "" : ",") + line(depth); }
+  std::string item(bool first, std::size_t depth) const;
   // The quoted, escaped name and the colon.
   std::string key(std::string_view name) const;
 

@@ -78,10 +78,16 @@ class Writer {
     for (; step != end; ++step) {
       if constexpr (!std::is_same_v<Room, InPlace>)
         out = room_.ensure(out, step->literal_size + value_room(step->kind, step->count));
-      char* const start = out;
       const char* literal = literals_ + step->literal;
       std::size_t literal_size = step->literal_size;
       const std::byte* const from = base + step->offset;
+      if (step->kind <= StepKind::last_plain) [[likely]] {
+        out = write_plan_value(step->kind, from, step->count, copy_literal(out, literal, literal_size));
+        if (out == nullptr) [[unlikely]]
+          return nullptr;
+        continue;
+      }
+      char* const start = out;
       switch (step->kind) {
         case StepKind::array:
           out = copy_literal(out, literal, literal_size);
@@ -131,8 +137,6 @@ class Writer {
           break;
         }
         default:
-          out = copy_literal(out, literal, literal_size);
-          out = write_plan_value(step->kind, from, step->count, out);
           break;
       }
       if (out == nullptr) [[unlikely]]
@@ -243,7 +247,7 @@ std::optional<std::string> RecordPlan::text(Bytes at_hand, LocalTimeText* clock)
   return text;
 }
 
-void PlanBuilder::text(std::string_view literal) {
+void PlanBuilder::add_text(std::string_view literal) {
   if (failed_) return;
   if (plan_.literals_.size() + pending_.size() + literal.size() > kMaxLiterals) {
     failed_ = true;

@@ -51,8 +51,9 @@ enum class StepKind : std::uint8_t {
   // Writes nothing, but fails the record where the JSON number would: the value of a shadowed member.
   check_f32,
   check_f64,
-  array,  // `count` values of one kind, a separator between them
-  loop,   // `count` times the steps up to `end`, a separator between the rounds
+  last_plain = check_f64,  // up to here: one literal, then one value
+  array,                   // `count` values of one kind, a separator between them
+  loop,                    // `count` times the steps up to `end`, a separator between the rounds
   // Members of an object that may lose some of them. The literal begins with the separator, which is left out
   // while the object is empty.
   object_open,
@@ -111,7 +112,10 @@ class PlanBuilder {
   };
 
   // Text that stands before the next value.
-  void text(std::string_view literal);
+  template <typename... Pieces>
+  void text(const Pieces&... pieces) {
+    (add_text(pieces), ...);
+  }
 
   void value(StepKind kind, std::uint64_t offset, std::uint32_t size);
   void characters(StepKind kind, std::uint64_t offset, std::uint32_t length);
@@ -144,6 +148,7 @@ class PlanBuilder {
     Extent outer;
   };
 
+  void add_text(std::string_view literal);
   Step& add(StepKind kind, std::uint64_t offset, std::uint64_t text_room);
   void touch(std::uint64_t offset, std::uint64_t size, std::uint64_t count);
 
