@@ -1,0 +1,45 @@
+// The data that the benchmarks decode: made from a fixed seed, so that every run measures the same bytes.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "qvx/counters/counters_schema.h"
+#include "qvx/data/schema/schema.h"
+#include "qvx/data/schema/type_system.h"
+
+namespace qvx::bench {
+
+// One event type of 12 fields, three of them fractional doubles and one a name of up to 16 characters.
+inline constexpr std::size_t kEventFields = 12;
+inline constexpr std::size_t kEventSize = 77;
+// One group of counters, read as a whole from every block.
+inline constexpr std::size_t kCounters = 100;
+
+enum class Payload { events, counters };
+enum class Pages { plain, gzip, snappy };
+
+TypeSystemPtr make_type_system();
+
+// `count` records of the event type, one after the other.
+std::vector<std::byte> make_event_records(std::size_t count);
+
+// One counters block; successive seeds give successive samples.
+std::vector<std::byte> make_counters_block(std::uint64_t seed);
+
+std::vector<std::byte> compress_gzip(const std::vector<std::byte>& data);
+std::vector<std::byte> compress_snappy(const std::vector<std::byte>& data);
+
+struct DataFile {
+  std::string path;
+  std::uint64_t bytes = 0;   // of the file
+  std::uint64_t values = 0;  // fields of records, or counter samples
+};
+
+// Writes a data file of about `data_bytes` bytes of blocks, before compression, and the schema files it
+// names, below `folder`. Throws std::runtime_error when a file cannot be written.
+DataFile make_data_file(const std::string& folder, Payload payload, Pages pages, std::uint64_t data_bytes);
+
+}  // namespace qvx::bench

@@ -1,0 +1,144 @@
+// The stages behind number text: record plan, counters plan, page inflate, and a whole file through the
+// reader's loop.
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <snappy.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "bench/bench_data.h"
+#include "qvx/counters/counters_block.h"
+#include "qvx/data/encoded_payload.h"
+#include "qvx/data/schema/record_influx.h"
+#include "qvx/data/schema/record_json.h"
+#include "qvx/reader/process_files.h"
+
+namespace {
+
+using qvx::Bytes;
+using qvx::OutputSink;
+using qvx::RecordPlan;
+using qvx::json::Style;
+
+constexpr std::size_t kRecords = 4096;
+
+void report(benchmark::State& state, std::size_t values, std::size_t bytes) {
+  const auto rounds = static_cast<double>(state.iterations());
+  state.counters["values"] =
+      benchmark::Counter(rounds * static_cast<double>(values), benchmark::Counter::kIsRate);
+  state.SetBytesProcessed(static_cast<std::int64_t>(rounds * static_cast<double>(bytes)));
+}
+
+// Writes all records over and over into a sink that drops them.
+void run_plan(benchmark::State& state, const RecordPlan& plan) {
+  const std::vector<std::byte> records = qvx::bench::make_event_records(kRecords);
+  const int null = open("/dev/null", O_WRONLY);
+  OutputSink sink(null);
+  for (auto _ : state) {
+    Bytes left(records);
+    while (!left.empty()) {
+      benchmark::DoNotOptimize(plan.write(left, "", sink));
+      left = left.subspan(qvx::bench::kEventSize);
+    }
+  }
+  report(state, kRecords * qvx::bench::kEventFields, records.size());
+  close(null);
+}
+
+void record_plan_ndjson(benchmark::State& state) {
+  const auto ts = qvx::bench::make_type_system();
+  run_plan(state, *qvx::compile_json_plan(*ts->schemas[0]->types[0], Style::compact, "\n"));
+}
+BENCHMARK(record_plan_ndjson)->Name("record plan/ndjson");
+
+void record_plan_json(benchmark::State& state) {
+  const auto ts = qvx::bench::make_type_system();
+  run_plan(state, *qvx::compile_json_plan(*ts->schemas[0]->types[0], Style::pretty, ""));
+}
+BENCHMARK(record_plan_json)->Name("record plan/json");
+
+void record_plan_influx(benchmark::State& state) {
+  const auto ts = qvx::bench::make_type_system();
+  run_plan(state, *qvx::compile_influx_plan(*ts->schemas[0]->types[0]));
+}
+BENCHMARK(record_plan_influx)->Name("record plan/influx");
+
+void counters_plan_ndjson(benchmark::State& state) {
+  const auto ts = qvx::bench::make_type_system();
+  const auto plan = qvx::compile_counters_plan(*ts->counters_schema, Style::compact, "\n");
+  const std::vector<std::byte> block = qvx::bench::make_counters_block(1);
+  const int null = open("/dev/null", O_WRONLY);
+  OutputSink sink(null);
+  qvx::LocalTimeText clock;
+  for (auto _ : state)
+    benchmark::DoNotOptimize(plan->write(block, "", sink, &clock));
+  report(state, qvx::bench::kCounters, block.size());
+  close(null);
+}
+BENCHMARK(counters_plan_ndjson)->Name("counters plan/ndjson");
+
+void counters_tables(benchmark::State& state) {
+  const auto ts = qvx::bench::make_type_system();
+  const qvx::CountersTables tables(*ts->counters_schema);
+  const std::vector<std::byte> block = qvx::bench::make_counters_block(1);
+  const int null = open("/dev/null", O_WRONLY);
+  OutputSink sink(null);
+  qvx::LocalTimeText clock;
+  for (auto _ : state)
+    tables.write(block, sink, clock);
+  report(state, qvx::bench::kCounters, block.size());
+  close(null);
+}
+BENCHMARK(counters_tables)->Name("counters tables/txt");
+
+void page_inflate(benchmark::State& state, std::uint8_t encoding) {
+  const std::vector<std::byte> page =
+      qvx::bench::make_event_records(static_cast<std::size_t>(state.range(0)) / qvx::bench::kEventSize);
+  const std::vector<std::byte> encoded =
+      encoding == QVX_ENCODING_GZIP ? qvx::bench::compress_gzip(page) : qvx::bench::compress_snappy(page);
+  std::vector<std::byte> to(page.size());
+  for (auto _ : state)
+    benchmark::DoNotOptimize(qvx::encoded_decompress(encoding, encoded, to));
+  report(state, page.size() / qvx::bench::kEventSize * qvx::bench::kEventFields, page.size());
+}
+BENCHMARK_CAPTURE(page_inflate, gzip, std::uint8_t{QVX_ENCODING_GZIP})
+    ->Name("page inflate/gzip")
+    ->Arg(64 << 10)
+    ->Arg(1 << 20);
+BENCHMARK_CAPTURE(page_inflate, snappy, std::uint8_t{QVX_ENCODING_SNAPPY})
+    ->Name("page inflate/snappy")
+    ->Arg(64 << 10)
+    ->Arg(1 << 20);
+
+void whole_file(benchmark::State& state, qvx::bench::Payload payload) {
+  char folder[] = "/tmp/qvx_bench_XXXXXX";
+  if (mkdtemp(folder) == nullptr) {
+    state.SkipWithError("no temporary folder");
+    return;
+  }
+  const qvx::bench::DataFile file =
+      qvx::bench::make_data_file(folder, payload, qvx::bench::Pages::plain, 16 << 20);
+  qvx::ReaderOptions options;
+  qvx::reader_options_set_defaults(options);
+  options.format = qvx::OutputFormat::ndjson;
+  options.schema_path = std::string(folder) + "/schema";
+  qvx::append(options.input_files, file.path.c_str());
+  qvx::append(options.include_counters, "*");
+  const int null = open("/dev/null", O_WRONLY);
+  for (auto _ : state) {
+    OutputSink sink(null);
+    benchmark::DoNotOptimize(qvx::process_files(options, sink));
+  }
+  report(state, file.values, file.bytes);
+  close(null);
+  [[maybe_unused]] const int removed = std::system(("rm -r " + std::string(folder)).c_str());
+}
+BENCHMARK_CAPTURE(whole_file, events, qvx::bench::Payload::events)->Name("whole file/events ndjson");
+BENCHMARK_CAPTURE(whole_file, counters, qvx::bench::Payload::counters)->Name("whole file/counters ndjson");
+
+}  // namespace
