@@ -60,7 +60,8 @@ inline char* write_json_double(char* out, double value) {
 }
 
 // Null when a JSON number cannot be made of the value.
-inline char* write_plan_value(StepKind kind, const std::byte* from, std::uint32_t count, char* out) {
+[[gnu::always_inline]] inline char* write_plan_value(StepKind kind, const std::byte* from,
+                                                     std::uint32_t count, char* out) {
   switch (kind) {
     case StepKind::u8:
       return write_decimal(out, std::uint64_t{load_le<std::uint8_t>(from)});
