@@ -1,0 +1,149 @@
+#include "qvx/metrics/metrics_batch.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <string>
+
+#include "qvx/support/log.h"
+
+namespace qvx::metrics {
+namespace {
+
+bool ends_with(Bytes block, std::string_view part_of_trailer) {
+  return block.size() >= wire::kTrailer.size() &&
+         as_text(block.last(wire::kTrailer.size())).starts_with(part_of_trailer);
+}
+
+void check_record_reaches(std::size_t size, const std::byte* record, const std::byte* end) {
+  if (static_cast<std::size_t>(end - record) < size)
+    throw std::runtime_error("Insufficient data for metrics samples");
+}
+
+std::string joined(const StringTable& texts) {
+  std::string all;
+  for (const std::string_view text : texts) {
+    if (!all.empty()) all += ", ";
+    all += text;
+  }
+  return all;
+}
+
+}  // namespace
+
+MetricKind metric_kind_of(char kind_byte) {
+  switch (kind_byte) {
+    case 'C':
+      return MetricKind::counter;
+    case 'G':
+      return MetricKind::gauge;
+    case 'H':
+      return MetricKind::histogram;
+    default:
+      return MetricKind::untyped;
+  }
+}
+
+bool has_full_trailer(Bytes block) {
+  return ends_with(block, wire::kTrailer);
+}
+
+bool has_output_trailer(Bytes block) {
+  return ends_with(block, wire::kTrailer.substr(0, 4));
+}
+
+MetricsDataSection data_section_at(const std::byte* marker, const std::byte* block_end) {
+  // The marker's capital letters cannot be part of a trailer, so a section with its trailer has at least the
+  // 12 bytes of both, and the four bytes behind the marker can be read.
+  MetricsDataSection section;
+  section.area = marker + wire::kDataAreaAt;
+  section.end = static_cast<std::size_t>(block_end - section.area) - wire::kTrailer.size();
+  section.block_end = block_end;
+  section.blocksize = load_le<std::uint32_t>(section.area);
+  return section;
+}
+
+MetricsDataSection find_data_section(Bytes block, bool (*has_trailer)(Bytes)) {
+  const std::byte* const block_end = block.data() + block.size();
+  const std::byte* const marker = wire::find_marker(block.data(), block_end, wire::kDataMarker);
+  if (marker == block_end) {
+    QVX_LOG(QVX_LOG_ERROR, "[qvx metrics parser] Invalid binary data format: Missing 'CNTD' magic number");
+    throw std::runtime_error("Missing 'CNTD' magic number in the binary data");
+  }
+  const Bytes data(marker, block_end);
+  QVX_LOG(QVX_LOG_DEBUG, "[qvx metrics parser] data_len = %lu", data.size());
+  if (!has_trailer(data)) throw std::runtime_error("Invalid magic numbers in the binary data");
+  const MetricsDataSection section = data_section_at(marker, block_end);
+  QVX_LOG(QVX_LOG_DEBUG, "[qvx metrics parser] End of data at %lu", section.end);
+  QVX_LOG(QVX_LOG_DEBUG, "[qvx metrics parser] blocksize= %u", section.blocksize);
+  return section;
+}
+
+MetricsRecordHeader read_record_header(const std::byte* record, const std::byte* end) {
+  check_record_reaches(wire::kRecordHeaderSize, record, end);
+  MetricsRecordHeader header;
+  header.length = load_le<std::uint16_t>(record + wire::kRecordLengthAt);
+  header.timestamp = load_le<std::uint64_t>(record + wire::kRecordTimestampAt);
+  header.kind = metric_kind_of(load_le<char>(record + wire::kRecordKindAt));
+  header.value_type = load_le<std::uint8_t>(record + wire::kRecordValueTypeAt);
+  header.num_samples = load_le<std::uint16_t>(record + wire::kRecordSamplesAt);
+  return header;
+}
+
+MetricSamples read_record_samples(const std::byte* record, const std::byte* end,
+                                  const MetricsRecordHeader& header) {
+  check_record_reaches(header.labels_at(), record, end);
+  return MetricSamples(Bytes(record + wire::kRecordHeaderSize, wire::kSampleSize * header.num_samples));
+}
+
+void log_record_oddities(const MetricsRecordHeader& header) {
+  if (header.timestamp == 0)
+    QVX_LOG(QVX_LOG_ERROR, "[qvx metrics parser] invalid timestamp in the metrics batch");
+  if (header.num_samples == 0)
+    QVX_LOG(QVX_LOG_WARNING, "[qvx metrics parser] no samples in the metrics batch");
+}
+
+std::size_t read_record_labels(const MetricsDataSection& section, const std::byte* record,
+                               const MetricsRecordHeader& header, const char* caller, MetricsBatch& batch) {
+  const auto left = static_cast<std::size_t>(section.block_end - record);
+  const std::byte* const data_end = record + std::min<std::size_t>(section.blocksize, left);
+  return parse_labels_block(record, data_end, header.labels_at(), batch.label_set_id, batch.label_values,
+                            caller);
+}
+
+void dump_metrics_batch(const MetricsBatch& batch, const StringTable& label_values) {
+  if (!QVX_LOG_IS_ENABLED(QVX_LOG_DEBUG)) return;
+  QVX_LOG(QVX_LOG_DEBUG, "[qvx metrics parser] Metrics Batch:");
+  QVX_LOG(QVX_LOG_DEBUG, "[qvx metrics parser] Timestamp: %lu", batch.timestamp);
+  for (std::size_t i = 0; i < batch.samples.size(); ++i) {
+    const MetricSample sample = batch.samples[i];
+    QVX_LOG(QVX_LOG_DEBUG, "[qvx metrics parser]   sample_id: %lu, sample_value: %lu",
+            std::uint64_t{sample.sample_id}, sample.sample_value);
+  }
+  for (std::size_t i = 0; i < batch.label_values.size(); ++i) {
+    const EncodedLabelValue& value = batch.label_values[i];
+    // Looked up without decode_label_value: whether a reference is at fault is for the one who needs its
+    // text.
+    std::string_view text = value.label_value;
+    if (value.type == EncodedLabelValue::kReference && value.label_value_id < label_values.size())
+      text = label_values[value.label_value_id];
+    QVX_LOG(QVX_LOG_DEBUG, "[qvx metrics parser] encoded label: %s: %lu, decoded label[%lu]: %.*s",
+            label_value_type_text(value.type), value.label_value_id, i, static_cast<int>(text.size()),
+            text.data());
+  }
+}
+
+void dump_label_tables(const MetricsBlockTables& tables) {
+  if (!QVX_LOG_IS_ENABLED(QVX_LOG_DEBUG)) return;
+  for (std::size_t i = 0; i < tables.label_names.sets.size(); ++i) {
+    const StringTable& names = tables.label_names.sets[i];
+    if (names.empty()) {
+      QVX_LOG(QVX_LOG_DEBUG, "[qvx metrics parser] empty label names vector");
+    } else {
+      QVX_LOG(QVX_LOG_DEBUG, "[qvx metrics parser] Label Names [%lu] %s", i, joined(names).c_str());
+    }
+  }
+  QVX_LOG(QVX_LOG_DEBUG, "[qvx metrics parser] Values: '%s', Size: %lu", joined(tables.label_values).c_str(),
+          tables.label_values.size());
+}
+
+}  // namespace qvx::metrics
