@@ -1,0 +1,55 @@
+// Names as numbers: the symbol of a name is its hash, the same in every run.
+#pragma once
+
+#include <boost/container_hash/hash.hpp>
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace qvx::data::metrics {
+
+// Names, their symbols and how often each was interned. Names with equal hashes share one symbol, and the
+// later name takes its place in the way back; that is accepted.
+class SymbolTable {
+  struct NameHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view name) const { return boost::hash<std::string_view>{}(name); }
+  };
+
+ public:
+  // "Symbol not found for key: " and the symbol in decimal.
+  class SymbolNotFoundError : public std::runtime_error {
+   public:
+    explicit SymbolNotFoundError(std::uint64_t symbol);
+  };
+
+  // The boost string hash.
+  static std::uint64_t symbol_of(std::string_view name) { return NameHash{}(name); }
+
+  // The symbol of the name, whose reference count grows by one.
+  std::uint64_t intern(std::string_view name);
+
+  // The symbol of a name that was interned.
+  std::optional<std::uint64_t> find(std::string_view name) const;
+
+  // Throws SymbolNotFoundError. The reference stays valid until a name of the same symbol is interned.
+  const std::string& name_of(std::uint64_t symbol) const;
+
+  // How often a name of the symbol was interned. Whoever keeps an interned symbol may count a further use of
+  // it through this reference, which lives as long as the table. Throws SymbolNotFoundError.
+  std::uint64_t& reference_count(std::uint64_t symbol);
+
+  std::size_t size() const { return symbols_.size(); }
+
+ private:
+  std::unordered_map<std::string, std::uint64_t, NameHash, std::equal_to<>> symbols_;
+  std::unordered_map<std::uint64_t, std::string> names_;
+  std::unordered_map<std::uint64_t, std::uint64_t> reference_counts_;
+};
+
+}  // namespace qvx::data::metrics
