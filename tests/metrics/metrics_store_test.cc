@@ -1,0 +1,255 @@
+#include "qvx/metrics/metrics_store.h"
+
+#include <boost/functional/hash.hpp>
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "qvx/metrics/metric_filter.h"
+
+namespace qvx::metrics {
+namespace {
+
+using data::metrics::SymbolTable;
+
+TEST(SymbolTable, InterningTwiceGivesOneSymbolWithTwoReferences) {
+  SymbolTable table;
+  const std::uint64_t symbol = table.intern("rx_bytes");
+  EXPECT_EQ(table.reference_count(symbol), 1u);
+  EXPECT_EQ(table.intern("rx_bytes"), symbol);
+  EXPECT_EQ(table.reference_count(symbol), 2u);
+  EXPECT_EQ(table.name_of(symbol), "rx_bytes");
+  EXPECT_EQ(table.size(), 1u);
+}
+
+TEST(SymbolTable, SymbolIsTheBoostStringHash) {
+  SymbolTable table;
+  EXPECT_EQ(table.intern("rx_bytes"), boost::hash<std::string>{}("rx_bytes"));
+  EXPECT_EQ(table.find("rx_bytes"), boost::hash<std::string>{}("rx_bytes"));
+  EXPECT_EQ(table.find("tx_bytes"), std::nullopt);
+}
+
+TEST(SymbolTable, UnknownSymbolIsNamedInTheError) {
+  SymbolTable table;
+  try {
+    static_cast<void>(table.name_of(18446744073709551615u));
+    FAIL();
+  } catch (const SymbolTable::SymbolNotFoundError& fault) {
+    EXPECT_STREQ(fault.what(), "Symbol not found for key: 18446744073709551615");
+  }
+  EXPECT_THROW(table.reference_count(1), SymbolTable::SymbolNotFoundError);
+}
+
+LabelMap labels_of(std::initializer_list<LabelMap::Entry> entries) {
+  LabelMap labels;
+  for (const auto& [name, value] : entries)
+    labels.set(name, value);
+  return labels;
+}
+
+TEST(ReverseIndex, OneIdPerLabelSet) {
+  ReverseIndex index;
+  const std::uint64_t id = index.id_of(labels_of({{"host", "node7"}, {"port", "1"}}));
+  const std::uint64_t other = index.id_of(labels_of({{"port", "1"}, {"host", "node7"}}));
+  const std::uint64_t none = index.id_of({});
+  EXPECT_NE(id, other);
+  EXPECT_EQ(index.id_of(labels_of({{"host", "node7"}, {"port", "1"}})), id);
+  EXPECT_EQ(index.size(), 3u);
+  ASSERT_NE(index.find(id), nullptr);
+  EXPECT_EQ(index.find(id)->label_set, (LabelSet{{"host", "node7"}, {"port", "1"}}));
+  EXPECT_EQ(index.find(id)->sequence, 0u);
+  EXPECT_EQ(index.find(other)->sequence, 1u);
+  EXPECT_EQ(index.find(none)->sequence, 2u);
+  EXPECT_EQ(index.find(id + 1), nullptr);
+}
+
+TEST(ReverseIndex, IdsAreTheSameInEveryIndex) {
+  ReverseIndex first;
+  ReverseIndex second;
+  second.id_of(labels_of({{"a", "b"}}));
+  EXPECT_EQ(first.id_of(labels_of({{"host", "x"}})), second.id_of(labels_of({{"host", "x"}})));
+}
+
+TEST(ReverseIndex, NamesAndValuesAreInternedOncePerEntry) {
+  ReverseIndex index;
+  index.id_of(labels_of({{"host", "node7"}}));
+  index.id_of(labels_of({{"host", "node7"}}));
+  index.id_of(labels_of({{"host", "node8"}}));
+  SymbolTable symbols = index.symbols();
+  EXPECT_EQ(symbols.size(), 3u);
+  EXPECT_EQ(symbols.reference_count(*symbols.find("host")), 2u);
+  EXPECT_EQ(symbols.reference_count(*symbols.find("node7")), 1u);
+}
+
+TEST(ReverseIndex, TakenIdOrSequenceIsADuplicate) {
+  ReverseIndex index;
+  index.insert(1, 10, labels_of({{"a", "b"}}));
+  for (const auto& [id, sequence] : {std::pair{1, 11}, std::pair{2, 10}}) {
+    try {
+      index.insert(static_cast<std::uint64_t>(id), static_cast<std::uint64_t>(sequence), {});
+      FAIL();
+    } catch (const std::runtime_error& fault) {
+      EXPECT_STREQ(fault.what(), "[ReverseIndex] Duplicate key or value detected.");
+    }
+  }
+  EXPECT_EQ(index.size(), 1u);
+}
+
+template <typename T>
+std::vector<std::pair<std::uint64_t, T>> pairs_of(const TimeSeries<T>& series) {
+  std::vector<std::pair<std::uint64_t, T>> pairs;
+  for (std::size_t i = 0; i < series.size(); ++i)
+    pairs.emplace_back(series.timestamp(i), series.value(i));
+  return pairs;
+}
+
+TEST(TimeSeries, KeepsTheMostRecentPairsOldestFirst) {
+  using Pairs = std::vector<std::pair<std::uint64_t, std::int64_t>>;
+  TimeSeries<std::int64_t> series(3);
+  EXPECT_TRUE(series.empty());
+  EXPECT_EQ(series.kind(), MetricKind::untyped);
+  for (const int i : {1, 2, 3}) {
+    series.append(static_cast<std::uint64_t>(i), -i);
+    EXPECT_EQ(series.last_value(), -i);
+  }
+  EXPECT_EQ(pairs_of(series), (Pairs{{1, -1}, {2, -2}, {3, -3}}));
+  series.append(4, -4);
+  EXPECT_EQ(pairs_of(series), (Pairs{{2, -2}, {3, -3}, {4, -4}}));
+  EXPECT_EQ(series.last_value(), -4);
+  series.append(5, -5);
+  EXPECT_EQ(pairs_of(series), (Pairs{{3, -3}, {4, -4}, {5, -5}}));
+  EXPECT_EQ(series.last_value(), -5);
+  series.append(6, -6);
+  EXPECT_EQ(series.last_value(), -6);
+  EXPECT_EQ(pairs_of(series), (Pairs{{4, -4}, {5, -5}, {6, -6}}));
+}
+
+TEST(TimeSeries, UnchangedValuesAreNotAppended) {
+  TimeSeries<double> series(8);
+  series.append_if_changed(1, 0.0);
+  series.append_if_changed(2, 0.0);
+  series.append_if_changed(3, 1.5);
+  series.append_if_changed(4, 1.5);
+  series.append_if_changed(5, 0.0);
+  EXPECT_EQ(pairs_of(series), (std::vector<std::pair<std::uint64_t, double>>{{1, 0.0}, {3, 1.5}, {5, 0.0}}));
+}
+
+TEST(TimeSeries, CapacityOfNothingKeepsNothing) {
+  TimeSeries<std::uint64_t> series(0);
+  series.append(1, 1);
+  series.append_if_changed(2, 2);
+  EXPECT_TRUE(series.empty());
+}
+
+TEST(MetricsStore, SecondTypeOfAMetricIsAMismatchThatNamesIt) {
+  MetricsStore store;
+  const std::uint64_t symbol = store.symbols().intern("rx");
+  store.series<double>(symbol, "rx").append(1, 2.5);
+  try {
+    store.series<std::uint64_t>(symbol, "rx");
+    FAIL();
+  } catch (const std::runtime_error& fault) {
+    EXPECT_STREQ(fault.what(), "Type mismatch for metric 'rx'");
+  }
+  EXPECT_EQ(store.series<double>(symbol, "rx").size(), 1u);
+  EXPECT_EQ(store.find_series<std::uint64_t>(symbol), nullptr);
+}
+
+TEST(MetricsStore, WithoutRegistrationAMetricHasASeriesPerType) {
+  MetricsStore store;
+  store.set_registration(false);
+  const std::uint64_t symbol = store.symbols().intern("rx");
+  EXPECT_FALSE(store.has_series(symbol));
+  store.series<std::uint64_t>(symbol, "rx").append(1, 1);
+  store.series<Bit64>(symbol, "rx");
+  store.series<std::int64_t>(symbol, "rx");
+  store.series<double>(symbol, "rx");
+  EXPECT_TRUE(store.has_series(symbol));
+  std::size_t visited = 0;
+  store.for_each_series<std::uint64_t>([&](std::uint64_t seen, const TimeSeries<std::uint64_t>& series) {
+    EXPECT_EQ(seen, symbol);
+    visited += series.size();
+  });
+  EXPECT_EQ(visited, 1u);
+}
+
+TEST(MetricsStore, CapacityIsTheMetricsOwnOrTheDefault) {
+  MetricsStore store(7);
+  store.set_capacity("own", 2);
+  EXPECT_EQ(store.series<double>(store.symbols().intern("own"), "own").capacity(), 2u);
+  EXPECT_EQ(store.series<double>(store.symbols().intern("other"), "other").capacity(), 7u);
+}
+
+TEST(MetricsStore, SwitchingRegistrationForgetsWhatWasResolved) {
+  MetricsStore store;
+  const std::string table = "\2rx";
+  store.resolved_metrics(as_bytes(table), 1)->symbol = 5;
+  EXPECT_EQ(store.resolved_metrics(as_bytes(table), 1)->symbol, 5u);
+  store.set_registration(false);
+  EXPECT_EQ(store.resolved_metrics(as_bytes(table), 1)->symbol, 0u);
+  store.resolved_metrics(as_bytes(table), 1)->symbol = 5;
+  EXPECT_EQ(store.resolved_metrics(as_bytes("\2tx"), 1)->symbol, 0u);
+}
+
+TEST(MetricsStore, LaterHistogramOfOneNameReplacesTheEarlier) {
+  MetricsStore store;
+  Histogram histogram;
+  histogram.name = "lat";
+  histogram.timestamp = 1;
+  histogram.buckets = {{1, 1}};
+  store.register_histogram(histogram, labels_of({{"host", "node7"}}));
+  histogram.timestamp = 2;
+  histogram.buckets = {{3, 4}};
+  histogram.sum = 1.5;
+  histogram.count = 4;
+  store.register_histogram(histogram, labels_of({{"host", "node8"}}));
+  ASSERT_EQ(store.histograms().size(), 1u);
+  const RegisteredHistogram& stored = store.histograms().at(*store.symbols().find("lat"));
+  EXPECT_EQ(stored.name, "lat");
+  EXPECT_EQ(stored.timestamp, 2u);
+  EXPECT_EQ(stored.labels, (LabelSet{{"host", "node8"}}));
+  EXPECT_EQ(stored.buckets, (std::vector<HistogramBucket>{{3, 4}}));
+  EXPECT_EQ(stored.sum, 1.5);
+  EXPECT_EQ(stored.count, 4u);
+  EXPECT_EQ(store.label_sets().find(stored.label_set_id)->label_set, stored.labels);
+  EXPECT_EQ(store.label_sets().size(), 2u);
+}
+
+TEST(MetricFilter, ExactNamesAndEachKindOfPattern) {
+  MetricFilter filter;
+  EXPECT_FALSE(filter.accepts("exact"));
+  filter.add_name("exact");
+  EXPECT_TRUE(filter.accepts("exact"));
+  EXPECT_FALSE(filter.accepts("exact2"));
+  filter.add_pattern("equal", 0);
+  filter.add_pattern("pre_", 1);
+  filter.add_pattern("_post", 2);
+  filter.add_pattern("middle", 3);
+  filter.add_pattern("never", 4);
+  filter.add_pattern("never", -1);
+  EXPECT_TRUE(filter.accepts("equal"));
+  EXPECT_FALSE(filter.accepts("equally"));
+  EXPECT_TRUE(filter.accepts("pre_x"));
+  EXPECT_FALSE(filter.accepts("x_pre_"));
+  EXPECT_TRUE(filter.accepts("x_post"));
+  EXPECT_FALSE(filter.accepts("x_post_"));
+  EXPECT_TRUE(filter.accepts("a middle b"));
+  EXPECT_FALSE(filter.accepts("never"));
+}
+
+TEST(MetricFilter, NamesMayBeAddedByAnotherThread) {
+  MetricFilter filter;
+  std::thread adder([&filter] {
+    for (int i = 0; i < 1000; ++i)
+      filter.add_name("name" + std::to_string(i));
+  });
+  for (int i = 0; i < 1000; ++i)
+    filter.accepts("name" + std::to_string(i));
+  adder.join();
+  EXPECT_TRUE(filter.accepts("name999"));
+}
+
+}  // namespace
+}  // namespace qvx::metrics
