@@ -1,7 +1,6 @@
 // The most recent values of one metric.
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
