@@ -89,6 +89,10 @@ bool walk_block_chain(ReaderContext& context, Bytes chain, bool in_compressed_da
       ++context.records_written;
       return ok;
     }
+    case QVX_CNTX_BLOCK:
+      process_metrics_block(context, chain);
+      ++context.records_written;
+      return true;
     case QVX_EVENTS_BLOCK:
     case QVX_SCHEMAS_BLOCK:
       return walk_event_chain(context, chain);

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "qvx/data/file_header.h"
+#include "qvx/metrics/metrics_output.h"
 #include "qvx/reader/loaded_types.h"
 #include "qvx/reader/options.h"
 #include "qvx/support/clock.h"
@@ -23,6 +24,7 @@ struct Run {
   OutputSink& sink;
   TypeCache types;
   LocalTimeText clock;
+  metrics::MetricsWriter metrics;
 };
 
 struct CloseGzip {

@@ -42,6 +42,41 @@ bool print_record(ReaderContext& context, const EventType& type, Bytes at_hand) 
   }
 }
 
+// Frames metrics records like all others.
+class MetricsTarget final : public metrics::MetricsRecordTarget {
+ public:
+  explicit MetricsTarget(ReaderContext& context) : context_(context) {}
+
+  Format format() const override {
+    switch (context_.run.options.format) {
+      case OutputFormat::json:
+        return Format::json;
+      case OutputFormat::ndjson:
+        return Format::ndjson;
+      case OutputFormat::csv:
+        return Format::csv;
+      case OutputFormat::influx:
+        return Format::influx;
+      default:
+        return Format::other;
+    }
+  }
+
+  OutputSink& begin_record() override {
+    context_.run.sink.write(before_record(context_));
+    return context_.run.sink;
+  }
+
+  void end_record() override {
+    if (format() == Format::ndjson) context_.run.sink.write("\n");
+  }
+
+  void file_error(const char* text) override { qvx::file_error(context_, "%s", text); }
+
+ private:
+  ReaderContext& context_;
+};
+
 }  // namespace
 
 std::size_t process_events_block(ReaderContext& context, Bytes block) {
@@ -95,6 +130,11 @@ bool process_counters_block(ReaderContext& context, Bytes block) {
       context.types->counters_tables().write(block, run.sink, run.clock);
       return true;
   }
+}
+
+void process_metrics_block(ReaderContext& context, Bytes block) {
+  MetricsTarget target(context);
+  context.run.metrics.output_metrics_block(target, block);
 }
 
 }  // namespace qvx

@@ -1,4 +1,4 @@
-// Events and counters blocks: what of them is printed, and how.
+// Events, counters and metrics blocks: what of them is printed, and how.
 #pragma once
 
 #include <cstddef>
@@ -14,5 +14,8 @@ std::size_t process_events_block(ReaderContext& context, Bytes block);
 
 // Prints a counters block, unless it lies outside the time range; with -p its header instead.
 bool process_counters_block(ReaderContext& context, Bytes block);
+
+// Prints a metrics block. Its faults are reported and never fail the file.
+void process_metrics_block(ReaderContext& context, Bytes block);
 
 }  // namespace qvx

@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Builds the release preset, makes its own inputs and prints the table of docs/performance.md.
+#
+#   scripts/bench.sh [MiB of data per file, 256 if not given]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+cmake --preset release > /dev/null
+cmake --build --preset release --target qvx_read qvx_files_bench qvx_hand_decoder qvx_tree_decoder > /dev/null
+
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+lscpu | sed -n 's/^Model name: */processor: /p'
+echo "compiler: $(c++ --version | head -n 1)"
+echo "date: $(date -u +%F)"
+echo
+build/release/bench/qvx_files_bench build/release/qvx_read build/release/bench/qvx_hand_decoder \
+  build/release/bench/qvx_tree_decoder "$folder" "${1:-256}"
