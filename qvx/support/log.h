@@ -79,9 +79,6 @@ bool qvx_logger_import_state(const qvx_logger_state* state);
 // How many messages passed the level check so far: tells whether something that was done has said anything.
 std::uint64_t qvx_logged_messages();
 
-// How many messages passed the level check so far: tells whether something that was done has said anything.
-std::uint64_t qvx_logged_messages();
-
 // Logs bytes at level 7, 16 a line, in hexadecimal and as characters. Does nothing below level 7.
 void qvx_log_hex_dump(const void* bytes, std::size_t size);
 
