@@ -150,6 +150,11 @@ std::vector<std::byte> compress_snappy(const std::vector<std::byte>& data) {
   return out;
 }
 
+const char* payload_name(Payload payload) {
+  constexpr std::array<const char*, 3> kNames{"events", "counters", "metrics"};
+  return kNames[static_cast<std::size_t>(payload)];
+}
+
 TypeSystemPtr make_type_system() {
   TypeSystemPtr ts(qvx_type_system_create());
   qvx_schema* const schema = qvx_type_system_new_schema(ts.get(), "bench", 0x0001, nullptr);
@@ -205,6 +210,53 @@ std::vector<std::byte> make_counters_block(std::uint64_t seed) {
   return block;
 }
 
+std::vector<std::byte> make_metrics_block(std::uint64_t seed) {
+  const auto push_entry = [](Buffer& to, std::string_view text) {
+    push(to, static_cast<std::uint8_t>(text.size()));
+    push_text(to, text, text.size());
+  };
+  constexpr std::array<std::string_view, 5> kLabels{"cluster", "host", "device", "port", "role"};
+  constexpr std::array<std::string_view, 5> kValues{"alpha", "node-0113", "hcx4_0", "1", "compute"};
+  Buffer block;
+  push_text(block, "CNTX", 4);
+  push(block, std::uint32_t{0});
+  push_text(block, "LBLN", 4);
+  push(block, static_cast<std::uint8_t>(kLabels.size()));
+  for (const std::string_view label : kLabels)
+    push_entry(block, label);
+  push_text(block, "lbln", 4);
+  push_text(block, "LBLV", 4);
+  push(block, static_cast<std::uint16_t>(kValues.size()));
+  for (const std::string_view value : kValues)
+    push_entry(block, value);
+  push_text(block, "lblv", 4);
+  push_text(block, "CNTI", 4);
+  push(block, static_cast<std::uint16_t>(kSamples));
+  for (std::size_t index = 0; index < kSamples; ++index)
+    push_entry(block, "hw_counter_" + std::to_string(index));
+  push_text(block, "cnti", 4);
+  push_text(block, "CNTD", 4);
+  push(block, std::uint32_t{64 * 1024});
+  push(block, static_cast<std::uint16_t>(14 + 10 * kSamples + 8));
+  push(block, kStart + seed * 10'000);
+  push_text(block, "C", 1);
+  push(block, std::uint8_t{1});
+  push(block, static_cast<std::uint16_t>(kSamples));
+  std::mt19937_64 random(seed);
+  for (std::size_t index = 0; index < kSamples; ++index) {
+    push(block, static_cast<std::uint16_t>(index));
+    push(block, random() >> (14 + index % 50));
+  }
+  push(block, std::uint8_t{0});
+  push(block, static_cast<std::uint8_t>(kValues.size()));
+  push_text(block, "L", 1);
+  for (std::size_t index = 0; index < kValues.size(); ++index)
+    push(block, static_cast<std::uint8_t>(index));
+  push_text(block, "cntdcntx", 8);
+  store_le(block.data() + 4, static_cast<std::uint32_t>(block.size()));
+  return block;
+}
+
 DataFile make_data_file(const std::string& folder, Payload payload, Pages pages, std::uint64_t data_bytes) {
   const TypeSystemPtr ts = make_type_system();
   const std::string schema_folder = folder + "/schema";
@@ -215,14 +267,15 @@ DataFile make_data_file(const std::string& folder, Payload payload, Pages pages,
       schema_folder, json::to_text(schema_to_json(*ts->schemas[0]).value(), json::Style::pretty).value());
   header->counters_schema_id =
       write_schema(schema_folder, qvx_counters_schema_jsonify_text(ts->counters_schema.get()).value());
-  const std::size_t counters_size = make_counters_block(0).size();
   const bool is_plain = pages == Pages::plain;
-  const std::size_t chain_size = payload == Payload::events ? kEventUnit : counters_size;
+  const std::size_t chain_size = payload == Payload::events     ? kEventUnit
+                                 : payload == Payload::counters ? make_counters_block(0).size()
+                                                                : make_metrics_block(0).size();
   const std::size_t unit_size = is_plain ? chain_size : kPageUnit;
   header->block_size = static_cast<std::uint32_t>(unit_size);
 
   DataFile file;
-  file.path = folder + (payload == Payload::events ? "/events" : "/counters") +
+  file.path = folder + "/" + payload_name(payload) +
               (is_plain               ? ""
                : pages == Pages::gzip ? "_gzip"
                                       : "_snappy") +
@@ -240,9 +293,12 @@ DataFile make_data_file(const std::string& folder, Payload payload, Pages pages,
     Buffer chain;
     if (payload == Payload::events) {
       file.values += kEventFields * fill_with_events(chain, chain_size, source);
-    } else {
+    } else if (payload == Payload::counters) {
       chain = make_counters_block(seed);
       file.values += kCounters;
+    } else {
+      chain = make_metrics_block(seed);
+      file.values += kSamples;
     }
     const Buffer block = is_plain ? std::move(chain) : page_block(chain, pages);
     if (unit.size() + block.size() > unit_size) flush_unit();

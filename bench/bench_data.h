@@ -18,8 +18,13 @@ inline constexpr std::size_t kEventSize = 77;
 // One group of counters, read as a whole from every block.
 inline constexpr std::size_t kCounters = 100;
 
-enum class Payload { events, counters };
+// One batch of a metrics block.
+inline constexpr std::size_t kSamples = 100;
+
+enum class Payload { events, counters, metrics };
 enum class Pages { plain, gzip, snappy };
+
+const char* payload_name(Payload payload);
 
 TypeSystemPtr make_type_system();
 
@@ -32,10 +37,13 @@ std::vector<std::byte> make_counters_block(std::uint64_t seed);
 std::vector<std::byte> compress_gzip(const std::vector<std::byte>& data);
 std::vector<std::byte> compress_snappy(const std::vector<std::byte>& data);
 
+// One metrics block of 100 samples and 5 labels; successive seeds give successive batches.
+std::vector<std::byte> make_metrics_block(std::uint64_t seed);
+
 struct DataFile {
   std::string path;
   std::uint64_t bytes = 0;   // of the file
-  std::uint64_t values = 0;  // fields of records, or counter samples
+  std::uint64_t values = 0;  // fields of records, counter or metric samples
 };
 
 // Writes a data file of about `data_bytes` bytes of blocks, before compression, and the schema files it

@@ -17,6 +17,7 @@
 #include <exception>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "bench/bench_data.h"
@@ -109,16 +110,19 @@ int run(const std::string& reader, const std::string& hand, const std::string& t
   std::printf("|%s|%s|%s|%s|%s|\n", std::string(28, '-').c_str(), std::string(10, '-').c_str(),
               std::string(10, '-').c_str(), std::string(10, '-').c_str(), std::string(10, '-').c_str());
   double ndjson = 0;
-  for (const Payload payload : {Payload::events, Payload::counters}) {
-    const std::string what = payload == Payload::events ? "events" : "counters";
+  for (const Payload payload : {Payload::events, Payload::counters, Payload::metrics}) {
+    const std::string what = qvx::bench::payload_name(payload);
     for (const auto& [pages, pages_name] : {PagesName{Pages::plain, "plain"}, PagesName{Pages::gzip, "gzip"},
                                             PagesName{Pages::snappy, "snappy"}}) {
       const DataFile file = qvx::bench::make_data_file(folder, payload, pages, data_bytes);
       for (const char* const format : {"ndjson", "json", "influx", "txt"}) {
-        // Events have no table and counters no Influx form: such a run only prints messages.
-        if (format == std::string(payload == Payload::events ? "txt" : "influx")) continue;
-        const bool is_reference =
-            payload == Payload::events && pages == Pages::plain && format == std::string("ndjson");
+        // What a payload has no form for only prints messages.
+        const std::string_view name = format;
+        const bool has_form = name == "txt"      ? payload == Payload::counters
+                              : name == "influx" ? payload == Payload::events
+                                                 : true;
+        if (!has_form) continue;
+        const bool is_reference = payload == Payload::events && pages == Pages::plain && name == "ndjson";
         print_row(what + " " + format + " " + pages_name, file,
                   {reader, "-s", folder + "/schema", "-f", format, file.path},
                   is_reference ? &ndjson : nullptr);

@@ -16,6 +16,9 @@
 #include "qvx/data/encoded_payload.h"
 #include "qvx/data/schema/record_influx.h"
 #include "qvx/data/schema/record_json.h"
+#include "qvx/metrics/metrics_output.h"
+#include "qvx/metrics/metrics_parser.h"
+#include "qvx/metrics/metrics_store.h"
 #include "qvx/reader/process_files.h"
 
 namespace {
@@ -96,6 +99,46 @@ void counters_tables(benchmark::State& state) {
 }
 BENCHMARK(counters_tables)->Name("counters tables/txt");
 
+class NullTarget final : public qvx::metrics::MetricsRecordTarget {
+ public:
+  explicit NullTarget(OutputSink& sink) : sink_(sink) {}
+  Format format() const override { return Format::ndjson; }
+  OutputSink& begin_record() override { return sink_; }
+  void end_record() override { sink_.write("\n"); }
+  void file_error(const char*) override {}
+
+ private:
+  OutputSink& sink_;
+};
+
+void metrics_ndjson(benchmark::State& state) {
+  const std::vector<std::byte> block = qvx::bench::make_metrics_block(1);
+  const int null = open("/dev/null", O_WRONLY);
+  OutputSink sink(null);
+  NullTarget target(sink);
+  qvx::metrics::MetricsWriter writer;
+  for (auto _ : state)
+    writer.output_metrics_block(target, block);
+  report(state, qvx::bench::kSamples, block.size());
+  close(null);
+}
+BENCHMARK(metrics_ndjson)->Name("metrics output/ndjson");
+
+// The series exist: the first block, outside the loop, makes them.
+void metrics_store(benchmark::State& state) {
+  const std::vector<std::byte> block = qvx::bench::make_metrics_block(1);
+  qvx::metrics::MetricsStore store;
+  const auto fill = [&] {
+    return qvx::metrics::QvxMetricsParser::process_cntx_blocks(block.data(), block.data() + block.size(),
+                                                               nullptr, store);
+  };
+  fill();
+  for (auto _ : state)
+    benchmark::DoNotOptimize(fill());
+  report(state, qvx::bench::kSamples, block.size());
+}
+BENCHMARK(metrics_store)->Name("metrics store/fill");
+
 void page_inflate(benchmark::State& state, std::uint8_t encoding) {
   const std::vector<std::byte> page =
       qvx::bench::make_event_records(static_cast<std::size_t>(state.range(0)) / qvx::bench::kEventSize);
@@ -139,6 +182,7 @@ void whole_file(benchmark::State& state, qvx::bench::Payload payload) {
   [[maybe_unused]] const int removed = std::system(("rm -r " + std::string(folder)).c_str());
 }
 BENCHMARK_CAPTURE(whole_file, events, qvx::bench::Payload::events)->Name("whole file/events ndjson");
+BENCHMARK_CAPTURE(whole_file, metrics, qvx::bench::Payload::metrics)->Name("whole file/metrics ndjson");
 BENCHMARK_CAPTURE(whole_file, counters, qvx::bench::Payload::counters)->Name("whole file/counters ndjson");
 
 }  // namespace
