@@ -5,7 +5,7 @@
 #include <zlib.h>
 
 #include <algorithm>
-#include <cstring>
+#include <limits>
 #include <memory>
 
 #include "qvx/support/log.h"
@@ -49,14 +49,16 @@ Decompressed gzip_exact(Bytes data, std::span<std::byte> to) {
     QVX_LOG(QVX_LOG_ERROR, "[encoded_data] inflateInit failed while decompressing.");
     return {};
   }
-  // zlib takes no null output, not even of size 0.
+  // zlib counts in 32 bits, and takes no null output, not even of size 0.
+  constexpr std::size_t kMost = std::numeric_limits<uInt>::max();
+  const auto room = static_cast<uInt>(std::min(to.size(), kMost));
   Bytef nothing = 0;
   stream.next_in = const_cast<Bytef*>(reinterpret_cast<const Bytef*>(data.data()));
-  stream.avail_in = static_cast<uInt>(data.size());
+  stream.avail_in = static_cast<uInt>(std::min(data.size(), kMost));
   stream.next_out = to.empty() ? &nothing : reinterpret_cast<Bytef*>(to.data());
-  stream.avail_out = static_cast<uInt>(to.size());
+  stream.avail_out = room;
   const int result = inflate(&stream, Z_NO_FLUSH);
-  const std::size_t produced = to.size() - stream.avail_out;
+  const std::size_t produced = room - stream.avail_out;
   inflateEnd(&stream);
   if (result < 0) {
     QVX_LOG(QVX_LOG_ERROR, "[encoded_data] zlib error while decompressing");

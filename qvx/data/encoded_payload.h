@@ -25,7 +25,7 @@ struct Decompressed {
   std::size_t produced = 0;  // bytes written; fewer than the buffer's when the stream ended early
 };
 
-// Decompresses into `to`. The bytes behind those produced are left as they were.
+// Decompresses into `to`. The bytes behind those produced may hold anything afterwards.
 Decompressed encoded_decompress_into(std::uint8_t encoding, Bytes data, std::span<std::byte> to);
 
 // The same, with the bytes behind those produced set to zero: a stream that ends early, such as the first of

@@ -17,13 +17,14 @@ namespace {
 constexpr char kFileKind = 'F';
 constexpr std::uint8_t kFormatMajor = 1;
 constexpr std::uint8_t kFormatMinor = 7;
+constexpr std::size_t kDumpRoom = 1024;
 
 template <std::size_t kSize>
 consteval std::size_t at(const char (&name)[kSize]) {
   return offset_of(kFileHeaderLayout, std::string_view(name, kSize - 1));
 }
 
-// Copies a fixed array field between the record and the header bytes, whichever way the pointers say.
+// Fields of plain bytes are copied between the record and the bytes of the header.
 template <typename Field>
 void take(Field& field, const std::byte* from) {
   std::memcpy(&field, from, sizeof field);
@@ -34,8 +35,9 @@ void put(std::byte* to, const Field& field) {
   std::memcpy(to, &field, sizeof field);
 }
 
-std::string id_text_or_excuse(const std::optional<std::string>& text) {
-  return text ? *text : "Failed to get schema id string";
+// Points into the text, so that the excuse needs no memory.
+const char* or_excuse(const std::optional<std::string>& text) {
+  return text ? text->c_str() : "Failed to get schema id string";
 }
 
 }  // namespace
@@ -118,7 +120,9 @@ std::optional<std::string> header_event_schema_id_text(const qvx_data_file_heade
 }
 
 std::string header_dump(const qvx_data_file_header& header) {
-  std::string text = "Data file header\n";
+  std::string text;
+  text.reserve(kDumpRoom);
+  text += "Data file header\n";
   // The precisions bound texts that fill their field without a terminator.
   append_format(text, " %-20s = %4.4s\n", "magic number", header.magic.data());
   append_format(text, " %-20s = %u.%u.%u\n", "version", header.version_major, header.version_minor,
@@ -130,10 +134,10 @@ std::string header_dump(const qvx_data_file_header& header) {
   append_format(text, " %-20s = %" PRIu64 "\n", "last timestamp", header.last_timestamp);
   append_format(text, " %-20s = %u\n", "data block size", header.block_size);
   append_format(text, " %-20s = %s\n", "counters schema id",
-                id_text_or_excuse(schema_id_text(header.counters_schema_id)).c_str());
+                or_excuse(schema_id_text(header.counters_schema_id)));
   for (std::size_t slot = 0; slot < kEventSchemaSlots; ++slot) {
     append_format(text, " schema id[%d]         = %s\n", static_cast<int>(slot),
-                  id_text_or_excuse(header_event_schema_id_text(header, slot)).c_str());
+                  or_excuse(header_event_schema_id_text(header, slot)));
   }
   append_format(text, " %-20s = %u (%s)\n", "byte order", header.byte_order,
                 header.byte_order != 0 ? "BE" : "LE");

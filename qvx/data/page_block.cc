@@ -1,6 +1,7 @@
 #include "qvx/data/page_block.h"
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -132,7 +133,15 @@ PageBuffer::~PageBuffer() {
 }
 
 void PageBuffer::clear_from(std::size_t start) noexcept {
-  if (!mapped_) std::memset(data_ + start, 0, size_ - start);
+  std::size_t end = size_;
+  if (mapped_) {
+    // Decoders write ahead of what they produce, so the rest is not untouched. Given back, whole pages of the
+    // system read as zero again and cost nothing.
+    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    const std::size_t whole = (start + page - 1) / page * page;
+    if (whole < size_ && madvise(data_ + whole, size_ - whole, MADV_DONTNEED) == 0) end = whole;
+  }
+  if (start < end) std::memset(data_ + start, 0, end - start);
 }
 
 }  // namespace qvx
