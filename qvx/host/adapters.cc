@@ -1,7 +1,21 @@
 #include "qvx/host/adapters.h"
 
+#include <fcntl.h>
+#include <glob.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
 #include <cstring>
+#include <optional>
+#include <string>
 #include <string_view>
+
+#include "qvx/support/log.h"
+#include "qvx/support/string_array.h"
+#include "qvx/support/text.h"
 
 namespace qvx {
 namespace {
@@ -19,6 +33,104 @@ void take(std::array<char, kSize>& field, const std::byte* from) {
 template <std::size_t kSize>
 void put(std::byte* to, const std::array<char, kSize>& field) {
   std::memcpy(to, field.data(), kSize);
+}
+
+// An open file to read from, closed at the end of its scope.
+class InputFile {
+ public:
+  explicit InputFile(const char* path) : descriptor_(open(path, O_RDONLY | O_CLOEXEC)) {}
+  ~InputFile() {
+    if (descriptor_ >= 0) close(descriptor_);
+  }
+  InputFile(const InputFile&) = delete;
+  InputFile& operator=(const InputFile&) = delete;
+
+  bool is_open() const { return descriptor_ >= 0; }
+
+  // One read, since an attribute of the kernel comes whole. 0 at the end of the file, negative on failure.
+  ssize_t read_once(std::span<char> to) const {
+    ssize_t count = 0;
+    do {
+      errno = 0;
+      count = read(descriptor_, to.data(), to.size());
+    } while (count < 0 && errno == EINTR);
+    return count;
+  }
+
+ private:
+  int descriptor_;
+};
+
+// The matches of a pattern, freed at the end of their scope.
+class Matches {
+ public:
+  explicit Matches(const char* pattern) : result_(glob(pattern, GLOB_ERR | GLOB_MARK, nullptr, &matches_)) {}
+  ~Matches() { globfree(&matches_); }
+  Matches(const Matches&) = delete;
+  Matches& operator=(const Matches&) = delete;
+
+  int result() const { return result_; }
+  std::span<char*> paths() const { return {matches_.gl_pathv, matches_.gl_pathc}; }
+
+ private:
+  glob_t matches_{};
+  int result_;
+};
+
+bool glob_succeeded(const Matches& matches, const char* pattern) {
+  switch (matches.result()) {
+    case 0:
+      return true;
+    case GLOB_NOSPACE:
+      QVX_LOG(QVX_LOG_ERROR, "HCA info: globing ran out of space");
+      return false;
+    case GLOB_NOMATCH:
+      QVX_LOG(QVX_LOG_WARNING, "HCA info: globing found no matches of '%s'", pattern);
+      return false;
+    default:
+      QVX_LOG(QVX_LOG_ERROR, "HCA info: globing read failed: %s", std::strerror(errno));
+      return false;
+  }
+}
+
+// The last component of a match, which ends in '/' because it is a folder. Writes into the match.
+const char* device_name(char* path) {
+  if (char* const mark = std::strrchr(path, '/'); mark != nullptr) *mark = '\0';
+  const char* const slash = std::strrchr(path, '/');
+  return slash != nullptr ? slash + 1 : path;
+}
+
+// The names of the adapters; null on failure, which is logged.
+StringArrayPtr adapter_names(const char* root) {
+  StringArrayPtr names = make_string_array();
+  if (names == nullptr) {
+    QVX_LOG(QVX_LOG_ERROR, "HCA info: failed to allocate memory for HCA names array");
+    return nullptr;
+  }
+  const std::optional<std::string> pattern = qvx_expand_template("%s/*", root);
+  if (!pattern) return nullptr;
+  const Matches matches(pattern->c_str());
+  if (!glob_succeeded(matches, pattern->c_str())) return nullptr;
+  for (char* const path : matches.paths()) {
+    if (!append(names, device_name(path))) return nullptr;
+  }
+  return names;
+}
+
+void fill_entry(const char* root, const char* device, qvx_adapter_info& entry) {
+  const std::size_t length = std::strlen(device);
+  if (length > kAdapterNameSize) {
+    QVX_LOG(QVX_LOG_WARNING, "HCA info: name %s does not fit %zu buffer", device, kAdapterNameSize);
+  }
+  std::memcpy(entry.name.data(), device, std::min(length, kAdapterNameSize));
+  read_guid_file(entry.system_image_guid, "%s/%s/sys_image_guid", root, device);
+  read_guid_file(entry.node_guid, "%s/%s/node_guid", root, device);
+  read_guid_file(entry.port_1_guid, "%s/%s/ports/%d/gids/0", root, device, 1);
+  read_guid_file(entry.port_2_guid, "%s/%s/ports/%d/gids/0", root, device, 2);
+}
+
+void print_field(std::FILE* stream, int index, const char* label, std::span<const char> field) {
+  std::fprintf(stream, "info[%d].%-17s = %.*s\n", index, label, static_cast<int>(field.size()), field.data());
 }
 
 }  // namespace
@@ -45,4 +157,88 @@ AdapterBytes adapter_encode(const qvx_adapter_info& adapter) noexcept {
   return bytes;
 }
 
+int discover_adapters(const char* root, std::span<qvx_adapter_info> entries) noexcept {
+  std::fill(entries.begin(), entries.end(), qvx_adapter_info{});
+  const StringArrayPtr names = adapter_names(root);
+  if (names == nullptr) return 0;
+  std::span<char* const> devices = strings(names);
+  if (devices.size() > entries.size()) {
+    QVX_LOG(QVX_LOG_WARNING, "HCA info: %zu of %zu found HCAs will not fit array of %d elements",
+            devices.size() - entries.size(), devices.size(), static_cast<int>(entries.size()));
+    devices = devices.first(entries.size());
+  }
+  for (std::size_t i = 0; i < devices.size(); ++i)
+    fill_entry(root, devices[i], entries[i]);
+  return 0;
+}
+
+bool read_guid_file(std::array<char, kGuidSize>& digits, const char* path_format, ...) noexcept {
+  va_list args;
+  va_start(args, path_format);
+  const std::optional<std::string> path = qvx_expand_template_v(path_format, args);
+  va_end(args);
+  if (!path) {
+    QVX_LOG(QVX_LOG_WARNING, "HCA info: failed to expand template %s", path_format);
+    return false;
+  }
+  const InputFile file(path->c_str());
+  if (!file.is_open()) return false;
+  std::array<char, 40> content;
+  const ssize_t count = file.read_once(content);
+  if (count <= 0) {
+    QVX_LOG(QVX_LOG_ERROR, "HCA info: failed to read file %s: %s", path->c_str(), std::strerror(errno));
+    return false;
+  }
+  // A GID has four groups of digits before those of the GUID. A group is four digits and a colon.
+  constexpr std::size_t kPrefixSize = 20;
+  constexpr std::size_t kGroupSize = 5;
+  std::string_view groups(content.data(), static_cast<std::size_t>(count));
+  if (groups.size() > kPrefixSize) groups.remove_prefix(kPrefixSize);
+  auto to = digits.begin();
+  for (std::size_t i = 0; i < groups.size() && to != digits.end(); ++i) {
+    if (i % kGroupSize != kGroupSize - 1) *to++ = groups[i];
+  }
+  return true;
+}
+
+int has_smi(const char* root, const char* device, int port) noexcept {
+  if (std::string_view(device) == "hcx4_0") return 0;
+  const std::optional<std::string> path = qvx_expand_template("%s/%s/ports/%d/has_smi", root, device, port);
+  if (!path) return -1;
+  struct stat status {};
+  if (stat(path->c_str(), &status) != 0) return 0;
+  const InputFile file(path->c_str());
+  if (!file.is_open()) {
+    QVX_LOG(QVX_LOG_ERROR, "Failed to open has_smi file: %s with %s:%d", path->c_str(), device, port);
+    return -1;
+  }
+  std::array<char, 1> value{};
+  if (file.read_once(value) <= 0) {
+    QVX_LOG(QVX_LOG_ERROR, "Failed to read has_smi file: %s with %s:%d", path->c_str(), device, port);
+    return -1;
+  }
+  return value[0] == '0' ? 1 : 0;
+}
+
 }  // namespace qvx
+
+int qvx_discover_adapters(qvx_adapter_info* entries, int capacity) noexcept {
+  const std::size_t size = entries != nullptr && capacity > 0 ? static_cast<std::size_t>(capacity) : 0;
+  return qvx::discover_adapters(qvx::kAdapterRoot, {entries, size});
+}
+
+void qvx_print_adapters(std::FILE* stream, const qvx_adapter_info* entries, int count) {
+  for (int i = 0; i < count; ++i) {
+    const qvx_adapter_info& entry = entries[i];
+    if (entry.name[0] == '\0') continue;
+    qvx::print_field(stream, i, "hca_name", entry.name);
+    qvx::print_field(stream, i, "node_guid", entry.node_guid);
+    qvx::print_field(stream, i, "system_image_guid", entry.system_image_guid);
+    qvx::print_field(stream, i, "port_1_guid", entry.port_1_guid);
+    qvx::print_field(stream, i, "port_2_guid", entry.port_2_guid);
+  }
+}
+
+int qvx_has_smi(const char* device, int port) noexcept {
+  return qvx::has_smi(qvx::kAdapterRoot, device, port);
+}

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdio>
 #include <span>
 
 #include "qvx/support/layout_table.h"
@@ -36,11 +37,34 @@ struct qvx_adapter_info {
   friend bool operator==(const qvx_adapter_info&, const qvx_adapter_info&) = default;
 };
 
+// Finds the adapters of this machine in the order of their names and fills the entries from the first on; the
+// others are cleared. Readers stop at the first empty name. A GUID that cannot be read stays empty. Always 0.
+int qvx_discover_adapters(qvx_adapter_info* entries, int capacity) noexcept;
+
+// One line per field of every entry that has a name.
+void qvx_print_adapters(std::FILE* stream, const qvx_adapter_info* entries, int count);
+
+// The has_smi attribute of a port, deliberately turned round: 1 when it reads '0', 0 when it reads anything
+// else or does not exist, -1 when it cannot be read. Always 0 for the device "hcx4_0".
+int qvx_has_smi(const char* device, int port) noexcept;
+
 namespace qvx {
 
 using AdapterBytes = std::array<std::byte, kAdapterEntrySize>;
 
 qvx_adapter_info adapter_decode(std::span<const std::byte, kAdapterEntrySize> bytes) noexcept;
 AdapterBytes adapter_encode(const qvx_adapter_info& adapter) noexcept;
+
+inline constexpr const char* kAdapterRoot = "/sys/class/infiniband";
+
+// The same with the folder that lists the adapters.
+int discover_adapters(const char* root, std::span<qvx_adapter_info> entries) noexcept;
+int has_smi(const char* root, const char* device, int port) noexcept;
+
+// Reads the 16 hexadecimal digits of a GUID, or of a GID without its subnet prefix, from the file whose path
+// the printf format gives. False, with the digits left alone, when there is nothing to read; only a file that
+// cannot be opened is not worth a message.
+bool read_guid_file(std::array<char, kGuidSize>& digits, const char* path_format, ...) noexcept
+    __attribute__((format(printf, 2, 3)));
 
 }  // namespace qvx
