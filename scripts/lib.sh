@@ -1,0 +1,81 @@
+# Functions that the scripts of this folder share. To be sourced with bash, with the root of the source tree
+# as the working directory.
+
+# What building, testing and the demo need, as Debian 12 and Ubuntu 24.04 name it.
+readonly QVX_PACKAGES=(
+  g++ cmake ninja-build git python3
+  zlib1g-dev libdeflate-dev libsnappy-dev libssl-dev
+  libboost-filesystem-dev libboost-date-time-dev rapidjson-dev
+  libgtest-dev libbenchmark-dev
+)
+
+QVX_SCRATCH=$(mktemp -d)
+trap 'rm -rf "$QVX_SCRATCH"' EXIT
+
+say() { printf '== %s\n' "$*"; }
+
+fail() {
+  printf '%s: %s\n' "${0##*/}" "$*" >&2
+  exit 1
+}
+
+# quietly <what> <command...>: runs the command and shows its output only when it fails.
+quietly() {
+  local what=$1 log=$QVX_SCRATCH/log
+  shift
+  "$@" >"$log" 2>&1 </dev/null && return
+  cat "$log" >&2
+  fail "$what failed: $*"
+}
+
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then
+    "$@"
+  elif command -v sudo >/dev/null; then
+    sudo "$@"
+  else
+    fail "installing packages needs root or sudo"
+  fi
+}
+
+is_installed() {
+  [ "$(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
+}
+
+# install_packages <package...>: installs those that are missing. The package manager is not called when none
+# is.
+install_packages() {
+  local package missing=()
+  command -v apt-get >/dev/null && command -v dpkg-query >/dev/null ||
+    fail "packages are installed on Debian and Ubuntu only; elsewhere install what these packages hold" \
+      "and call cmake as CONTRIBUTING.md says: $*"
+  for package in "$@"; do
+    is_installed "$package" || missing+=("$package")
+  done
+  if [ ${#missing[@]} -eq 0 ]; then
+    say "Packages: nothing is missing"
+    return
+  fi
+  say "Packages: installing ${missing[*]}"
+  # A password is asked for here, not behind the redirected output.
+  as_root true
+  quietly "The update of the package lists" as_root apt-get update
+  quietly "The installation" as_root env DEBIAN_FRONTEND=noninteractive \
+    apt-get install -y --no-install-recommends "${missing[@]}"
+}
+
+# build <preset> [<target>...]: without a target everything.
+build() {
+  local preset=$1
+  shift
+  say "Building ${*:-everything} in build/$preset"
+  quietly "Configuring" cmake --preset "$preset"
+  quietly "The build" cmake --build --preset "$preset" --parallel "$(nproc)" ${1:+--target "$@"}
+}
+
+# run_tests <preset>
+run_tests() {
+  say "Running the tests of build/$1"
+  quietly "The test run" ctest --preset "$1"
+  grep -E 'tests passed|Total Test time' "$QVX_SCRATCH/log"
+}
