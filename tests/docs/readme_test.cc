@@ -1,0 +1,23 @@
+// The program in the README is the one that tests/install builds and runs.
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace {
+
+std::string file_text(const std::string& path) {
+  std::ostringstream text;
+  text << std::ifstream(QVX_TEST_DATA_DIR + ("/" + path)).rdbuf();
+  return text.str();
+}
+
+TEST(Readme, ShowsTheProgramThatTheInstallTestRuns) {
+  const std::string program = file_text("install/consumer/print_record.cc");
+  ASSERT_NE(program, "");
+  EXPECT_NE(file_text("../README.md").find("```cpp\n" + program + "```\n"), std::string::npos);
+}
+
+}  // namespace
