@@ -25,7 +25,10 @@
 #include "qvx/data/schema/record_json.h"
 #include "qvx/data/schema/schema_json.h"
 #include "qvx/data/schema/type_system.h"
-#include "qvx/support/json_parse.h"
+#include "qvx/metrics/block_tables.h"
+#include "qvx/metrics/metrics_output.h"
+#include "qvx/metrics/wire.h"
+#include "tests/metrics/recording_target.h"
 
 namespace qvx {
 namespace {
@@ -111,9 +114,9 @@ class FileFormat : public testing::Test {
 
 TEST_F(FileFormat, EveryExampleIsDecodedHere) {
   const std::vector<std::string> expected = {
-      "hex blob-block",    "hex counters-block",   "hex events-block",
-      "hex file-header",   "hex page-block-gzip",  "hex page-block-snappy",
-      "hex schemas-block", "json counters-schema", "json event-schema",
+      "hex blob-block",       "hex counters-block",  "hex events-block",      "hex file-header",
+      "hex metrics-block",    "hex page-block-gzip", "hex page-block-snappy", "hex schemas-block",
+      "json counters-schema", "json event-schema",
   };
   EXPECT_EQ(document_.example_names(), expected);
 }
@@ -133,6 +136,14 @@ TEST_F(FileFormat, TablesHaveTheRowsOfTheCode) {
   expect_rows(kSchemasBlockLayout);
   expect_rows(kBlobHeaderLayout);
   expect_rows(std::span(kPageBlockLayout).first<6>());
+  expect_rows(metrics::wire::kBlockHeader);
+  expect_rows(metrics::wire::kLabelNamesHeader);
+  expect_rows(metrics::wire::kStringTableHeader);
+  expect_rows(metrics::wire::kDataHeader);
+  expect_rows(metrics::wire::kRecordHeader);
+  expect_rows(metrics::wire::kSample);
+  expect_rows(metrics::wire::kLabelsHeader);
+  expect_rows(metrics::wire::kHistogramHeader);
 }
 
 TEST_F(FileFormat, FileHeader) {
@@ -225,6 +236,32 @@ TEST_F(FileFormat, PageBlocks) {
     EXPECT_EQ(size, 40u);
     EXPECT_EQ(ByteString(unpacked.bytes().begin(), unpacked.bytes().end()), page);
   }
+}
+
+TEST_F(FileFormat, MetricsBlock) {
+  const ByteString bytes = document_.bytes("metrics-block");
+  EXPECT_EQ(block_type_of(bytes), QVX_CNTX_BLOCK);
+  ASSERT_EQ(bytes.size(), 224u);
+  test::RecordingTarget target(metrics::MetricsRecordTarget::Format::ndjson);
+  metrics::output_metrics_block(target, bytes);
+  EXPECT_EQ(target.text(), R"({"timestamp":1700000000000000,"@timestamp":"2023-11-14 22:13:20.000",)"
+                           R"("labels":[{"rack":"r1"},{"host":"node7"},{"port":"1"}],)"
+                           R"("metrics":[{"rx_bytes":1234},{"tx_bytes":99}]})"
+                           "\n");
+}
+
+TEST_F(FileFormat, HistogramOfTheMetricsBlock) {
+  const ByteString bytes = document_.bytes("metrics-block");
+  metrics::MetricsBlockTables tables;
+  metrics::read_block_tables(bytes, metrics::HistogramUse::keep, tables);
+  const metrics::Histogram& histogram = tables.histograms.at(0);
+  EXPECT_EQ(histogram.name, "latency");
+  EXPECT_EQ(histogram.timestamp, kTime);
+  const std::vector<metrics::HistogramBucket> buckets = {{0.5, 3}, {2, 1}};
+  EXPECT_EQ(histogram.buckets, buckets);
+  EXPECT_EQ(histogram.sum, 2.25);
+  EXPECT_EQ(histogram.count, 4u);
+  EXPECT_EQ(histogram.labels.values, std::vector<std::string>{"node7"});
 }
 
 TEST_F(FileFormat, EventSchemaIsItsOwnPrettyText) {
