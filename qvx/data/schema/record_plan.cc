@@ -16,8 +16,7 @@ namespace qvx {
 namespace {
 
 constexpr std::size_t kMaxSteps = std::size_t{1} << 18;
-constexpr std::size_t kMaxLiterals = std::size_t{16} << 20;
-constexpr std::uint64_t kMaxSharedValues = 65536;
+constexpr std::uint64_t kMaxSharedText = std::uint64_t{16} << 20;
 // Texts up to this size are written in place with one check of the room; larger ones in pieces.
 constexpr std::uint64_t kInPlaceText = 128 * 1024;
 // Literals are copied in pieces of this size, and may be read and written up to one piece too far.
@@ -259,7 +258,6 @@ void PlanBuilder::add_text(std::string_view literal) {
 bool PlanBuilder::visit(std::uint64_t value_bytes) {
   if (++visits_ > kMaxSteps) failed_ = true;
   extent_.bytes = saturating_add(extent_.bytes, value_bytes);
-  if (value_bytes > 0) extent_.values = saturating_add(extent_.values, 1);
   return !failed_;
 }
 
@@ -278,8 +276,8 @@ Step& PlanBuilder::add(StepKind kind, std::uint64_t offset, std::uint64_t text_r
 
 void PlanBuilder::touch(std::uint64_t offset, std::uint64_t size, std::uint64_t count) {
   extent_.reach = std::max(extent_.reach, saturating_add(offset, size));
-  extent_.bytes = saturating_add(extent_.bytes, saturating_multiply(size, count));
-  extent_.values = saturating_add(extent_.values, count);
+  // A value counts for a byte even if it has none: each one takes time and text.
+  extent_.bytes = saturating_add(extent_.bytes, saturating_multiply(std::max<std::uint64_t>(size, 1), count));
 }
 
 void PlanBuilder::value(StepKind kind, std::uint64_t offset, std::uint32_t size) {
@@ -331,10 +329,11 @@ void PlanBuilder::close_loop() {
   step.end = static_cast<std::uint32_t>(plan_.steps_.size());
   const Extent body = std::exchange(extent_, loop.outer);
   if (step.count == 0) return;
-  const std::uint64_t last = saturating_add(loop.offset, saturating_multiply(loop.stride, step.count - 1));
-  extent_.reach = std::max(extent_.reach, saturating_add(last, body.reach));
+  if (body.reach > 0) {
+    const std::uint64_t last = saturating_add(loop.offset, saturating_multiply(loop.stride, step.count - 1));
+    extent_.reach = std::max(extent_.reach, saturating_add(last, body.reach));
+  }
   extent_.bytes = saturating_add(extent_.bytes, saturating_multiply(body.bytes, step.count));
-  extent_.values = saturating_add(extent_.values, saturating_multiply(body.values, step.count));
   extent_.text = saturating_add(
       extent_.text, saturating_multiply(saturating_add(body.text, step.separator_size), step.count));
 }
@@ -350,7 +349,7 @@ std::optional<RecordPlan> PlanBuilder::finish(Sharing sharing) {
   if (failed_) return std::nullopt;
   plan_.max_text_ = saturating_add(extent_.text, 2 * kLiteralPiece);
   plan_.bytes_needed_ = extent_.reach;
-  if (sharing == Sharing::none || extent_.values > kMaxSharedValues)
+  if (sharing == Sharing::none || extent_.text > kMaxSharedText)
     plan_.bytes_needed_ = std::max(extent_.reach, extent_.bytes);
   plan_.literals_.append(kLiteralPiece, '\0');
   plan_.literals_.shrink_to_fit();

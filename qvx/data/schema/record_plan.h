@@ -108,8 +108,11 @@ class PlanBuilder {
   // How a plan treats the sum of all value sizes, beside the furthest byte that is read.
   enum class Sharing {
     none,     // a record must hold as many bytes as its values take together
-    allowed,  // values may be read more than once, as long as there are not excessively many of them
+    allowed,  // values may be read more than once, as long as their text is not excessively long
   };
+
+  // The most text that may stand around values; a plan that needs more fails.
+  static constexpr std::size_t kMaxLiterals = std::size_t{16} << 20;
 
   // Text that stands before the next value.
   template <typename... Pieces>
@@ -136,10 +139,9 @@ class PlanBuilder {
 
  private:
   struct Extent {
-    std::uint64_t reach = 0;   // furthest byte read, from the start of the record or round
-    std::uint64_t bytes = 0;   // sizes of all values together
-    std::uint64_t values = 0;  // number of all values
-    std::uint64_t text = 0;    // room that the text may take
+    std::uint64_t reach = 0;  // furthest byte read, from the start of the record or round
+    std::uint64_t bytes = 0;  // sizes of all values together
+    std::uint64_t text = 0;   // room that the text may take
   };
   struct OpenLoop {
     std::size_t step;
