@@ -49,33 +49,38 @@ class InfluxCompiler {
   explicit InfluxCompiler(PlanBuilder& builder) : builder_(builder) {}
 
   // False when records of the type have no text. `base` is added to the offsets.
-  bool parts(const qvx_type_definition& type, std::uint64_t base, const std::string& prefix,
-             std::size_t depth) {
-    if (depth >= kMaxNesting || !builder_.visit()) return false;
-    for (const auto& field : type.fields)
-      if (!part(*field, base, prefix, depth)) return false;
+  bool parts(const qvx_type_definition& type, std::uint64_t base, std::size_t depth) {
+    if (depth >= kMaxNesting || key_.size() > PlanBuilder::kMaxLiterals || !builder_.visit()) return false;
+    const std::size_t prefix = key_.size();
+    for (const auto& field : type.fields) {
+      if (prefix > 0) key_ += '.';
+      if (field->field_name) key_ += *field->field_name;
+      if (!part(*field, base, depth)) return false;
+      key_.resize(prefix);
+    }
     return true;
   }
 
  private:
-  bool part(const qvx_field_definition& field, std::uint64_t base, const std::string& prefix,
-            std::size_t depth) {
+  bool part(const qvx_field_definition& field, std::uint64_t base, std::size_t depth) {
     if (field.type == nullptr) return false;
     const std::uint64_t offset = saturating_add(base, field.offset);
-    const std::string& name = field.field_name ? *field.field_name : kNoName;
-    const std::string key = prefix.empty() ? name : prefix + "." + name;
     if (is_character_array(field)) {
-      begin(key);
+      begin();
       builder_.text("\"");
       builder_.characters(StepKind::influx_characters, offset, field.array_length);
       builder_.text("\"");
       return true;
     }
     if (field.type->id == kCompositeTypeId) {
-      if (field.array_length <= 1) return parts(*field.type, offset, key, depth + 1);
+      if (field.array_length <= 1) return parts(*field.type, offset, depth + 1);
+      const std::size_t name_end = key_.size();
       for (std::uint32_t k = 0; k < field.array_length; ++k) {
+        key_ += '.';
+        key_ += std::to_string(k);
         const std::uint64_t element = saturating_add(offset, saturating_multiply(k, field.type_size));
-        if (!parts(*field.type, element, key + "." + std::to_string(k), depth + 1)) return false;
+        if (!parts(*field.type, element, depth + 1)) return false;
+        key_.resize(name_end);
       }
       return true;
     }
@@ -83,28 +88,26 @@ class InfluxCompiler {
     if (field.array_length > 1) return builder_.visit();
     const InfluxValue value = influx_value(*field.type);
     if (value.kind == StepKind::literal) return false;
-    begin(key);
+    begin();
     builder_.value(value.kind, offset, static_cast<std::uint32_t>(builtin_type_size(field.type->id)));
     builder_.text(value.suffix);
     return true;
   }
 
-  void begin(const std::string& key) {
+  void begin() {
     if (!first_) builder_.text(",");
     first_ = false;
-    builder_.text(key);
-    builder_.text("=");
+    builder_.text(key_, "=");
   }
 
-  inline static const std::string kNoName;
-
   PlanBuilder& builder_;
+  std::string key_;  // of the field at hand, its prefix included
   bool first_ = true;
 };
 
 std::optional<RecordPlan> compile(const qvx_type_definition& type, std::string_view after) {
   PlanBuilder builder;
-  if (!InfluxCompiler(builder).parts(type, 0, "", 0)) return std::nullopt;
+  if (!InfluxCompiler(builder).parts(type, 0, 0)) return std::nullopt;
   builder.text(after);
   return builder.finish(PlanBuilder::Sharing::none);
 }

@@ -1,8 +1,9 @@
 #include "qvx/data/schema/record_json.h"
 
 #include <cstdint>
-#include <new>
+#include <map>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "qvx/data/schema/builtin_types.h"
@@ -83,20 +84,14 @@ class JsonCompiler {
     if (depth >= kMaxNesting) return false;
     if (!builder_.visit(type.fields.empty() ? 1 : 0)) return false;
     builder_.text("{");
-    std::unordered_map<std::string_view, std::size_t> last;
-    for (std::size_t i = 0; i < type.fields.size(); ++i)
-      last[name_of(*type.fields[i])] = i;
-    std::unordered_map<std::string_view, bool> written;
-    for (const auto& field : type.fields) {
-      const std::string_view name = name_of(*field);
-      const qvx_field_definition& shown = *type.fields[last[name]];
-      // A name that repeats stands at its first place with its last value. The values that it hides must have
-      // a text all the same.
-      if (field.get() != &shown && !value(*field, base, depth + 1, true)) return false;
-      if (written[name]) continue;
-      builder_.text(spelling_.item(written.size() == 1, depth + 1), spelling_.key(name));
-      written[name] = true;
-      if (!value(shown, base, depth + 1, false)) return false;
+    const Members& members = members_of(type);
+    // The values that a repeated name hides must have a text all the same.
+    for (const qvx_field_definition* const field : members.hidden)
+      if (!value(*field, base, depth + 1, true)) return false;
+    for (const qvx_field_definition* const field : members.shown) {
+      builder_.text(spelling_.item(field == members.shown.front(), depth + 1),
+                    spelling_.key(name_of(*field)));
+      if (!value(*field, base, depth + 1, false)) return false;
     }
     if (!type.fields.empty()) builder_.text(spelling_.line(depth));
     builder_.text("}");
@@ -104,8 +99,31 @@ class JsonCompiler {
   }
 
  private:
+  // A name that repeats stands at its first place with its last value.
+  struct Members {
+    std::vector<const qvx_field_definition*> shown;
+    std::vector<const qvx_field_definition*> hidden;
+  };
+
   static std::string_view name_of(const qvx_field_definition& field) {
     return field.field_name ? std::string_view(*field.field_name) : std::string_view();
+  }
+
+  // Worked out once per type, not at each of its places: wide types may be nested deeply.
+  const Members& members_of(const qvx_type_definition& type) {
+    const auto [cached, is_new] = members_.try_emplace(&type);
+    Members& members = cached->second;
+    if (!is_new) return members;
+    std::map<std::string_view, std::size_t> places;
+    for (const auto& field : type.fields) {
+      const auto [place, is_first] = places.try_emplace(name_of(*field), members.shown.size());
+      if (is_first) {
+        members.shown.push_back(field.get());
+      } else {
+        members.hidden.push_back(std::exchange(members.shown[place->second], field.get()));
+      }
+    }
+    return members;
   }
 
   bool value(const qvx_field_definition& field, std::uint64_t base, std::size_t depth, bool hidden) {
@@ -166,6 +184,7 @@ class JsonCompiler {
 
   PlanBuilder& builder_;
   JsonSpelling spelling_;
+  std::unordered_map<const qvx_type_definition*, Members> members_;
 };
 
 }  // namespace
