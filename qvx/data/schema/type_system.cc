@@ -43,6 +43,14 @@ bool adopt_and_resolve(qvx_type_system* ts, qvx_schema& schema) noexcept {
   return qvx::schema_resolve(schema);
 }
 
+// Links what can be linked and says nothing of the rest.
+void adopt_quietly(qvx_type_system* ts, qvx_schema& schema) noexcept {
+  schema.parent = ts->builtin.get();
+  for (const auto& type : schema.types)
+    for (const auto& field : type->fields)
+      field->type = qvx_schema_find_type(&schema, field->type_name ? field->type_name->c_str() : "");
+}
+
 // The counters schema of a type system in JSON: a member of its own, or the object itself.
 bool read_counters_schema(qvx_type_system* ts, const json::Value& value, const char* message) noexcept {
   ts->counters_schema.reset(qvx_counters_schema_from_json(value));
@@ -196,21 +204,22 @@ int qvx_type_system_add_schema_json(qvx_type_system* ts, const char* text, std::
 
 int qvx_type_system_add_schemas_of(qvx_type_system* ts, qvx_type_system* other) noexcept {
   std::vector<qvx::SchemaPtr>& from = other->schemas;
-  std::size_t moved = 0;
-  int result = 0;
-  for (; moved < from.size(); ++moved) {
-    if (!adopt_and_resolve(ts, *from[moved])) {
-      QVX_LOG(QVX_LOG_ERROR, "Cannot add schema to type system");
-      result = -1;
-      break;
-    }
-    if (!append_schema(ts, std::move(from[moved]))) {
-      result = -1;
-      break;
-    }
+  try {
+    ts->schemas.reserve(ts->schemas.size() + from.size());
+  } catch (const std::bad_alloc&) {
+    return -1;
   }
-  from.erase(from.begin(), from.begin() + static_cast<std::ptrdiff_t>(moved));
-  return result;
+  auto next = from.begin();
+  for (; next != from.end() && adopt_and_resolve(ts, **next); ++next)
+    ts->schemas.push_back(std::move(*next));
+  const bool complete = next == from.end();
+  if (!complete) {
+    QVX_LOG(QVX_LOG_ERROR, "Cannot add schema to type system");
+    // It stays where it is, and must not be linked to types that may go before it.
+    adopt_quietly(other, **next);
+  }
+  from.erase(from.begin(), next);
+  return complete ? 0 : -1;
 }
 
 qvx_schema* qvx_type_system_load_schema_file(qvx_type_system* ts, const char* path) noexcept {
