@@ -1,5 +1,6 @@
 #include "tests/support/record_tree.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -377,7 +378,8 @@ std::optional<json::Value> counters_tree(const qvx_counters_schema& schema, Byte
 
 std::string counters_tables_text(const qvx_counters_schema& schema, Bytes block) {
   std::uint64_t timestamp = 0;
-  if (block.size() >= 16) std::memcpy(&timestamp, block.data() + 8, 8);
+  // Of a header that is cut short the missing bytes are zero.
+  if (block.size() > 8) std::memcpy(&timestamp, block.data() + 8, std::min<std::size_t>(block.size() - 8, 8));
   const std::optional<std::string> time = local_time(timestamp);
   std::string text = time ? print("Data collected at %s\n", time->c_str())
                           : print("Data collected at %ld\n", static_cast<long>(timestamp));
