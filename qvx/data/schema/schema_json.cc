@@ -218,7 +218,7 @@ SchemaPtr schema_from_json(const json::Value& value) noexcept {
   }
 }
 
-void schema_set_digest(qvx_schema& schema, const qvx_schema_id& digest) {
+void schema_set_digest(qvx_schema& schema, const qvx_schema_id& digest) noexcept {
   schema.md5_digest = digest;
   schema.md5_text = schema_id_text(digest).value_or("");
 }
@@ -230,7 +230,7 @@ bool schema_fill_digest(qvx_schema& schema) noexcept {
       value ? json::to_text(*value, json::Style::pretty) : std::optional<std::string>();
   if (text) digest.bytes = md5(*text);
   schema_set_digest(schema, digest);
-  return text.has_value();
+  return text && !schema.md5_text.empty();
 }
 
 bool schema_resolve(qvx_schema& schema) noexcept {

@@ -33,8 +33,8 @@ SchemaPtr schema_from_json(const json::Value& value) noexcept;
 // the digest zero, whose text is 32 zeros; that is false.
 bool schema_fill_digest(qvx_schema& schema) noexcept;
 
-// Stores a digest and its text.
-void schema_set_digest(qvx_schema& schema, const qvx_schema_id& digest);
+// Stores a digest and its text, which stays empty when memory is short.
+void schema_set_digest(qvx_schema& schema, const qvx_schema_id& digest) noexcept;
 
 // Links every field of every type; stops at the first type that is unknown.
 bool schema_resolve(qvx_schema& schema) noexcept;

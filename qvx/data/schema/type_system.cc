@@ -191,11 +191,7 @@ int qvx_type_system_add_schema_json(qvx_type_system* ts, const char* text, std::
     return report(index);
   }
   QVX_LOG(QVX_LOG_DEBUG, "FOUND EVENTS SCHEMA");
-  try {
-    qvx::schema_set_digest(*schema, digest);
-  } catch (const std::bad_alloc&) {
-    return -1;
-  }
+  qvx::schema_set_digest(*schema, digest);
   if (!append_schema(ts, std::move(schema))) return -1;
   // A type that stays unknown fails the records that need it, not the schema.
   adopt_and_resolve(ts, *ts->schemas.back());
