@@ -112,7 +112,7 @@ class PlanBuilder {
   };
 
   // The most text that may stand around values; a plan that needs more fails.
-  static constexpr std::size_t kMaxLiterals = std::size_t{16} << 20;
+  static constexpr std::size_t kMaxLiterals = std::size_t{8} << 20;
 
   // Text that stands before the next value.
   template <typename... Pieces>
