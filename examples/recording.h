@@ -2,6 +2,7 @@
 // blocks to a data file. Faults are exceptions with the reason in their text.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -27,8 +28,9 @@ class Packer {
  public:
   template <Scalar T>
   Packer& add(T value) {
-    bytes_.resize(bytes_.size() + sizeof value);
-    store_le(bytes_.data() + bytes_.size() - sizeof value, value);
+    std::array<std::byte, sizeof value> stored;
+    store_le(stored.data(), value);
+    bytes_.insert(bytes_.end(), stored.begin(), stored.end());
     return *this;
   }
   Packer& add(const Packer& nested);

@@ -88,12 +88,18 @@ std::optional<std::int32_t> int32_parsed(const char* text, std::size_t length) {
   return std::nullopt;
 }
 
+TEST(NumbersFromText, EmptyTextIsZero) {
+  std::uint64_t number = 7;
+  EXPECT_TRUE(uint64_from_text("", &number));
+  EXPECT_EQ(number, 0u);
+}
+
 TEST(Int32FromText, ReadsTheFirstCharacters) {
   EXPECT_EQ(int32_parsed("123456", 3), 123);
   EXPECT_EQ(int32_parsed("12abc", 2), 12);
   EXPECT_EQ(int32_parsed("12abc", 3), std::nullopt);
   EXPECT_EQ(int32_parsed("-5", 10), -5);
-  EXPECT_EQ(int32_parsed("5", 0), std::nullopt);
+  EXPECT_EQ(int32_parsed("5", 0), 0);
 }
 
 TEST(Int32FromText, NeedsNoTerminator) {

@@ -223,9 +223,9 @@ bool RecordPlan::write(Bytes at_hand, std::string_view before, OutputSink& sink,
   const Step* const end = first + steps_.size();
   if (max_text_ <= kInPlaceText) [[likely]] {
     char* out = sink.reserve(max_text_ + before.size());
-    std::memcpy(out, before.data(), before.size());
+    out = std::copy(before.begin(), before.end(), out);
     Writer<InPlace> writer(steps_, literals_.data(), {}, clock);
-    out = writer.run(first, end, at_hand.data(), out + before.size());
+    out = writer.run(first, end, at_hand.data(), out);
     if (out == nullptr) return false;
     sink.commit(out);
     return true;
