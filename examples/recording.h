@@ -30,7 +30,8 @@ class Packer {
   Packer& add(T value) {
     std::array<std::byte, sizeof value> stored;
     store_le(stored.data(), value);
-    bytes_.insert(bytes_.end(), stored.begin(), stored.end());
+    for (const std::byte byte : stored)
+      bytes_.push_back(byte);
     return *this;
   }
   Packer& add(const Packer& nested);
