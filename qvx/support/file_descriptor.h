@@ -1,0 +1,40 @@
+// A file descriptor that is closed with its owner.
+#pragma once
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace qvx {
+
+class FileDescriptor {
+ public:
+  FileDescriptor() = default;
+  explicit FileDescriptor(int number) noexcept : number_(number) {}
+  FileDescriptor(FileDescriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+  FileDescriptor& operator=(FileDescriptor&& other) noexcept {
+    if (this != &other) {
+      reset();
+      number_ = std::exchange(other.number_, -1);
+    }
+    return *this;
+  }
+  ~FileDescriptor() { reset(); }
+
+  explicit operator bool() const noexcept { return number_ >= 0; }
+  int get() const noexcept { return number_; }
+
+  // Closes it, if any. Leaves errno alone.
+  void reset() noexcept {
+    if (number_ < 0) return;
+    const int saved = errno;
+    close(std::exchange(number_, -1));
+    errno = saved;
+  }
+
+ private:
+  int number_ = -1;
+};
+
+}  // namespace qvx

@@ -1,0 +1,195 @@
+#include "qvx/data/output_folder.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tests/support/temp_dir.h"
+
+namespace qvx {
+namespace {
+
+namespace fs = std::filesystem;
+using test::read_file;
+using test::TempDir;
+using Components = std::vector<std::string>;
+
+TEST(PathBelow, SplitsAtSlashes) {
+  EXPECT_EQ(path_below("a/b/c.bin"), (Components{"a", "b", "c.bin"}));
+}
+
+TEST(PathBelow, DropsDotsAndRepeatedAndLeadingSlashes) {
+  EXPECT_EQ(path_below("//a/./b///c.bin"), (Components{"a", "b", "c.bin"}));
+}
+
+TEST(PathBelow, ResolvesDotsThatStayBelow) {
+  EXPECT_EQ(path_below("a/b/../c.bin"), (Components{"a", "c.bin"}));
+  EXPECT_EQ(path_below("a/../b.bin"), (Components{"b.bin"}));
+  EXPECT_EQ(path_below("..a/b..bin"), (Components{"..a", "b..bin"}));
+}
+
+TEST(PathBelow, RefusesPathsThatLeave) {
+  EXPECT_EQ(path_below("../a.bin"), std::nullopt);
+  EXPECT_EQ(path_below("a/../../b.bin"), std::nullopt);
+  EXPECT_EQ(path_below("a/../../a/b.bin"), std::nullopt);
+  EXPECT_EQ(path_below("/../a"), std::nullopt);
+}
+
+TEST(PathBelow, RefusesPathsThatNameNoFile) {
+  for (const char* path : {"", ".", "..", "/", "a/", "a/.", "a/b/.."})
+    EXPECT_EQ(path_below(path), std::nullopt) << path;
+}
+
+TEST(OpenFolderBelow, MakesMissingFoldersAndTheRoot) {
+  const TempDir temp;
+  FileDescriptor folder;
+  ASSERT_EQ(open_folder_below(temp.file("x/root"), {"a", "b", "file"}, true, folder), FolderFault::none);
+  EXPECT_TRUE(fs::is_directory(temp.path() / "x/root/a/b"));
+  EXPECT_FALSE(fs::exists(temp.path() / "x/root/a/b/file"));
+}
+
+TEST(OpenFolderBelow, WithoutCreateMissingFoldersAreInaccessible) {
+  const TempDir temp;
+  FileDescriptor folder;
+  EXPECT_EQ(open_folder_below(temp.path(), {"a", "file"}, false, folder), FolderFault::inaccessible);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_FALSE(fs::exists(temp.path() / "a"));
+}
+
+TEST(OpenFolderBelow, FileInTheWayIsInaccessible) {
+  const TempDir temp;
+  temp.write_file("a", "");
+  FileDescriptor folder;
+  EXPECT_EQ(open_folder_below(temp.path(), {"a", "b", "file"}, true, folder), FolderFault::inaccessible);
+  EXPECT_FALSE(folder);
+}
+
+TEST(OpenFolderBelow, LinkToAFolderLeaves) {
+  const TempDir temp;
+  const TempDir elsewhere;
+  fs::create_directory_symlink(elsewhere.path(), temp.path() / "a");
+  FileDescriptor folder;
+  EXPECT_EQ(open_folder_below(temp.path(), {"a", "b", "file"}, true, folder), FolderFault::leaves);
+  EXPECT_TRUE(fs::is_empty(elsewhere.path()));
+}
+
+TEST(OpenFolderBelow, DanglingLinkIsInaccessible) {
+  const TempDir temp;
+  fs::create_symlink(temp.path() / "nowhere", temp.path() / "a");
+  FileDescriptor folder;
+  EXPECT_EQ(open_folder_below(temp.path(), {"a", "file"}, true, folder), FolderFault::inaccessible);
+  EXPECT_FALSE(fs::exists(temp.path() / "nowhere"));
+}
+
+TEST(OpenFolderBelow, RootMayBeALink) {
+  const TempDir temp;
+  const TempDir target;
+  fs::create_directory_symlink(target.path(), temp.path() / "root");
+  FileDescriptor folder;
+  EXPECT_EQ(open_folder_below(temp.file("root"), {"a", "file"}, true, folder), FolderFault::none);
+  EXPECT_TRUE(fs::is_directory(target.path() / "a"));
+}
+
+TEST(LookAt, TellsWhatANameStandsFor) {
+  const TempDir temp;
+  temp.write_file("file", "");
+  fs::create_symlink("file", temp.path() / "link");
+  fs::create_symlink("nowhere", temp.path() / "dangling");
+  FileDescriptor folder;
+  ASSERT_EQ(open_folder_below(temp.path(), {"x"}, false, folder), FolderFault::none);
+  FileIdentity identity;
+  EXPECT_EQ(look_at(folder.get(), "missing", identity), EntryKind::missing);
+  EXPECT_EQ(look_at(folder.get(), "link", identity), EntryKind::link);
+  EXPECT_EQ(look_at(folder.get(), "dangling", identity), EntryKind::dangling_link);
+  EXPECT_EQ(look_at(folder.get(), std::string(300, 'x'), identity), EntryKind::unknown);
+  EXPECT_EQ(identity, FileIdentity{});
+  EXPECT_EQ(look_at(folder.get(), "file", identity), EntryKind::file);
+  struct stat status {};
+  ASSERT_EQ(stat(temp.file("file").c_str(), &status), 0);
+  EXPECT_EQ(identity, (FileIdentity{status.st_dev, status.st_ino}));
+}
+
+TEST(OpenIn, FollowsNoLinkAndDoesNotWaitForAPipe) {
+  const TempDir temp;
+  temp.write_file("file", "text");
+  fs::create_symlink("file", temp.path() / "link");
+  ASSERT_EQ(mkfifo(temp.file("pipe").c_str(), 0600), 0);
+  FileDescriptor folder;
+  ASSERT_EQ(open_folder_below(temp.path(), {"x"}, false, folder), FolderFault::none);
+  EXPECT_TRUE(open_in(folder.get(), "file", O_RDWR));
+  EXPECT_FALSE(open_in(folder.get(), "link", O_RDWR));
+  EXPECT_EQ(errno, ELOOP);
+  EXPECT_FALSE(open_in(folder.get(), "pipe", O_WRONLY));
+  EXPECT_EQ(errno, ENXIO);
+}
+
+class CreateIn : public testing::Test {
+ protected:
+  CreateIn() { EXPECT_EQ(open_folder_below(temp_.path(), {"x"}, false, folder_), FolderFault::none); }
+
+  bool create(const std::string& name) {
+    return create_in(folder_.get(), name, "bytes", 5, identity_, writing_);
+  }
+
+  TempDir temp_;
+  FileDescriptor folder_;
+  FileIdentity identity_;
+  bool writing_ = true;
+};
+
+TEST_F(CreateIn, LeavesTheFileAndNothingElse) {
+  ASSERT_TRUE(create("name"));
+  EXPECT_EQ(read_file(temp_.path() / "name"), "bytes");
+  EXPECT_EQ(std::distance(fs::directory_iterator(temp_.path()), {}), 1);
+  FileIdentity found;
+  EXPECT_EQ(look_at(folder_.get(), "name", found), EntryKind::file);
+  EXPECT_EQ(identity_, found);
+}
+
+TEST_F(CreateIn, DoesNotReplaceWhatIsThere) {
+  temp_.write_file("name", "old");
+  EXPECT_FALSE(create("name"));
+  EXPECT_EQ(errno, EEXIST);
+  EXPECT_FALSE(writing_);
+  EXPECT_EQ(read_file(temp_.path() / "name"), "old");
+}
+
+TEST_F(CreateIn, DoesNotFollowADanglingLink) {
+  fs::create_symlink(temp_.path() / "nowhere", temp_.path() / "name");
+  EXPECT_FALSE(create("name"));
+  EXPECT_FALSE(fs::exists(temp_.path() / "nowhere"));
+}
+
+TEST_F(CreateIn, NameThatIsTooLongIsNoFaultOfWriting) {
+  EXPECT_FALSE(create(std::string(256, 'x')));
+  EXPECT_EQ(errno, ENAMETOOLONG);
+  EXPECT_FALSE(writing_);
+  EXPECT_TRUE(fs::is_empty(temp_.path()));
+}
+
+TEST_F(CreateIn, ByRenameLeavesTheFileAndNothingElse) {
+  temp_.write_file(".qvx-" + std::to_string(getpid()) + "-0.new", "left by another");
+  ASSERT_TRUE(create_in_by_rename(folder_.get(), "name", "bytes", 5, identity_, writing_));
+  EXPECT_EQ(read_file(temp_.path() / "name"), "bytes");
+  EXPECT_EQ(std::distance(fs::directory_iterator(temp_.path()), {}), 2);
+  EXPECT_FALSE(create_in_by_rename(folder_.get(), "name", "other", 5, identity_, writing_));
+  EXPECT_EQ(errno, EEXIST);
+  EXPECT_EQ(read_file(temp_.path() / "name"), "bytes");
+  EXPECT_EQ(std::distance(fs::directory_iterator(temp_.path()), {}), 2);
+}
+
+TEST(WriteAll, ToldByErrnoWhenFewerBytesWereWritten) {
+  const FileDescriptor full(open("/dev/full", O_WRONLY));
+  ASSERT_TRUE(full);
+  EXPECT_EQ(write_all(full.get(), "bytes", 5), 0u);
+  EXPECT_EQ(errno, ENOSPC);
+}
+
+}  // namespace
+}  // namespace qvx
