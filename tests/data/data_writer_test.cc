@@ -1,0 +1,561 @@
+#include "qvx/data/data_writer.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "qvx/support/log.h"
+#include "tests/data/sample_builder.h"
+#include "tests/support/env_guard.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temp_dir.h"
+
+namespace qvx {
+namespace {
+
+namespace fs = std::filesystem;
+using test::id_of_byte;
+using test::le;
+using test::LogCapture;
+using test::read_file;
+using test::TempDir;
+using Texts = std::vector<std::string>;
+
+// 2023-11-14 22:13:20 UTC.
+constexpr std::uint64_t kStart = 1700000000000000;
+constexpr const char* kNoIds = "[data_writer] First data block is QVXE. No schema ids could be extracted.";
+
+struct PageSpec {
+  std::string data = "QVXE0123456789abcdef";
+  std::uint32_t block_size = 0;
+  std::uint64_t room = 0;  // of the data area; that of the data when 0
+  std::uint64_t first_timestamp = kStart;
+  std::uint64_t last_timestamp = kStart + 9;
+  std::string source_id = "node1";
+  std::string source_tag = "";
+  qvx_schema_id schema_id = {};
+};
+
+PagePtr make_page(const PageSpec& spec) {
+  const std::uint64_t room = spec.room != 0 ? spec.room : spec.data.size();
+  PagePtr page = page_alloc(spec.block_size, kPageHeaderSize + room, {});
+  EXPECT_NE(page, nullptr);
+  EXPECT_TRUE(page_consume_free_space(*page, as_bytes(spec.data)));
+  page_set_timestamps(*page, spec.first_timestamp, spec.last_timestamp);
+  page_set_source(*page, make_source(spec.source_id, spec.source_tag));
+  page_set_schema_id(*page, spec.schema_id);
+  return page;
+}
+
+class DataWriter : public testing::Test {
+ protected:
+  DataWriter() {
+    qvx_client_id_t identity;
+    std::copy_n("host7", 5, identity.host_name.begin());
+    identity.port = 12;
+    writer_.reset(data_writer_create(identity));
+    writer_->root = temp_.path();
+  }
+
+  bool write(const PageSpec& spec) { return data_writer_write_page(*writer_, *make_page(spec)); }
+
+  fs::path folder() const { return temp_.path() / "2023/1114/node1"; }
+  std::string path_of(std::string_view id) const { return folder() / (std::string(id) + ".bin"); }
+
+  // Every file below the root that does not hold node information, sorted.
+  Texts data_files() const {
+    Texts found;
+    for (const auto& entry : fs::recursive_directory_iterator(temp_.path())) {
+      const std::string name = entry.path().filename();
+      if (entry.is_regular_file() && !name.starts_with("nodeinfo"))
+        found.push_back(fs::relative(entry.path(), temp_.path()));
+    }
+    std::sort(found.begin(), found.end());
+    return found;
+  }
+
+  static qvx_data_file_header header_of(const std::string& path) {
+    const std::string bytes = read_file(path);
+    EXPECT_GE(bytes.size(), 256u);
+    return file_header_decode(Bytes(as_bytes(bytes)).first<256>());
+  }
+
+  TempDir temp_;
+  DataWriterPtr writer_;
+  const std::string path_ = path_of("1700000000000000");
+};
+
+// -- Which pages are saved
+
+TEST_F(DataWriter, PageBecomesAFileOfItsSource) {
+  ASSERT_TRUE(write({.source_tag = "t", .schema_id = id_of_byte(0xC1)}));
+  test::FileHeader expected;
+  expected.source_id = "node1";
+  expected.source_tag = "t";
+  expected.file_size = 276;
+  expected.first_timestamp = kStart;
+  expected.last_timestamp = kStart + 9;
+  expected.block_size = 20;
+  EXPECT_EQ(read_file(path_of("t_1700000000000000")), test::file_header(expected) + "QVXE0123456789abcdef");
+}
+
+TEST_F(DataWriter, DisabledWriterDoesNothing) {
+  writer_->enabled = false;
+  LogCapture log;
+  EXPECT_TRUE(write({}));
+  EXPECT_EQ(log.texts(QVX_LOG_WARNING), Texts{});
+  EXPECT_TRUE(fs::is_empty(temp_.path()));
+}
+
+TEST_F(DataWriter, OnlyMajor1WithMinorAbove6IsCompatible) {
+  struct Case {
+    std::uint32_t version;
+    bool saved;
+  };
+  for (const auto& [version, saved] :
+       {Case{0x00010701, true}, Case{0xFFFF0801, true}, Case{0x0000FF01, true}, Case{0x00010601, false},
+        Case{0x00010702, false}, Case{0x00010700, false}}) {
+    const PagePtr page = make_page({});
+    store_le(page_header(*page).data(), version);
+    LogCapture log;
+    EXPECT_TRUE(data_writer_write_page(*writer_, *page));
+    EXPECT_EQ(fs::remove_all(temp_.path() / "2023") > 0, saved) << version;
+    EXPECT_EQ(log.has(QVX_LOG_WARNING, "[data_writer] Received incompatible data page. Skipping."), !saved);
+    writer_->sources.clear();
+    writer_->opened.clear();
+  }
+}
+
+TEST_F(DataWriter, EmptyPageIsDropped) {
+  LogCapture log;
+  EXPECT_TRUE(write({.data = "", .room = 100}));
+  EXPECT_TRUE(log.has(QVX_LOG_DEBUG, "[data_writer] Received empty data page. Skipping."));
+  EXPECT_TRUE(fs::is_empty(temp_.path()));
+}
+
+TEST_F(DataWriter, BlobsAndUnknownBlocksAreNotSaved) {
+  for (const char* data : {"QVXB0123456789abcdef", "QVXZ0123456789abcdef", "QVX"}) {
+    LogCapture log;
+    EXPECT_FALSE(write({.data = data}));
+    EXPECT_EQ(log.texts(QVX_LOG_ERROR),
+              (Texts{"[data_writer] Unrecognized type of data page. Cannot save to file."}));
+  }
+  EXPECT_TRUE(fs::is_empty(temp_.path()));
+}
+
+TEST_F(DataWriter, EventsPagesAndMetricsWarnThatTheyNameNoSchemas) {
+  LogCapture log;
+  EXPECT_TRUE(write({.data = "QVXE0123456789abcdef"}));
+  EXPECT_TRUE(write({.data = "QVXP0123456789abcdef"}));
+  EXPECT_TRUE(write({.data = "CNTX0123456789abcdef"}));
+  EXPECT_EQ(log.texts(QVX_LOG_WARNING), (Texts{kNoIds, "[data_writer] First data block is QVXP.",
+                                               "[data_writer] First data block is CNTX."}));
+  EXPECT_EQ(fs::file_size(path_), 256u + 3 * 20);
+}
+
+TEST_F(DataWriter, BlocksThatNoReaderAcceptsAreNotWritten) {
+  LogCapture log;
+  EXPECT_FALSE(write({.room = 125829120}));
+  EXPECT_TRUE(log.has(QVX_LOG_ERROR,
+                      "[data_writer] Blocks of 125829120 bytes could not be read. Cannot save to file."));
+  EXPECT_TRUE(fs::is_empty(temp_.path()));
+  EXPECT_TRUE(write({.room = 125829119}));
+}
+
+// -- Blocks
+
+TEST_F(DataWriter, DataIsPaddedToWholeBlocks) {
+  ASSERT_TRUE(write({.block_size = 16, .room = 64}));
+  EXPECT_EQ(read_file(path_).substr(256), "QVXE0123456789abcdef" + std::string(12, '\0'));
+  EXPECT_EQ(header_of(path_).block_size, 16u);
+}
+
+TEST_F(DataWriter, OneByteIsOneBlock) {
+  ASSERT_TRUE(write({.data = "QVXE0123456789abc", .block_size = 16, .room = 17}));
+  EXPECT_EQ(read_file(path_).substr(256), "QVXE0123456789abc" + std::string(15, '\0'));
+}
+
+TEST_F(DataWriter, BytesBehindTheFilledOnesAreNotWritten) {
+  const PagePtr page = make_page({.room = 32});
+  std::fill(page_data(*page).begin() + 20, page_data(*page).end(), std::byte{0x55});
+  ASSERT_TRUE(data_writer_write_page(*writer_, *page));
+  EXPECT_EQ(read_file(path_).substr(256), "QVXE0123456789abcdef" + std::string(12, '\0'));
+}
+
+TEST_F(DataWriter, PagesOfOneSourceShareAFile) {
+  ASSERT_TRUE(write({}));
+  ASSERT_TRUE(write({.first_timestamp = kStart + 10, .last_timestamp = kStart + 20}));
+  EXPECT_EQ(data_files(), (Texts{"2023/1114/node1/1700000000000000.bin"}));
+  EXPECT_EQ(header_of(path_).file_size, 296u);
+  EXPECT_EQ(header_of(path_).first_timestamp, kStart);
+  EXPECT_EQ(header_of(path_).last_timestamp, kStart + 20);
+}
+
+TEST_F(DataWriter, PageBeforeTheOpenFileStartsANewOneAndWarns) {
+  ASSERT_TRUE(write({}));
+  LogCapture log;
+  ASSERT_TRUE(write({.first_timestamp = kStart - 1}));
+  EXPECT_EQ(
+      log.texts(QVX_LOG_WARNING),
+      (Texts{kNoIds, "first_timestamp 1700000000000000is greater than current timestamp: 1699999999999999"}));
+  EXPECT_EQ(data_files(),
+            (Texts{"2023/1114/node1/1699999999999999.bin", "2023/1114/node1/1700000000000000.bin"}));
+}
+
+TEST_F(DataWriter, SourcesAndTagsHaveFilesOfTheirOwn) {
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_TRUE(write({.source_id = "a"}));
+    ASSERT_TRUE(write({.source_id = "a", .source_tag = "t"}));
+    ASSERT_TRUE(write({.source_id = "b"}));
+  }
+  EXPECT_EQ(data_files(), (Texts{"2023/1114/a/1700000000000000.bin", "2023/1114/a/t_1700000000000000.bin",
+                                 "2023/1114/b/1700000000000000.bin"}));
+  for (const std::string& file : data_files())
+    EXPECT_EQ(fs::file_size(temp_.path() / file), 296u) << file;
+}
+
+TEST_F(DataWriter, TemplateSeesTheHostAndItsPort) {
+  writer_->path_template = "{{node}}-{{port}}.bin";
+  ASSERT_TRUE(write({}));
+  EXPECT_EQ(data_files(), (Texts{"host7-12.bin"}));
+}
+
+TEST_F(DataWriter, ManySourcesDoNotUseUpTheDescriptors) {
+  const auto descriptors = [] {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+  };
+  const auto before = descriptors();
+  for (int round = 0; round < 2; ++round) {
+    for (int source = 0; source < 300; ++source)
+      ASSERT_TRUE(write({.source_id = "s" + std::to_string(source)}));
+  }
+  EXPECT_LE(descriptors(), before + 2 * 64);
+  EXPECT_EQ(data_files().size(), 300u);
+  for (const std::string& file : data_files())
+    EXPECT_EQ(fs::file_size(temp_.path() / file), 296u) << file;
+}
+
+// -- Schemas and block sizes
+
+TEST_F(DataWriter, NewSourceBeginsWithTheWritersSchemas) {
+  writer_->counters_schema_id = id_of_byte(0xC1);
+  writer_->event_schema_ids[1] = id_of_byte(0xE1);
+  ASSERT_TRUE(write({}));
+  EXPECT_EQ(header_of(path_).counters_schema_id, id_of_byte(0xC1));
+  EXPECT_EQ(header_of(path_).event_schema_ids[1], id_of_byte(0xE1));
+}
+
+TEST_F(DataWriter, SchemasPageTakesAllSevenIdentifiers) {
+  std::vector<qvx_schema_id> ids;
+  for (std::uint8_t slot = 0; slot < 8; ++slot)
+    ids.push_back(id_of_byte(static_cast<std::uint8_t>(0xE0 + slot)));
+  ASSERT_TRUE(write({.data = test::schemas_block(ids)}));
+  const auto& found = header_of(path_).event_schema_ids;
+  for (std::size_t slot = 0; slot < 7; ++slot)
+    EXPECT_EQ(found[slot], ids[slot]) << slot;
+}
+
+TEST_F(DataWriter, OtherSchemasStartANewFile) {
+  ASSERT_TRUE(write({.data = test::schemas_block({id_of_byte(1)}), .room = 256}));
+  ASSERT_TRUE(
+      write({.data = test::schemas_block({id_of_byte(1)}), .room = 256, .first_timestamp = kStart + 1}));
+  EXPECT_EQ(data_files().size(), 1u);
+  ASSERT_TRUE(write({.data = test::schemas_block({id_of_byte(1), id_of_byte(2)}),
+                     .room = 256,
+                     .first_timestamp = kStart + 2}));
+  ASSERT_TRUE(write({.room = 256, .first_timestamp = kStart + 3}));
+  EXPECT_EQ(data_files(),
+            (Texts{"2023/1114/node1/1700000000000000.bin", "2023/1114/node1/1700000000000002.bin"}));
+  EXPECT_EQ(header_of(path_).file_size, 256u + 2 * 256);
+  const std::string second = path_of("1700000000000002");
+  EXPECT_EQ(header_of(second).event_schema_ids[1], id_of_byte(2));
+  EXPECT_EQ(header_of(second).file_size, 256u + 2 * 256);
+}
+
+TEST_F(DataWriter, SchemasPageThatIsCutShortHasEmptyIdentifiersBehindItsEnd) {
+  writer_->event_schema_ids[1] = id_of_byte(9);
+  const std::string block = test::schemas_block({id_of_byte(1), id_of_byte(2)});
+  ASSERT_TRUE(write({.data = block.substr(0, 40)}));
+  EXPECT_EQ(header_of(path_).event_schema_ids[0], id_of_byte(1));
+  EXPECT_EQ(header_of(path_).event_schema_ids[1], qvx_schema_id{});
+}
+
+TEST_F(DataWriter, OtherCountersSchemaStartsANewFile) {
+  const std::string counters = test::counters_block(kStart, "12345678");
+  ASSERT_TRUE(write({.data = counters, .schema_id = id_of_byte(1)}));
+  ASSERT_TRUE(write({.data = counters, .first_timestamp = kStart + 1, .schema_id = id_of_byte(1)}));
+  ASSERT_TRUE(write({.data = counters, .first_timestamp = kStart + 2, .schema_id = id_of_byte(2)}));
+  EXPECT_EQ(data_files(),
+            (Texts{"2023/1114/node1/1700000000000000.bin", "2023/1114/node1/1700000000000002.bin"}));
+  EXPECT_EQ(header_of(path_).counters_schema_id, id_of_byte(1));
+  EXPECT_EQ(header_of(path_of("1700000000000002")).counters_schema_id, id_of_byte(2));
+}
+
+TEST_F(DataWriter, OtherBlockSizeStartsANewFile) {
+  ASSERT_TRUE(write({.block_size = 32, .room = 64}));
+  ASSERT_TRUE(write({.block_size = 64, .room = 64, .first_timestamp = kStart + 1}));
+  EXPECT_EQ(data_files(),
+            (Texts{"2023/1114/node1/1700000000000000.bin", "2023/1114/node1/1700000000000001.bin"}));
+  EXPECT_EQ(header_of(path_).block_size, 32u);
+  EXPECT_EQ(header_of(path_).file_size, 288u);
+  EXPECT_EQ(header_of(path_of("1700000000000001")).block_size, 64u);
+}
+
+// -- Failures
+
+TEST_F(DataWriter, PageThatCannotBeSavedIsAFailureAndTheNextIsTriedAgain) {
+  temp_.write_file("2023", "in the way");
+  LogCapture log;
+  EXPECT_FALSE(write({}));
+  EXPECT_FALSE(write({}));
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR).size(), 1u);
+  EXPECT_TRUE(write({.first_timestamp = 1}));
+  fs::remove(temp_.path() / "2023");
+  EXPECT_TRUE(write({.first_timestamp = kStart + 5}));
+  EXPECT_EQ(data_files(), (Texts{"1970/0101/node1/1.bin", "2023/1114/node1/1700000000000005.bin"}));
+}
+
+TEST_F(DataWriter, DestroyingTheWriterCompletesTheHeaders) {
+  ASSERT_TRUE(write({}));
+  ASSERT_TRUE(write({.source_id = "b"}));
+  for (auto& [key, source] : writer_->sources) {
+    source.file.last_timestamp = kStart + 77;
+    ASSERT_EQ(data_file_append(source.file, as_bytes("QVXE0123456789abcdef")), 20u);
+  }
+  writer_.reset();
+  for (const std::string& file : data_files()) {
+    EXPECT_EQ(header_of(temp_.path() / file).file_size, 296u) << file;
+    EXPECT_EQ(header_of(temp_.path() / file).last_timestamp, kStart + 77) << file;
+  }
+}
+
+// -- Node information
+
+TEST_F(DataWriter, NodeInformationStandsBesideNewFiles) {
+  ASSERT_TRUE(write({}));
+  EXPECT_EQ(read_file(folder() / "nodeinfo.json"), "{\n    \"timestamp\": 1700000000000000\n}");
+  ASSERT_TRUE(write({.first_timestamp = kStart + 1}));
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder()), {}), 2);
+}
+
+TEST_F(DataWriter, NodeInformationThatIsThereGetsANumberedName) {
+  const test::EnvGuard guard("QVX_ALLOW_MULTIPLE_NODEINFO", nullptr);
+  const test::EnvGuard alias("ALLOW_MULTIPLE_NODEINFO", nullptr);
+  temp_.write_file("2023/1114/node1/nodeinfo.json", "old");
+  ASSERT_TRUE(write({}));
+  EXPECT_EQ(read_file(folder() / "nodeinfo.json"), "old");
+  EXPECT_EQ(read_file(folder() / "nodeinfo.1700000000000000.json"),
+            "{\n    \"timestamp\": 1700000000000000\n}");
+}
+
+TEST_F(DataWriter, AppendingToAFoundFileWritesNoNodeInformation) {
+  temp_.write_file("2023/1114/node1/1700000000000000.bin", test::sample_file({.block_size = 20}, {"x"}));
+  ASSERT_TRUE(write({}));
+  EXPECT_FALSE(fs::exists(folder() / "nodeinfo.json"));
+}
+
+TEST_F(DataWriter, NodeInformationDoesNotLeaveThroughALink) {
+  const TempDir elsewhere;
+  fs::create_directories(folder());
+  fs::create_symlink(elsewhere.path() / "target", folder() / "nodeinfo.json");
+  ASSERT_TRUE(write({}));
+  EXPECT_TRUE(fs::is_empty(elsewhere.path()));
+}
+
+// -- The data size limit
+
+TEST_F(DataWriter, DataSizeLimitMustExceedTheFileSizeLimit) {
+  LogCapture log;
+  EXPECT_FALSE(data_writer_set_data_size_limit(*writer_, 134217728));
+  EXPECT_FALSE(data_writer_set_data_size_limit(*writer_, 0));
+  const std::string message = "[data_writer] data size limit must be larger than file size limit";
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR), (Texts{message, message}));
+  EXPECT_EQ(writer_->data_size_limit, 0u);
+  EXPECT_TRUE(data_writer_set_data_size_limit(*writer_, 134217729));
+  EXPECT_EQ(writer_->data_size_limit, 134217729u);
+}
+
+TEST_F(DataWriter, UnsetLimitCannotBeEnforced) {
+  LogCapture log;
+  data_writer_enforce_data_size_limit(*writer_);
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR), (Texts{"[data_writer] Cannot enforce data size limit, limit unset."}));
+}
+
+class LimitedDataWriter : public DataWriter {
+ protected:
+  // Three pages of 100 bytes fit, each in a file of its own.
+  LimitedDataWriter() {
+    writer_->file_size_limit = 256 + 100;
+    EXPECT_TRUE(data_writer_set_data_size_limit(*writer_, 399));
+  }
+
+  bool write_at(std::uint64_t seconds, std::string_view source = "node1") {
+    return write(
+        {.room = 100, .first_timestamp = kStart + seconds * 1000000, .source_id = std::string(source)});
+  }
+};
+
+TEST_F(LimitedDataWriter, OldestFilesAreRemoved) {
+  for (const std::uint64_t second : {1, 2, 3, 4, 5})
+    ASSERT_TRUE(write_at(second));
+  EXPECT_EQ(data_files(),
+            (Texts{"2023/1114/node1/1700000003000000.bin", "2023/1114/node1/1700000004000000.bin",
+                   "2023/1114/node1/1700000005000000.bin"}));
+  EXPECT_EQ(writer_->total_size, 300u);
+}
+
+TEST_F(LimitedDataWriter, FilesThatWereThereBeforeStay) {
+  const std::string before = test::sample_file({.block_size = 100}, {"x"});
+  temp_.write_file("2023/1114/node1/1700000001000000.bin", before);
+  temp_.write_file("2023/1114/node1/1500000000000000.bin", before);
+  for (const std::uint64_t second : {1, 2, 3, 4, 5})
+    ASSERT_TRUE(write_at(second));
+  const Texts files = data_files();
+  EXPECT_EQ(files.at(0), "2023/1114/node1/1500000000000000.bin");
+  EXPECT_EQ(files.at(1), "2023/1114/node1/1700000001000000.bin");
+  EXPECT_EQ(files.back(), "2023/1114/node1/1700000005000000.bin");
+  EXPECT_EQ(read_file(path_of("1500000000000000")), before);
+}
+
+TEST_F(LimitedDataWriter, VanishedFileIsReportedAndCountedOff) {
+  ASSERT_TRUE(write_at(1));
+  ASSERT_TRUE(write_at(2));
+  fs::remove(path_of("1700000001000000"));
+  ASSERT_TRUE(write_at(3));
+  LogCapture log;
+  ASSERT_TRUE(write_at(4));
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
+            (Texts{"[data_writer] File doesn't exist: " + path_of("1700000001000000")}));
+  EXPECT_EQ(writer_->total_size, 300u);
+}
+
+TEST_F(LimitedDataWriter, FileThatTookTheOldOnesPlaceIsNotRemoved) {
+  ASSERT_TRUE(write_at(1));
+  ASSERT_TRUE(write_at(2));
+  temp_.write_file("other", "other");
+  fs::rename(temp_.path() / "other", path_of("1700000001000000"));
+  ASSERT_TRUE(write_at(3));
+  LogCapture log;
+  ASSERT_TRUE(write_at(4));
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
+            (Texts{"[data_writer] File doesn't exist: " + path_of("1700000001000000")}));
+  EXPECT_EQ(read_file(path_of("1700000001000000")), "other");
+}
+
+TEST_F(LimitedDataWriter, FolderThatBecameALinkIsNotRemovedFrom) {
+  ASSERT_TRUE(write_at(1));
+  ASSERT_TRUE(write_at(2));
+  ASSERT_TRUE(write_at(3));
+  const TempDir elsewhere;
+  fs::rename(folder(), elsewhere.path() / "node1");
+  fs::create_directory_symlink(elsewhere.path() / "node1", folder());
+  LogCapture log;
+  EXPECT_FALSE(write_at(4));
+  writer_->data_size_limit = 200;
+  data_writer_enforce_data_size_limit(*writer_);
+  EXPECT_TRUE(log.has(QVX_LOG_ERROR, "[data_writer] File doesn't exist: " + path_of("1700000001000000")));
+  EXPECT_TRUE(fs::exists(elsewhere.path() / "node1/1700000001000000.bin"));
+}
+
+TEST_F(LimitedDataWriter, FileThatCannotBeRemovedIsReported) {
+  ASSERT_TRUE(write_at(1));
+  qvx_data_writer::WrittenFile& entry = writer_->written_files.front();
+  // A folder cannot be unlinked, not even by root.
+  fs::create_directories(temp_.path() / "folder");
+  entry.path = temp_.file("folder");
+  entry.below = {"folder"};
+  const FileDescriptor root(open(temp_.path().c_str(), O_PATH | O_DIRECTORY));
+  ASSERT_EQ(look_at(root.get(), "folder", entry.identity), EntryKind::file);
+  writer_->data_size_limit = 50;
+  LogCapture log;
+  data_writer_enforce_data_size_limit(*writer_);
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
+            (Texts{"[data_writer] Failed to remove file: " + temp_.file("folder")}));
+  EXPECT_EQ(writer_->total_size, 0u);
+  EXPECT_TRUE(writer_->written_files.empty());
+}
+
+TEST_F(LimitedDataWriter, OpenFileThatIsRemovedIsWrittenNoMore) {
+  ASSERT_TRUE(write_at(1, "slow"));
+  for (const std::uint64_t second : {2, 3, 4})
+    ASSERT_TRUE(write_at(second));
+  EXPECT_FALSE(fs::exists(temp_.path() / "2023/1114/slow/1700000001000000.bin"));
+  LogCapture log;
+  ASSERT_TRUE(write_at(5, "slow"));
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR), Texts{});
+  EXPECT_TRUE(fs::exists(temp_.path() / "2023/1114/slow/1700000005000000.bin"));
+}
+
+// -- Names that cannot be trusted
+
+// Whatever source id and tag hold, nothing is created or changed outside the root.
+TEST_F(DataWriter, NoNameLeavesTheRoot) {
+  const std::vector<std::pair<std::string, std::string>> names = {
+      {"..", ""},
+      {"../..", ""},
+      {"../../..", ""},
+      {"../../../outside", ""},
+      {"../../../../../../../../../../tmp/outside", ""},
+      {"/etc/outside", ""},
+      {"a/../../../../outside", ""},
+      {"node1", "../../../../x"},
+      {"node1", "/../../../../x"},
+      {".._/.._/.._/outside", ""},
+      {"._./._./._./outside", ""},
+      {"_/_/_/outside", ""},
+      {"{{tag}}/outside", "../../../.."},
+      {"{{id}}/../../../../outside", ""},
+      {"{{{{id}}}}{{", "}}{{"},
+      {"%", "%"},
+      {"%D/%D/%D", "%n%t"},
+      {"%%/%c/%x/%X/%r/%p", "%E%O%Q%q"},
+      {"%ZP%ZP%Z%z%s%f%F%T%R", "%_%-%+%#"},
+      {"{{hash/../../../../outside}}", ""},
+      {"{{hash10", "../../../../x"},
+      {"line\nbreak\rand\ttab", "\n"},
+      {"\x1b[31mred\x1b[0m\x07\x08", "\x7f"},
+      {"\xff\xfe\x80", "\xc3"},
+      {std::string(64, 'x'), std::string(16, 'y')},
+      {std::string(64, '/'), std::string(16, '/')},
+      {std::string(64, '.'), std::string(16, '.')},
+      {std::string(63, '%') + "c", "%c%c%c%c%c%c%c%c"},
+      {"%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c", ""},
+      {"", ""},
+      {" ", " "},
+      {".", "."},
+      {"-rf", "-"},
+      {"$(touch outside)`touch outside`;|&", "*?[]"},
+  };
+  ASSERT_GE(names.size(), 20u);
+  const TempDir outer;
+  writer_->root = outer.file("a/b/root");
+  fs::create_directories(writer_->root);
+  outer.write_file("a/b/beside", "untouched");
+  LogCapture log;
+  for (const auto& [id, tag] : names) {
+    log.clear();
+    const bool saved = write({.source_id = id, .source_tag = tag});
+    const bool complained = !log.texts(QVX_LOG_ERROR).empty();
+    EXPECT_TRUE(saved || complained) << id << " " << tag;
+  }
+  writer_.reset();
+  Texts outside;
+  for (const auto& entry : fs::recursive_directory_iterator(outer.path())) {
+    const std::string relative = fs::relative(entry.path(), outer.path());
+    if (!relative.starts_with("a/b/root/")) outside.push_back(relative);
+  }
+  std::sort(outside.begin(), outside.end());
+  EXPECT_EQ(outside, (Texts{"a", "a/b", "a/b/beside", "a/b/root"}));
+  EXPECT_EQ(read_file(outer.path() / "a/b/beside"), "untouched");
+  EXPECT_FALSE(fs::exists("/etc/outside"));
+  EXPECT_FALSE(fs::exists("/tmp/outside"));
+  EXPECT_FALSE(fs::exists("outside"));
+}
+
+}  // namespace
+}  // namespace qvx
