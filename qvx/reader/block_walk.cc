@@ -16,6 +16,7 @@ namespace {
 
 // Unpacks one page block and hands its bytes on; false when that failed.
 bool process_page_block(ReaderContext& context, const PageBlock& block) {
+  if (context.bin != nullptr) return context.bin->process_page_block(block);
   const std::uint64_t size = encoded_uncompressed_size(block.header.encoding, block.data);
   PageBuffer page = PageBuffer::allocate(size);
   if (!page) {

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <clocale>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -31,6 +32,12 @@ void occupy_standard_descriptors() {
     const int mode = descriptor == STDERR_FILENO ? O_WRONLY : O_RDONLY;
     [[maybe_unused]] const int taken = open("/dev/null", mode);
   }
+}
+
+// Makes a file size limit an error of the write that meets it, like a full disk, instead of ending the
+// program.
+void ignore_file_size_signal() {
+  std::signal(SIGXFSZ, SIG_IGN);
 }
 
 void set_locale() {
@@ -77,6 +84,7 @@ int read_files(const ReaderOptions& options) {
 
 int main(int argc, char** argv) {
   occupy_standard_descriptors();
+  ignore_file_size_signal();
   set_locale();
   try {
     ReaderOptions options;

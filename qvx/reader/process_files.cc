@@ -59,7 +59,7 @@ bool process_data_blocks(ReaderContext& context) {
     if (!ok) return false;
     if (context.run.sink.error() != 0) return true;
   }
-  if (gzeof(file) != 0) return true;
+  if (gzeof(file) != 0) return context.bin == nullptr || !context.bin->failed();
   QVX_LOG(QVX_LOG_ERROR, "No data block header read from the file %s", context.path);
   return false;
 }
@@ -100,6 +100,7 @@ bool process_opened_file(ReaderContext& context, bool is_first_file) {
     file_error(context, "Failed to load type system");
     return false;
   }
+  if (context.bin != nullptr) context.bin->set_header(context.header);
   OutputSink& sink = context.run.sink;
   const bool is_json = context.run.options.format == OutputFormat::json;
   if (is_json) {

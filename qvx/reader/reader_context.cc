@@ -24,6 +24,10 @@ std::unique_ptr<ReaderContext> create_reader_context(Run& run, const char* path)
     QVX_LOG(QVX_LOG_ERROR, "Failed to open data file %s: %s", path, std::strerror(errno));
     return nullptr;
   }
+  if (run.options.format == OutputFormat::bin) {
+    context->bin = BinOutput::create(run.options.output_dir);
+    if (context->bin == nullptr) return nullptr;
+  }
   return context;
 }
 

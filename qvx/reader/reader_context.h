@@ -8,6 +8,7 @@
 
 #include "qvx/data/file_header.h"
 #include "qvx/metrics/metrics_output.h"
+#include "qvx/reader/bin_output.h"
 #include "qvx/reader/loaded_types.h"
 #include "qvx/reader/options.h"
 #include "qvx/support/clock.h"
@@ -41,6 +42,7 @@ struct ReaderContext {
   const char* path;  // not owned
   qvx_data_file_header header;
   std::shared_ptr<LoadedTypes> types;
+  std::unique_ptr<BinOutput> bin;  // for the output format bin, else null
   std::uint32_t records_written =
       0;  // records, counters and metrics blocks handled; 0: the next record is the first
 };
