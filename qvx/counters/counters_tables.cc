@@ -18,8 +18,7 @@ constexpr std::size_t kCellRoom = kFixedNumberRoom + 2 * kColumnWidth;
 constexpr std::uint64_t kMaxSharedValues = 65536;
 
 char* put(char* out, std::string_view text) {
-  std::memcpy(out, text.data(), text.size());
-  return out + text.size();
+  return out + text.copy(out, text.size());
 }
 
 // Right-aligned in the width; longer text pushes the cell wider.

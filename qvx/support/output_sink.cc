@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 
 namespace qvx {
 
@@ -31,8 +30,7 @@ void OutputSink::write(std::string_view text) {
       return;
     }
   }
-  std::memcpy(position_, text.data(), text.size());
-  position_ += text.size();
+  position_ += text.copy(position_, text.size());
 }
 
 bool OutputSink::flush() {
