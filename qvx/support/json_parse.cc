@@ -176,7 +176,7 @@ std::optional<Value> build(std::string_view text) {
 
 class File {
  public:
-  explicit File(const std::string& path) : descriptor_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+  explicit File(const char* path) : descriptor_(::open(path, O_RDONLY | O_CLOEXEC)) {}
   ~File() {
     const int error = errno;
     if (descriptor_ >= 0) ::close(descriptor_);
@@ -219,7 +219,7 @@ std::optional<Value> parse(std::string_view text) noexcept {
   }
 }
 
-std::optional<Value> parse_file(const std::string& path) noexcept {
+std::optional<Value> parse_file(const char* path) noexcept {
   try {
     File file(path);
     std::string text;

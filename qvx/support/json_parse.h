@@ -21,6 +21,9 @@ std::optional<Value> parse(std::string_view text) noexcept;
 
 // The same for the content of a file. On failure errno tells why: that of the file, ENOMEM, or 0 when the
 // file was read but is no document.
-std::optional<Value> parse_file(const std::string& path) noexcept;
+std::optional<Value> parse_file(const char* path) noexcept;
+inline std::optional<Value> parse_file(const std::string& path) noexcept {
+  return parse_file(path.c_str());
+}
 
 }  // namespace qvx::json
