@@ -44,7 +44,7 @@ bool process_data_blocks(ReaderContext& context) {
   }
   gzFile const file = context.file.get();
   int count = 0;
-  while ((count = read_gzip(file, buffer.get(), block_size)) != 0) {
+  while ((count = read_gzip(context, buffer.get(), block_size)) != 0) {
     if (count < static_cast<int>(kMagicSize)) {
       QVX_LOG(QVX_LOG_ERROR, "No data block header read from the file %s", context.path);
       return false;
@@ -74,7 +74,7 @@ std::string_view json_key(std::string_view path) {
 bool read_header(ReaderContext& context) {
   FileHeaderBytes bytes;
   errno = 0;
-  if (read_gzip(context.file.get(), bytes.data(), kFileHeaderSize) != static_cast<int>(kFileHeaderSize)) {
+  if (read_gzip(context, bytes.data(), kFileHeaderSize) != static_cast<int>(kFileHeaderSize)) {
     file_error(context, "Failed reading data file header: %s", std::strerror(errno));
     return false;
   }

@@ -3,8 +3,10 @@
 
 #include <zlib.h>
 
+#include <csignal>
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "qvx/data/file_header.h"
 #include "qvx/metrics/metrics_output.h"
@@ -39,7 +41,8 @@ struct ReaderContext {
 
   Run& run;
   GzipFile file;
-  const char* path;  // not owned
+  std::optional<sigset_t> held_signals;  // see read_gzip
+  const char* path;                      // not owned
   qvx_data_file_header header;
   std::shared_ptr<LoadedTypes> types;
   std::unique_ptr<BinOutput> bin;  // for the output format bin, else null
@@ -50,9 +53,11 @@ struct ReaderContext {
 // Opens the file; null on failure, which is logged.
 std::unique_ptr<ReaderContext> create_reader_context(Run& run, const char* path);
 
-// Reads up to `size` bytes. Returns fewer at the end of the file or when reading failed, and -1 when it
-// failed at once; errno tells why. Interrupted reads are continued.
-int read_gzip(gzFile file, void* to, unsigned size);
+// Reads up to `size` bytes, fewer only at the end of the file. -1 when reading failed; errno tells why.
+//
+// zlib drops what a call has already read when a later part of it is interrupted. Where that can happen, on
+// anything but a regular file, signals whose handlers interrupt a read therefore wait until the call is done.
+int read_gzip(ReaderContext& context, void* to, unsigned size);
 
 // Reads and validates the header of a file and closes it again; faults are logged.
 bool read_file_header(const char* path, Run& run, qvx_data_file_header& header);
