@@ -44,6 +44,7 @@ def chains():
         "nested_headers": (JSON | HEADERS, nested),
         "counters_ndjson": (NDJSON, values),
         "counters_txt": (TXT, values),
+        "counters_txt_cut": (TXT, values[:26]),
         "counters_late": (NDJSON | RANGE, values),
         "schemas": (NDJSON, schemas_block([EVENTS, EVENTS]) + events_block([pack("Bh", 1, 2)], 1, 1)),
         "blob": (NDJSON | IN_PAGE_OR_SORTED, blob_block(b"data")),
