@@ -38,7 +38,7 @@ TEST(CounterData, CopyOwnsItsTextsAndHasEveryNumber) {
 
 TEST(CounterData, CopyingGivesNothingWithoutMemory) {
   const CounterInfoPtr counter = test::make_counter("a name that needs memory of its own", QVX_COUNTER_FP64);
-  for (const std::size_t successes : {0, 1}) {
+  for (const std::size_t successes : {0U, 1U}) {
     CounterInfoPtr copy;
     {
       const test::FailingAllocations failing(successes);

@@ -57,7 +57,7 @@ TEST(CounterGroup, AddingWithoutMemoryIsReported) {
   const CounterGroupPtr group(test::make_group(0, 1, {}));
   const CounterInfoPtr counter = test::make_counter("a", QVX_COUNTER_INT64);
   const test::LastMessage last;
-  for (const std::size_t successes : {0, 1}) {
+  for (const std::size_t successes : {0U, 1U}) {
     bool added = true;
     {
       const test::FailingAllocations failing(successes);
