@@ -6,7 +6,8 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
-#include <string_view>
+#include <string>
+#include <utility>
 
 #include "qvx/data/block.h"
 #include "qvx/data/source.h"
@@ -26,22 +27,22 @@ bool is_compatible(std::uint32_t version) {
 
 qvx_data_writer::Source& find_source(qvx_data_writer& writer, const qvx_data_page& page) {
   const qvx_source source = page_source(page);
-  const auto [place, is_new] =
-      writer.sources.try_emplace({std::string(field_text(source.id)), std::string(field_text(source.tag))});
-  qvx_data_file& file = place->second.file;
-  if (is_new) {
-    file.root = writer.root;
-    file.path_template = writer.path_template;
-    file.node = writer.node_name;
-    file.port = writer.port;
-    file.source_id = place->first.first;
-    file.source_tag = place->first.second;
-    file.counters_schema_id = writer.counters_schema_id;
-    file.event_schema_ids = writer.event_schema_ids;
-    file.file_size_limit = writer.file_size_limit;
-    file.file_time_limit = writer.file_time_limit;
-  }
-  return place->second;
+  std::pair<std::string, std::string> key(field_text(source.id), field_text(source.tag));
+  if (const auto found = writer.sources.find(key); found != writer.sources.end()) return found->second;
+  // Complete before it is entered, so that memory running short leaves no file with the wrong root.
+  qvx_data_writer::Source made;
+  qvx_data_file& file = made.file;
+  file.root = writer.root;
+  file.path_template = writer.path_template;
+  file.node = writer.node_name;
+  file.port = writer.port;
+  file.source_id = key.first;
+  file.source_tag = key.second;
+  file.counters_schema_id = writer.counters_schema_id;
+  file.event_schema_ids = writer.event_schema_ids;
+  file.file_size_limit = writer.file_size_limit;
+  file.file_time_limit = writer.file_time_limit;
+  return writer.sources.emplace(std::move(key), std::move(made)).first->second;
 }
 
 // The identifiers that a schemas block carries; those that it is too short for are empty.
@@ -102,8 +103,8 @@ bool note_new_file(qvx_data_writer& writer, qvx_data_writer::Source& source) {
   qvx_data_file& file = source.file;
   if (source.written != nullptr && source.written->identity != file.identity) source.written = nullptr;
   if (!file.newly_created) return false;
-  file.newly_created = false;
   writer.written_files.push_back({file.path, file.below, file.identity, 0});
+  file.newly_created = false;
   source.written = &writer.written_files.back();
   return true;
 }

@@ -12,6 +12,7 @@
 #include "qvx/support/log.h"
 #include "tests/data/sample_builder.h"
 #include "tests/support/env_guard.h"
+#include "tests/support/failing_allocations.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
@@ -332,6 +333,47 @@ TEST_F(DataWriter, DestroyingTheWriterCompletesTheHeaders) {
     EXPECT_EQ(header_of(temp_.path() / file).file_size, 296u) << file;
     EXPECT_EQ(header_of(temp_.path() / file).last_timestamp, kStart + 77) << file;
   }
+}
+
+bool header_memory_was_short = false;
+
+__attribute__((format(printf, 2, 3))) void note_message(std::uint32_t, const char* format, ...) {
+  if (std::string_view(format) == "[data_file] Failed allocating file header buffer: %s")
+    header_memory_was_short = true;
+}
+
+TEST_F(DataWriter, WhenMemoryIsShortAPageIsSavedWholeOrNotAtAll) {
+  const PagePtr page = make_page({});
+  const std::uint32_t level = qvx_logger_set_level(QVX_LOG_ERROR);
+  qvx_logger_register_callback(note_message, QVX_LOG_ERROR);
+  bool short_of_memory = true;
+  std::size_t successes = 0;
+  for (; short_of_memory; ++successes) {
+    {
+      const test::FailingAllocations few(successes);
+      data_writer_write_page(*writer_, *page);
+      short_of_memory = few.any_failed();
+    }
+    for (const std::string& file : data_files()) {
+      EXPECT_EQ(file, "2023/1114/node1/1700000000000000.bin");
+      EXPECT_EQ((fs::file_size(temp_.path() / file) - 256) % 20, 0u);
+    }
+    writer_->sources.clear();
+    writer_->opened.clear();
+    fs::remove_all(temp_.path() / "2023");
+  }
+  qvx_logger_register_callback(nullptr, 0);
+  qvx_logger_set_level(level);
+  EXPECT_GT(successes, 10u);
+  EXPECT_TRUE(header_memory_was_short);
+  EXPECT_TRUE(data_writer_write_page(*writer_, *page));
+  EXPECT_FALSE(fs::exists("2023"));
+}
+
+TEST_F(DataWriter, WriterThatDoesNotFitIntoMemoryIsNull) {
+  qvx_client_id_t identity;
+  const test::FailingAllocations none(0);
+  EXPECT_EQ(data_writer_create(identity), nullptr);
 }
 
 // -- Node information
