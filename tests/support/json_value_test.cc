@@ -205,12 +205,12 @@ TEST(JsonObject, ManyMembersTakeNoQuadraticTime) {
 TEST(JsonObject, DottedSetMakesTheObjectsOnTheWay) {
   Object object;
   EXPECT_TRUE(object.set_dotted("timestamp", Value::integer(5)));
-  EXPECT_TRUE(object.set_dotted("mlx5_0.node_guid", Value::raw_string("n")));
-  EXPECT_TRUE(object.set_dotted("mlx5_0.system_image_guid", Value::raw_string("s")));
+  EXPECT_TRUE(object.set_dotted("hcx4_0.node_guid", Value::raw_string("n")));
+  EXPECT_TRUE(object.set_dotted("hcx4_0.system_image_guid", Value::raw_string("s")));
   EXPECT_TRUE(object.set_dotted("x.y.z.w", Value::boolean(true)));
   EXPECT_TRUE(object.set_dotted("x.y.v", Value()));
   EXPECT_TRUE(object.set_dotted("x.y.z.w", Value::boolean(false)));
-  EXPECT_EQ(compact(object), R"({"timestamp":5,"mlx5_0":{"node_guid":"n","system_image_guid":"s"},)"
+  EXPECT_EQ(compact(object), R"({"timestamp":5,"hcx4_0":{"node_guid":"n","system_image_guid":"s"},)"
                              R"("x":{"y":{"z":{"w":false},"v":null}}})");
 }
 
