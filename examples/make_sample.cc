@@ -7,6 +7,7 @@
 //   gzip_pages.bin    compressed pages of counters and of events
 //   snappy_pages.bin  the same pages in the other encoding
 //   schemas.bin       events whose schemas change in the middle of the file
+//   metrics.bin       metrics of all value types, with labels and a histogram
 //   archive.bin.gz    events.bin as a whole gzip file
 //   schema/           the schema files that these name
 #include <snappy.h>
@@ -27,6 +28,7 @@
 #include <string_view>
 #include <vector>
 
+#include "examples/metrics_sample.h"
 #include "examples/recording.h"
 #include "qvx/data/block.h"
 #include "qvx/data/encoded_payload.h"
@@ -419,6 +421,7 @@ void make_sample(const std::filesystem::path& folder) {
   write_pages(folder / "gzip_pages.bin", QVX_ENCODING_GZIP);
   write_pages(folder / "snappy_pages.bin", QVX_ENCODING_SNAPPY);
   write_changing_schemas(folder);
+  write_metrics_sample(folder / "metrics.bin", kNode, kStart);
   write_archive(folder);
 }
 

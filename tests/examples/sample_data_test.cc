@@ -21,8 +21,9 @@ namespace {
 namespace fs = std::filesystem;
 
 const fs::path kSample = QVX_SAMPLE_DIR;
-const std::vector<std::string> kFiles = {"archive.bin.gz", "counters.bin", "events.bin",
-                                         "gzip_pages.bin", "schemas.bin",  "snappy_pages.bin"};
+const std::vector<std::string> kFiles = {"archive.bin.gz",  "counters.bin", "events.bin",
+                                         "gzip_pages.bin",  "metrics.bin",  "schemas.bin",
+                                         "snappy_pages.bin"};
 
 std::string read_as(const std::string& format, const fs::path& folder, const std::string& name) {
   const ProgramResult result = run_program({QVX_READ, "-f", format, (folder / name).string()});
@@ -86,11 +87,12 @@ TEST(SampleData, AllFilesReadAsOneJsonDocumentWithoutComplaint) {
   const std::optional<json::Value> value = json::parse(result.out);
   ASSERT_TRUE(value && value->as_object() != nullptr);
   const auto count = [&](const char* key) { return value->as_object()->array_at(key)->size(); };
-  EXPECT_EQ(value->as_object()->size(), 6u);
+  EXPECT_EQ(value->as_object()->size(), 7u);
   EXPECT_EQ(count("archive"), 72u);
   EXPECT_EQ(count("counters"), 12u);
   EXPECT_EQ(count("events"), 72u);
   EXPECT_EQ(count("gzip_pages"), 78u);
+  EXPECT_EQ(count("metrics"), 18u);
   EXPECT_EQ(count("schemas"), 14u);
   EXPECT_EQ(count("snappy_pages"), 78u);
 }
@@ -139,6 +141,26 @@ TEST(SampleData, FirstRecordsReadAsInvented) {
             R"({"user_time":7200960,"system_time":1800429,"frequency":1.1299999999999999},)"
             R"({"user_time":7200960,"system_time":1800429,"frequency":1.1299999999999999},)"
             R"({"user_time":7200960,"system_time":1800429,"frequency":1.1299999999999999}]}]})");
+}
+
+TEST(SampleData, MetricsBlocksReadAsTheirLastBatch) {
+  const TimeZoneGuard utc("UTC");
+  const std::vector<std::string> lines = lines_of(ndjson("metrics.bin"));
+  ASSERT_EQ(lines.size(), 18u);
+  EXPECT_EQ(lines[0],
+            R"({"timestamp":1700000000000000,"@timestamp":"2023-11-14 22:13:20.000","labels":[)"
+            R"({"cluster":"alpha"},{"rack":"r17"},{"host":"node-017.cluster.example"},{"interface":"ib0"}],)"
+            R"("metrics":[{"net_received_bytes":8880000000},{"net_sent_bytes":3720000000},)"
+            R"({"net_dropped_frames":0}]})");
+  // The form knows no value types: a floating-point value shows as its bits.
+  EXPECT_EQ(
+      lines[16],
+      R"({"timestamp":1700000050000000,"@timestamp":"2023-11-14 22:14:10.000","labels":[)"
+      R"({"cluster":"alpha"},{"rack":"r17"},{"host":"node-017.cluster.example"},{"job":"train resnet"}],)"
+      R"("metrics":[{"job_cpu_seconds":4.6362974867035259e+18},{"job_load":4.6133748682876518e+18}]})");
+  EXPECT_EQ(lines[17], R"({"timestamp":1700000050000000,"@timestamp":"2023-11-14 22:14:10.000","labels":[)"
+                       R"({"cluster":"alpha"},{"rack":"r17"},{"host":"node-017.cluster.example"}],)"
+                       R"("metrics":[{"node_energy_joules":52023000}]})");
 }
 
 TEST(SampleData, TextTableHasARowOfValuesForEachCore) {
