@@ -1,6 +1,11 @@
 #include "examples/host_recorder.h"
 
 #include <algorithm>
+#include <array>
+#include <new>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
 
 #include "qvx/support/clock.h"
 #include "qvx/support/version.h"
@@ -12,6 +17,11 @@ constexpr std::size_t kNameWidth = 64;
 constexpr std::size_t kInterfaceWidth = 16;
 constexpr std::size_t kStateWidth = 16;
 constexpr std::size_t kReasonWidth = 16;
+
+constexpr std::uint32_t kSamplesPerPage = 32;
+constexpr std::uint32_t kEventPageSize = 1024;
+// How long a record may stay in memory.
+constexpr std::chrono::milliseconds kMaxAge{1000};
 
 // Integers come first: in the text table they are as wide as their column, floating-point numbers are not.
 // All are of one group, because the table takes the values of each group from the first on.
@@ -33,15 +43,90 @@ void add_counters(Schemas& schemas) {
       });
 }
 
+Packer pack(const HostReading& reading, double cpu_busy_percent) {
+  return Packer()
+      .add(reading.memory_total - std::min(reading.memory_total, reading.memory_available))
+      .add(reading.memory_available)
+      .add(reading.network_received)
+      .add(reading.network_sent)
+      .add(reading.disk_read)
+      .add(reading.disk_written)
+      .add(reading.context_switches)
+      .add(reading.processes_running)
+      .add(cpu_busy_percent)
+      .add(reading.load[0]);
+}
+
+ClientIdPtr find_client() {
+  ClientIdPtr client(qvx_client_id_create());
+  if (client == nullptr) throw std::runtime_error("this host has no name");
+  return client;
+}
+
+std::string find_source_id(const std::string& given) {
+  std::array<char, kSourceIdSize> id{};
+  if (!source_id_resolve(id, given.c_str())) throw std::runtime_error("there is no source id");
+  return std::string(field_text(id));
+}
+
+std::vector<qvx_adapter_info> find_adapters(const std::filesystem::path& root) {
+  std::vector<qvx_adapter_info> adapters(kPageAdapters);
+  const std::filesystem::path folder = root / "sys/class/infiniband";
+  // Most machines have none, which is no fault.
+  if (std::error_code error; std::filesystem::is_directory(folder, error))
+    discover_adapters(folder.c_str(), adapters);
+  return adapters;
+}
+
 }  // namespace
 
-HostRecorder::HostRecorder(const std::filesystem::path& folder, const std::string& host)
-    : first_timestamp_(now_microseconds()),
-      last_timestamp_(first_timestamp_ - 1),
-      path_(folder / "host.bin"),
-      types_(add_types(schemas_, folder / "schema")),
-      // A data block has room for one counters block, since no other in it would be read.
-      file_(path_, schemas_, host, "host", schemas_.largest_block_size(), first_timestamp_) {}
+HostRecorder::HostRecorder(const RecorderOptions& options)
+    : interval_(options.interval),
+      client_(find_client()),
+      source_(find_source_id(options.source)),
+      tag_(options.tag),
+      adapters_(find_adapters(options.root)),
+      types_(add_types(schemas_, options.folder / "schema")),
+      writer_(make_writer(options.folder)),
+      encoding_(options.encoding),
+      counter_pages_(*writer_, counters_form(), encoding_),
+      event_pages_(*writer_, events_form(), encoding_) {}
+
+DataWriterPtr HostRecorder::make_writer(const std::filesystem::path& folder) {
+  DataWriterPtr writer(data_writer_create(*client_));
+  if (writer == nullptr) throw std::bad_alloc();
+  writer->root = folder;
+  // Compressed pages do not tell the writer what they hold.
+  writer->counters_schema_id = schemas_.counters_schema_id();
+  writer->event_schema_ids = schemas_.event_schema_ids();
+  return writer;
+}
+
+qvx_source HostRecorder::source_of(std::string_view kind) const {
+  return make_source(source_, tag_.empty() ? std::string(kind) : tag_ + "_" + std::string(kind));
+}
+
+// Each sample is a data block, and a whole page when that is compressed, since no other counters block in it
+// would be read.
+PageForm HostRecorder::counters_form() {
+  PageForm form;
+  form.source = source_of("counters");
+  form.adapters = adapters_;
+  form.counters_schema_id = schemas_.counters_schema_id();
+  form.block_size = static_cast<std::uint32_t>(counters_block(0, pack({}, 0)).size());
+  form.num_blocks = encoding_ ? 1 : kSamplesPerPage;
+  return form;
+}
+
+PageForm HostRecorder::events_form() {
+  PageForm form;
+  form.source = source_of("events");
+  form.adapters = adapters_;
+  form.counters_schema_id = schemas_.counters_schema_id();
+  form.block_size = kEventPageSize;
+  form.lead = schemas_block(schemas_.event_schema_ids());
+  return form;
+}
 
 HostRecorder::Types HostRecorder::add_types(Schemas& schemas, const std::filesystem::path& folder) {
   add_counters(schemas);
@@ -55,8 +140,8 @@ HostRecorder::Types HostRecorder::add_types(Schemas& schemas, const std::filesys
                                              {"load_mark", "The load to watch for", "double", 0, 1}});
   types.stopped = schemas.add_type("collector_stopped", {{"timestamp", "Time of the end", "timestamp", 0, 1},
                                                          {"reason", "Why it ended", "char", 0, kReasonWidth},
-                                                         {"samples", "Samples in the file", "uint64_t", 0, 1},
-                                                         {"events", "Events in the file", "uint64_t", 0, 1}});
+                                                         {"samples", "Samples recorded", "uint64_t", 0, 1},
+                                                         {"events", "Events recorded", "uint64_t", 0, 1}});
   types.interface_changed =
       schemas.add_type("interface_changed", {{"timestamp", "Time it was seen", "timestamp", 0, 1},
                                              {"interface", "Its name", "char", 0, kInterfaceWidth},
@@ -78,9 +163,9 @@ void HostRecorder::started(const CollectorStart& start) {
   write_event(types_.started, time,
               Packer()
                   .add(time)
-                  .add_text(start.host, kNameWidth)
+                  .add_text(field_text(client_->host_name), kNameWidth)
                   .add(static_cast<std::uint16_t>(start.processors))
-                  .add(start.interval_ms)
+                  .add(static_cast<std::uint32_t>(interval_.count()))
                   .add(start.load_mark));
 }
 
@@ -89,6 +174,8 @@ void HostRecorder::stopped(std::string_view reason) {
   const std::uint64_t time = next_timestamp();
   write_event(types_.stopped, time,
               Packer().add(time).add_text(reason, kReasonWidth).add(samples_).add(events_ + 1));
+  counter_pages_.save();
+  event_pages_.save();
 }
 
 void HostRecorder::interface_changed(std::string_view name, std::string_view before, std::string_view state) {
@@ -112,20 +199,13 @@ void HostRecorder::load_crossed(bool is_above, double mark, const std::array<dou
 
 void HostRecorder::sample(const HostReading& reading, double cpu_busy_percent) {
   const std::uint64_t time = next_timestamp();
-  const Packer values =
-      Packer()
-          .add(reading.memory_total - std::min(reading.memory_total, reading.memory_available))
-          .add(reading.memory_available)
-          .add(reading.network_received)
-          .add(reading.network_sent)
-          .add(reading.disk_read)
-          .add(reading.disk_written)
-          .add(reading.context_switches)
-          .add(reading.processes_running)
-          .add(cpu_busy_percent)
-          .add(reading.load[0]);
-  file_.append_unit(counters_block(time, values), time);
+  counter_pages_.append(counters_block(time, pack(reading, cpu_busy_percent)), time);
   ++samples_;
+  // The next sample is the next chance.
+  const auto wait = std::chrono::duration_cast<std::chrono::microseconds>(kMaxAge - interval_).count();
+  const std::uint64_t limit = wait > 0 ? time - static_cast<std::uint64_t>(wait) : time;
+  counter_pages_.save_if_older(limit);
+  event_pages_.save_if_older(limit);
 }
 
 std::uint64_t HostRecorder::next_timestamp() {
@@ -134,7 +214,7 @@ std::uint64_t HostRecorder::next_timestamp() {
 }
 
 void HostRecorder::write_event(EventType type, std::uint64_t time, const Packer& event) {
-  file_.append_unit(event_block(type, time, {&event, 1}), time);
+  event_pages_.append(event_block(type, time, {&event, 1}), time);
   ++events_;
 }
 

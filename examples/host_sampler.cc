@@ -1,12 +1,12 @@
-// Samples this machine into a data file until its time is up or a signal ends it.
+// Samples this machine into data files until its time is up or a signal ends it.
 //
 //   host_sampler --interval 100 --seconds 3 --output /tmp/host
-//   qvx_read -f txt /tmp/host/host.bin
+//   qvx_read -s /tmp/host/schema -f txt $(find /tmp/host -name 'counters_*.bin')
 //
-// The file gets one data block with all counters every interval, and one for each event between them: the
-// start and the end of the collector, an interface that changes its state, a load that crosses the mark.
+// The tag "counters" gets one block with all counters every interval, the tag "events" one for each event
+// between them: the start and the end of the collector, an interface that changes its state, a load that
+// crosses the mark.
 #include <getopt.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -21,6 +21,7 @@
 #include <exception>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -29,6 +30,7 @@
 
 #include "examples/host_probe.h"
 #include "examples/host_recorder.h"
+#include "qvx/support/log.h"
 
 namespace qvx::examples {
 namespace {
@@ -36,10 +38,8 @@ namespace {
 using SteadyClock = std::chrono::steady_clock;
 
 struct Options {
-  std::chrono::milliseconds interval{1000};
+  RecorderOptions recorder;
   std::chrono::seconds duration{0};  // 0: until a signal comes
-  std::filesystem::path output = ".";
-  std::filesystem::path root = "/";
   double load_mark = std::max(1u, std::thread::hardware_concurrency());
 };
 
@@ -107,26 +107,19 @@ double busy_percent(const HostReading& before, const HostReading& now) {
          static_cast<double>(now.cpu_total - before.cpu_total);
 }
 
-std::string host_name() {
-  std::array<char, 256> name{};
-  if (gethostname(name.data(), name.size() - 1) != 0) return "localhost";
-  return name.data();
-}
-
 void collect(const Options& options) {
   const StopSignals signals;
-  const std::string host = host_name();
-  const HostProbe probe(options.root);
-  HostRecorder recorder(options.output, host);
-  recorder.started({host, std::thread::hardware_concurrency(),
-                    static_cast<std::uint32_t>(options.interval.count()), options.load_mark});
+  const std::chrono::milliseconds interval = options.recorder.interval;
+  const HostProbe probe(options.recorder.root);
+  HostRecorder recorder(options.recorder);
+  recorder.started({std::thread::hardware_concurrency(), options.load_mark});
 
   HostWatch watch(probe, options.load_mark);
   HostReading before = probe.read();
   const SteadyClock::time_point start = SteadyClock::now();
   const SteadyClock::time_point end =
       options.duration.count() == 0 ? SteadyClock::time_point::max() : start + options.duration;
-  SteadyClock::time_point next = start + options.interval;
+  SteadyClock::time_point next = start + interval;
   bool is_stopped = false;
   while (!(is_stopped = signals.wait_until(std::min(next, end))) && next <= end) {
     const HostReading now = probe.read();
@@ -135,12 +128,14 @@ void collect(const Options& options) {
     before = now;
     // After a pause the missed samples are left out.
     do {
-      next += options.interval;
+      next += interval;
     } while (next <= SteadyClock::now());
   }
   recorder.stopped(is_stopped ? "signal" : "finished");
-  std::printf("%llu samples and %llu events in %s\n", static_cast<unsigned long long>(recorder.samples()),
-              static_cast<unsigned long long>(recorder.events()), recorder.path().c_str());
+  std::printf("%llu samples and %llu events of %s below %s\n",
+              static_cast<unsigned long long>(recorder.samples()),
+              static_cast<unsigned long long>(recorder.events()), recorder.source().c_str(),
+              options.recorder.folder.c_str());
 }
 
 template <typename Number>
@@ -150,20 +145,36 @@ bool parse_number(std::string_view text, Number& number) {
   return error == std::errc() && stop == end;
 }
 
+bool parse_encoding(std::string_view name, std::optional<qvx_encoding>& encoding) {
+  if (name == "gzip")
+    encoding = QVX_ENCODING_GZIP;
+  else if (name == "snappy")
+    encoding = QVX_ENCODING_SNAPPY;
+  else
+    return false;
+  return true;
+}
+
 constexpr const char* kUsage =
     "Usage: host_sampler [options]\n"
     "  --interval ms     Time between two samples (1000).\n"
     "  --seconds n       How long to run; 0 runs until SIGINT or SIGTERM (0).\n"
-    "  --output folder   Where host.bin and its schema folder go; an earlier host.bin is replaced (.).\n"
+    "  --output folder   Where the data files and their schema folder go (.).\n"
+    "  --source id       What the data are of (QVX_SOURCE_ID, else the name of the host).\n"
+    "  --tag text        Put before the tags counters and events, with an underscore; 6 characters at most.\n"
+    "  --compress how    Compress the pages with gzip or snappy.\n"
     "  --root folder     Where the proc and sys of the machine lie (/).\n"
     "  --load-mark x     Record an event when the load crosses this (the number of processors).\n";
 
 // False when the options are wrong.
 bool parse_options(int argc, char** argv, Options& options) {
   constexpr std::uint32_t kMaxInterval = 24 * 60 * 60 * 1000;
-  constexpr std::array<option, 6> kOptions{{{"interval", required_argument, nullptr, 'i'},
+  constexpr std::array<option, 9> kOptions{{{"interval", required_argument, nullptr, 'i'},
                                             {"seconds", required_argument, nullptr, 's'},
                                             {"output", required_argument, nullptr, 'o'},
+                                            {"source", required_argument, nullptr, 'S'},
+                                            {"tag", required_argument, nullptr, 't'},
+                                            {"compress", required_argument, nullptr, 'c'},
                                             {"root", required_argument, nullptr, 'r'},
                                             {"load-mark", required_argument, nullptr, 'l'},
                                             {nullptr, 0, nullptr, 0}}};
@@ -172,17 +183,27 @@ bool parse_options(int argc, char** argv, Options& options) {
     switch (letter) {
       case 'i':
         if (!parse_number(optarg, number) || number == 0 || number > kMaxInterval) return false;
-        options.interval = std::chrono::milliseconds(number);
+        options.recorder.interval = std::chrono::milliseconds(number);
         break;
       case 's':
         if (!parse_number(optarg, number)) return false;
         options.duration = std::chrono::seconds(number);
         break;
       case 'o':
-        options.output = optarg;
+        options.recorder.folder = optarg;
+        break;
+      case 'S':
+        options.recorder.source = optarg;
+        break;
+      case 't':
+        options.recorder.tag = optarg;
+        if (options.recorder.tag.size() > kMaxTagPrefix) return false;
+        break;
+      case 'c':
+        if (!parse_encoding(optarg, options.recorder.encoding)) return false;
         break;
       case 'r':
-        options.root = optarg;
+        options.recorder.root = optarg;
         break;
       case 'l':
         if (!parse_number(optarg, options.load_mark) || !std::isfinite(options.load_mark)) return false;
@@ -203,6 +224,8 @@ int main(int argc, char** argv) {
     std::fputs(qvx::examples::kUsage, stderr);
     return 1;
   }
+  // The writer warns of every page that it cannot look into, as the compressed ones, which is no news here.
+  qvx_init_stderr_logger(QVX_LOG_ERROR);
   try {
     qvx::examples::collect(options);
   } catch (const std::exception& error) {

@@ -118,6 +118,13 @@ qvx_schema_id Schemas::counters_schema_id() {
   return qvx_type_system_counters_digest(types_.get());
 }
 
+std::array<qvx_schema_id, kEventSchemaSlots> Schemas::event_schema_ids() {
+  std::array<qvx_schema_id, kEventSchemaSlots> ids;
+  for (std::size_t index = 0; index < std::min(count(), ids.size()); ++index)
+    ids[index] = schema_id(index);
+  return ids;
+}
+
 void Schemas::write_files(const std::filesystem::path& folder) {
   std::filesystem::create_directories(folder);
   for (std::size_t index = 0; index < types_->schemas.size(); ++index) {
@@ -135,6 +142,19 @@ ByteArray counters_block(std::uint64_t timestamp, const Packer& values) {
   store_magic(block, QVX_COUNTERS_BLOCK);
   store_le(block.data() + offset_of(kCountersBlockLayout, "timestamp"), timestamp);
   append(block, values.bytes());
+  return block;
+}
+
+ByteArray schemas_block(const std::array<qvx_schema_id, kEventSchemaSlots>& ids) {
+  ByteArray block(kMinSchemasBlockSize);
+  store_magic(block, QVX_SCHEMAS_BLOCK);
+  store_le(block.data() + offset_of(kSchemasBlockLayout, "block_size"),
+           static_cast<std::uint16_t>(block.size()));
+  store_le(block.data() + offset_of(kSchemasBlockLayout, "num_schemas"),
+           static_cast<std::uint8_t>(ids.size()));
+  auto to = block.begin() + offset_of(kSchemasBlockLayout, "schema_ids[]");
+  for (const qvx_schema_id& id : ids)
+    to = std::copy(id.bytes.begin(), id.bytes.end(), to);
   return block;
 }
 
@@ -175,8 +195,7 @@ DataFile::DataFile(const std::filesystem::path& path, Schemas& schemas, std::str
   header_.first_timestamp = first_timestamp;
   header_.block_size = block_size;
   header_.counters_schema_id = schemas.counters_schema_id();
-  for (std::size_t index = 0; index < std::min(schemas.count(), kEventSchemaSlots); ++index)
-    header_.event_schema_ids[index] = schemas.schema_id(index);
+  header_.event_schema_ids = schemas.event_schema_ids();
   write_header();
 }
 

@@ -84,6 +84,9 @@ class Schemas {
   // All zero when there are no counters.
   qvx_schema_id counters_schema_id();
 
+  // All of them in their slots, as a file header names them.
+  std::array<qvx_schema_id, kEventSchemaSlots> event_schema_ids();
+
   // Writes each schema into the folder as the file that its identifier names.
   void write_files(const std::filesystem::path& folder);
 
@@ -92,6 +95,8 @@ class Schemas {
 };
 
 ByteArray counters_block(std::uint64_t timestamp, const Packer& values);
+// Names these schemas for the events behind it.
+ByteArray schemas_block(const std::array<qvx_schema_id, kEventSchemaSlots>& ids);
 ByteArray event_block(EventType type, std::uint64_t timestamp, std::span<const Packer> events);
 
 void append(ByteArray& to, Bytes bytes);

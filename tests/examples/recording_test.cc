@@ -48,6 +48,17 @@ TEST(Blocks, EventBlockHasMagicTimeIndexesCountAndEvents) {
                                         18));
 }
 
+TEST(Blocks, SchemasBlockHasSizeCountAndSevenIdentifiersInAMinimalBlock) {
+  std::array<qvx_schema_id, kEventSchemaSlots> ids;
+  ids[0].bytes.fill(std::byte{'a'});
+  ids[6].bytes.fill(std::byte{'g'});
+  const std::string block = text_of(schemas_block(ids));
+  ASSERT_EQ(block.size(), 256u);
+  EXPECT_EQ(block.substr(0, 7), std::string("QVXS\0\x01\x07", 7));
+  EXPECT_EQ(block.substr(16, 32), std::string(16, 'a') + std::string(16, '\0'));
+  EXPECT_EQ(block.substr(16 + 96), std::string(16, 'g') + std::string(128, '\0'));
+}
+
 TEST(Schemas, RefuseATypeWithAnUnknownFieldType) {
   Schemas schemas;
   schemas.add_schema("provider", pack_version(1, 0, 0));
