@@ -4,17 +4,15 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/lib.sh
 
-# Lines wider than the terminal are cut, not folded.
-width=
-[ ! -t 1 ] || width=$(tput cols 2>/dev/null || true)
+# Wider lines are cut, not folded.
+width=110
+[ ! -t 1 ] || width=$(tput cols 2>/dev/null || echo "$width")
 
 # show <head|tail> <lines> <argument of qvx_read...>
 show() {
   local end=$1 lines=$2 total
   shift 2
-  printf '\n$ qvx_read'
-  printf ' %q' "$@"
-  printf '\n'
+  { printf '\n$ qvx_read' && printf ' %q' "$@" && printf '\n'; } | sed "s#$QVX_SCRATCH/##g"
   build/release/qvx_read "$@" >"$QVX_SCRATCH/output" || fail "qvx_read failed"
   total=$(wc -l <"$QVX_SCRATCH/output")
   if [ "$end" = tail ] && [ "$total" -gt "$lines" ]; then printf '...\n'; fi
@@ -30,9 +28,22 @@ say "Sample data: events, a line each, and counters as tables"
 show head 3 -f ndjson examples/data/events.bin
 show head 12 -f txt examples/data/counters.bin
 
-printf "\n"
-say "This machine, sampled for three seconds"
-quietly "Sampling" build/release/examples/host_sampler --interval 100 --seconds 3 --output "$QVX_SCRATCH"
-# Text tables are for counters, so the events are left out of them.
-show head 3 -f ndjson "$QVX_SCRATCH/host.bin"
-show tail 8 -f txt -e '*' "$QVX_SCRATCH/host.bin"
+# sample <name> <what> <argument of host_sampler...>: samples this machine into a folder of this name and shows
+# the files and what is in them. The text table is for counters, so the events have none.
+sample() {
+  local folder=$QVX_SCRATCH/$1 what=$2 counters events
+  shift 2
+  printf '\n'
+  say "This machine, sampled for three seconds, $what"
+  quietly "Sampling" build/release/examples/host_sampler --interval 100 --seconds 3 --output "$folder" "$@"
+  printf '\n$ find %s -type f\n' "${folder##*/}"
+  (cd "$QVX_SCRATCH" && find "${folder##*/}" -type f | sort)
+  counters=$(find "$folder" -name 'counters_*.bin')
+  events=$(find "$folder" -name 'events_*.bin')
+  show head 3 -s "$folder/schema" -f ndjson "$events"
+  show head 2 -s "$folder/schema" -f ndjson "$counters"
+  show tail 4 -s "$folder/schema" -f txt "$counters"
+}
+
+sample plain "its pages saved as they are" --source node7
+sample gzip "its pages compressed" --source node7 --compress gzip
