@@ -7,6 +7,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <exception>
+#include <iterator>
 #include <locale>
 #include <new>
 #include <optional>
@@ -94,9 +95,13 @@ bool format_time(std::string& path, std::uint64_t timestamp, std::string& fault)
     return false;
   }
   try {
+    // Not owned by a locale, which would lose it when memory runs short.
+    constexpr std::size_t kKeptHere = 1;
+    const time_facet facet(path.c_str(), {}, {}, {}, kKeptHere);
     std::ostringstream out;
-    out.imbue(std::locale(std::locale::classic(), new time_facet(path.c_str())));
-    out << ptime(boost::gregorian::date(1970, 1, 1), milliseconds(static_cast<std::int64_t>(time)));
+    out.imbue(std::locale::classic());
+    facet.put(std::ostreambuf_iterator<char>(out), out, ' ',
+              ptime(boost::gregorian::date(1970, 1, 1), milliseconds(static_cast<std::int64_t>(time))));
     path = out.str();
     return true;
   } catch (const std::bad_alloc&) {

@@ -443,7 +443,7 @@ class LimitedDataWriter : public DataWriter {
 };
 
 TEST_F(LimitedDataWriter, OldestFilesAreRemoved) {
-  for (const std::uint64_t second : {1, 2, 3, 4, 5})
+  for (std::uint64_t second = 1; second <= 5; ++second)
     ASSERT_TRUE(write_at(second));
   EXPECT_EQ(data_files(),
             (Texts{"2023/1114/node1/1700000003000000.bin", "2023/1114/node1/1700000004000000.bin",
@@ -455,7 +455,7 @@ TEST_F(LimitedDataWriter, FilesThatWereThereBeforeStay) {
   const std::string before = test::sample_file({.block_size = 100}, {"x"});
   temp_.write_file("2023/1114/node1/1700000001000000.bin", before);
   temp_.write_file("2023/1114/node1/1500000000000000.bin", before);
-  for (const std::uint64_t second : {1, 2, 3, 4, 5})
+  for (std::uint64_t second = 1; second <= 5; ++second)
     ASSERT_TRUE(write_at(second));
   const Texts files = data_files();
   EXPECT_EQ(files.at(0), "2023/1114/node1/1500000000000000.bin");
@@ -524,7 +524,7 @@ TEST_F(LimitedDataWriter, FileThatCannotBeRemovedIsReported) {
 
 TEST_F(LimitedDataWriter, OpenFileThatIsRemovedIsWrittenNoMore) {
   ASSERT_TRUE(write_at(1, "slow"));
-  for (const std::uint64_t second : {2, 3, 4})
+  for (std::uint64_t second = 2; second <= 4; ++second)
     ASSERT_TRUE(write_at(second));
   EXPECT_FALSE(fs::exists(temp_.path() / "2023/1114/slow/1700000001000000.bin"));
   LogCapture log;
