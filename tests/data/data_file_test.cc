@@ -2,11 +2,9 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -14,53 +12,22 @@
 #include <vector>
 
 #include "qvx/support/log.h"
+#include "tests/data/data_file_fixture.h"
 #include "tests/data/sample_builder.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/temp_dir.h"
 
 namespace qvx {
 namespace {
 
 namespace fs = std::filesystem;
-using test::le;
+using test::kStart;
 using test::LogCapture;
 using test::read_file;
-using test::TempDir;
 using Texts = std::vector<std::string>;
 
-// 2023-11-14 22:13:20 UTC.
-constexpr std::uint64_t kStart = 1700000000000000;
 constexpr std::uint64_t kMinute = 60000000;
 
-// One data file for the source "node1", in blocks of 16 bytes.
-class DataFile : public testing::Test {
- protected:
-  DataFile() {
-    file_.root = temp_.path();
-    file_.source_id = "node1";
-    file_.node = "host7";
-    file_.block_size = 16;
-  }
-
-  std::string path_of(std::string_view id) const {
-    return temp_.file("2023/1114/node1/" + std::string(id) + ".bin");
-  }
-
-  std::uint64_t append(std::string_view text, std::uint64_t zeros = 0) {
-    return data_file_append(file_, as_bytes(text), zeros);
-  }
-
-  // The header as it stands in the file.
-  qvx_data_file_header header_of(const std::string& path) {
-    const std::string bytes = read_file(path);
-    EXPECT_GE(bytes.size(), 256u);
-    return file_header_decode(Bytes(as_bytes(bytes)).first<256>());
-  }
-
-  TempDir temp_;
-  qvx_data_file file_;
-  const std::string path_ = path_of("1700000000000000");
-};
+class DataFile : public test::DataFileTest {};
 
 // -- Whether a new file is due
 
@@ -432,199 +399,6 @@ TEST_F(DataFile, WithoutOpenFileNoHeaderIsUpdated) {
   LogCapture log;
   EXPECT_FALSE(data_file_update_header(file_));
   EXPECT_EQ(log.messages(), (std::vector<test::LogMessage>{}));
-}
-
-// -- Files that vanish
-
-TEST_F(DataFile, HeaderOfAVanishedFileCannotBeUpdated) {
-  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
-  fs::remove(path_);
-  LogCapture log;
-  EXPECT_FALSE(data_file_update_header(file_));
-  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
-            (Texts{"[data_file] Failed opening data file " + path_ + ": No such file or directory"}));
-  EXPECT_FALSE(fs::exists(path_));
-}
-
-TEST_F(DataFile, VanishedFileIsReplacedByANewOneForTheNextData) {
-  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
-  append("0123456789abcdef");
-  fs::remove_all(temp_.path() / "2023");
-  LogCapture log;
-  ASSERT_TRUE(data_file_open_for(file_, kStart + 1, kStart + 1));
-  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
-            (Texts{"[data_file] Failed opening data file " + path_ + ": No such file or directory"}));
-  EXPECT_EQ(append("ABCDEFGHIJKLMNOP"), 16u);
-  EXPECT_EQ(file_.path, path_of("1700000000000001"));
-  EXPECT_EQ(read_file(file_.path).substr(256), "ABCDEFGHIJKLMNOP");
-}
-
-TEST_F(DataFile, FileThatTookTheOldOnesPlaceIsLeftAlone) {
-  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
-  append("0123456789abcdef");
-  const std::string other = test::sample_file({}, {"other"});
-  temp_.write_file("other", other);
-  fs::rename(temp_.path() / "other", path_);
-  LogCapture log;
-  EXPECT_FALSE(data_file_update_header(file_));
-  ASSERT_TRUE(data_file_open_for(file_, kStart + 1, kStart + 1));
-  const std::string message = "[data_file] Failed opening data file " + path_ + ": Stale file handle";
-  EXPECT_EQ(log.texts(QVX_LOG_ERROR), (Texts{message, message}));
-  EXPECT_EQ(append("ABCDEFGHIJKLMNOP"), 16u);
-  EXPECT_EQ(read_file(path_), other);
-  EXPECT_EQ(read_file(path_of("1700000000000001")).substr(256), "ABCDEFGHIJKLMNOP");
-}
-
-TEST_F(DataFile, ReleasedFileIsOpenedAgain) {
-  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
-  append("0123456789abcdef");
-  data_file_release(file_);
-  EXPECT_FALSE(file_.handle);
-  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
-  EXPECT_EQ(append("ABCDEFGHIJKLMNOP"), 16u);
-  EXPECT_TRUE(data_file_update_header(file_));
-  EXPECT_EQ(read_file(path_).substr(256), "0123456789abcdefABCDEFGHIJKLMNOP");
-  EXPECT_EQ(header_of(path_).file_size, 288u);
-}
-
-// -- Full disks
-
-// Limits the size of files for a scope; writing beyond it fails as on a full disk.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
-    getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit limit{bytes, before_.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~FileSizeLimit() {
-    setrlimit(RLIMIT_FSIZE, &before_);
-    std::signal(SIGXFSZ, handler_);
-  }
-  FileSizeLimit(const FileSizeLimit&) = delete;
-  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
- private:
-  rlimit before_{};
-  void (*handler_)(int);
-};
-
-TEST_F(DataFile, BlockThatDoesNotFitLeavesNothingOfItself) {
-  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
-  append("0123456789abcdef");
-  LogCapture log;
-  {
-    const FileSizeLimit limit(256 + 16 + 10);
-    EXPECT_EQ(append("ABCDEFGHIJKLMNOP"), 0u);
-  }
-  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
-            (Texts{"[data_file] Failed appending data file " + path_ + ": File too large"}));
-  EXPECT_EQ(read_file(path_).substr(256), "0123456789abcdef");
-  EXPECT_EQ(file_.file_size, 272u);
-  EXPECT_EQ(append("ABCDEFGHIJKLMNOP"), 16u);
-  EXPECT_EQ(read_file(path_).substr(256), "0123456789abcdefABCDEFGHIJKLMNOP");
-}
-
-TEST_F(DataFile, OfAPageThatDoesNotFitTheWholeBlocksStay) {
-  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
-  LogCapture log;
-  {
-    const FileSizeLimit limit(256 + 16 + 10);
-    EXPECT_EQ(append("0123456789abcdefABCDEFGHIJKLMNOP"), 16u);
-  }
-  EXPECT_EQ(log.texts(QVX_LOG_ERROR).size(), 1u);
-  EXPECT_EQ(read_file(path_).substr(256), "0123456789abcdef");
-  EXPECT_TRUE(data_file_update_header(file_));
-  EXPECT_EQ(header_of(path_).file_size, 272u);
-}
-
-TEST_F(DataFile, HoleThatDoesNotFitLeavesNothingOfItself) {
-  file_.block_size = 1 << 20;
-  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
-  {
-    const FileSizeLimit limit(1 << 20);
-    EXPECT_EQ(append("0123", (1 << 20) - 4), 0u);
-  }
-  EXPECT_EQ(fs::file_size(path_), 256u);
-}
-
-TEST_F(DataFile, HeaderThatDoesNotFitLeavesNoFile) {
-  LogCapture log;
-  {
-    const FileSizeLimit limit(100);
-    EXPECT_FALSE(data_file_open_for(file_, kStart, kStart));
-  }
-  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
-            (Texts{"[data_file] Failed writing header of the data file " + path_ + ": File too large",
-                   "[data_file] Failed to create empty data file " + path_ + ": File too large"}));
-  EXPECT_TRUE(fs::is_empty(temp_.path() / "2023/1114/node1"));
-  EXPECT_TRUE(data_file_open_for(file_, kStart, kStart));
-}
-
-// -- Names that cannot be trusted
-
-TEST_F(DataFile, PathThatLeavesTheRootIsRefused) {
-  file_.source_id = "../../../x";
-  LogCapture log;
-  EXPECT_FALSE(data_file_open_for(file_, kStart, kStart));
-  EXPECT_EQ(log.texts(QVX_LOG_ERROR), (Texts{"[data_file] Failed to create data file " +
-                                             temp_.file("2023/1114/../../../x/1700000000000000.bin") +
-                                             ": path leaves the output folder"}));
-  EXPECT_TRUE(fs::is_empty(temp_.path()));
-}
-
-TEST_F(DataFile, PathThatStaysBelowTheRootIsResolved) {
-  file_.source_id = "..";
-  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
-  EXPECT_TRUE(fs::exists(temp_.path() / "2023/1700000000000000.bin"));
-  EXPECT_EQ(data_file_folder(file_), temp_.file("2023"));
-}
-
-TEST_F(DataFile, LinkInThePlaceOfTheFileIsRefused) {
-  const TempDir elsewhere;
-  const std::string target = elsewhere.write_file("target", test::sample_file({}, {"other"}));
-  const std::string before = read_file(target);
-  fs::create_directories(temp_.path() / "2023/1114/node1");
-  fs::create_symlink(target, path_);
-  LogCapture log;
-  EXPECT_FALSE(data_file_open_for(file_, kStart, kStart));
-  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
-            (Texts{"[data_file] Failed to create data file " + path_ + ": path leaves the output folder"}));
-  EXPECT_EQ(read_file(target), before);
-}
-
-TEST_F(DataFile, DanglingLinkInThePlaceOfTheFileIsRefused) {
-  const TempDir elsewhere;
-  fs::create_directories(temp_.path() / "2023/1114/node1");
-  fs::create_symlink(elsewhere.path() / "target", path_);
-  LogCapture log;
-  EXPECT_FALSE(data_file_open_for(file_, kStart, kStart));
-  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
-            (Texts{"[data_file] Failed to open file " + path_ + " for writing: No such file or directory",
-                   "[data_file] Failed to create empty data file " + path_ + ": No such file or directory"}));
-  EXPECT_TRUE(fs::is_empty(elsewhere.path()));
-}
-
-TEST_F(DataFile, LinkInThePlaceOfAFolderIsRefused) {
-  const TempDir elsewhere;
-  fs::create_directory_symlink(elsewhere.path(), temp_.path() / "2023");
-  LogCapture log;
-  EXPECT_FALSE(data_file_open_for(file_, kStart, kStart));
-  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
-            (Texts{"[data_file] Failed to create data file " + path_ + ": path leaves the output folder"}));
-  EXPECT_TRUE(fs::is_empty(elsewhere.path()));
-}
-
-TEST_F(DataFile, LinkThatTookTheFilesPlaceIsNotWrittenThrough) {
-  const TempDir elsewhere;
-  const std::string target = elsewhere.write_file("target", test::sample_file({}, {"other"}));
-  const std::string before = read_file(target);
-  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
-  fs::remove(path_);
-  fs::create_symlink(target, path_);
-  EXPECT_EQ(append("0123456789abcdef"), 0u);
-  EXPECT_FALSE(data_file_update_header(file_));
-  EXPECT_EQ(read_file(target), before);
 }
 
 }  // namespace

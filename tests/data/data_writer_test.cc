@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "qvx/support/log.h"
+#include "tests/data/data_writer_fixture.h"
 #include "tests/data/sample_builder.h"
 #include "tests/support/env_guard.h"
 #include "tests/support/failing_allocations.h"
@@ -21,75 +22,16 @@ namespace {
 
 namespace fs = std::filesystem;
 using test::id_of_byte;
-using test::le;
+using test::kStart;
 using test::LogCapture;
+using test::make_page;
 using test::read_file;
 using test::TempDir;
 using Texts = std::vector<std::string>;
 
-// 2023-11-14 22:13:20 UTC.
-constexpr std::uint64_t kStart = 1700000000000000;
 constexpr const char* kNoIds = "[data_writer] First data block is QVXE. No schema ids could be extracted.";
 
-struct PageSpec {
-  std::string data = "QVXE0123456789abcdef";
-  std::uint32_t block_size = 0;
-  std::uint64_t room = 0;  // of the data area; that of the data when 0
-  std::uint64_t first_timestamp = kStart;
-  std::uint64_t last_timestamp = kStart + 9;
-  std::string source_id = "node1";
-  std::string source_tag = "";
-  qvx_schema_id schema_id = {};
-};
-
-PagePtr make_page(const PageSpec& spec) {
-  const std::uint64_t room = spec.room != 0 ? spec.room : spec.data.size();
-  PagePtr page = page_alloc(spec.block_size, kPageHeaderSize + room, {});
-  EXPECT_NE(page, nullptr);
-  EXPECT_TRUE(page_consume_free_space(*page, as_bytes(spec.data)));
-  page_set_timestamps(*page, spec.first_timestamp, spec.last_timestamp);
-  page_set_source(*page, make_source(spec.source_id, spec.source_tag));
-  page_set_schema_id(*page, spec.schema_id);
-  return page;
-}
-
-class DataWriter : public testing::Test {
- protected:
-  DataWriter() {
-    qvx_client_id_t identity;
-    std::copy_n("host7", 5, identity.host_name.begin());
-    identity.port = 12;
-    writer_.reset(data_writer_create(identity));
-    writer_->root = temp_.path();
-  }
-
-  bool write(const PageSpec& spec) { return data_writer_write_page(*writer_, *make_page(spec)); }
-
-  fs::path folder() const { return temp_.path() / "2023/1114/node1"; }
-  std::string path_of(std::string_view id) const { return folder() / (std::string(id) + ".bin"); }
-
-  // Every file below the root that does not hold node information, sorted.
-  Texts data_files() const {
-    Texts found;
-    for (const auto& entry : fs::recursive_directory_iterator(temp_.path())) {
-      const std::string name = entry.path().filename();
-      if (entry.is_regular_file() && !name.starts_with("nodeinfo"))
-        found.push_back(fs::relative(entry.path(), temp_.path()));
-    }
-    std::sort(found.begin(), found.end());
-    return found;
-  }
-
-  static qvx_data_file_header header_of(const std::string& path) {
-    const std::string bytes = read_file(path);
-    EXPECT_GE(bytes.size(), 256u);
-    return file_header_decode(Bytes(as_bytes(bytes)).first<256>());
-  }
-
-  TempDir temp_;
-  DataWriterPtr writer_;
-  const std::string path_ = path_of("1700000000000000");
-};
+class DataWriter : public test::DataWriterTest {};
 
 // -- Which pages are saved
 
@@ -407,196 +349,6 @@ TEST_F(DataWriter, NodeInformationDoesNotLeaveThroughALink) {
   fs::create_symlink(elsewhere.path() / "target", folder() / "nodeinfo.json");
   ASSERT_TRUE(write({}));
   EXPECT_TRUE(fs::is_empty(elsewhere.path()));
-}
-
-// -- The data size limit
-
-TEST_F(DataWriter, DataSizeLimitMustExceedTheFileSizeLimit) {
-  LogCapture log;
-  EXPECT_FALSE(data_writer_set_data_size_limit(*writer_, 134217728));
-  EXPECT_FALSE(data_writer_set_data_size_limit(*writer_, 0));
-  const std::string message = "[data_writer] data size limit must be larger than file size limit";
-  EXPECT_EQ(log.texts(QVX_LOG_ERROR), (Texts{message, message}));
-  EXPECT_EQ(writer_->data_size_limit, 0u);
-  EXPECT_TRUE(data_writer_set_data_size_limit(*writer_, 134217729));
-  EXPECT_EQ(writer_->data_size_limit, 134217729u);
-}
-
-TEST_F(DataWriter, UnsetLimitCannotBeEnforced) {
-  LogCapture log;
-  data_writer_enforce_data_size_limit(*writer_);
-  EXPECT_EQ(log.texts(QVX_LOG_ERROR), (Texts{"[data_writer] Cannot enforce data size limit, limit unset."}));
-}
-
-class LimitedDataWriter : public DataWriter {
- protected:
-  // Three pages of 100 bytes fit, each in a file of its own.
-  LimitedDataWriter() {
-    writer_->file_size_limit = 256 + 100;
-    EXPECT_TRUE(data_writer_set_data_size_limit(*writer_, 399));
-  }
-
-  bool write_at(std::uint64_t seconds, std::string_view source = "node1") {
-    return write(
-        {.room = 100, .first_timestamp = kStart + seconds * 1000000, .source_id = std::string(source)});
-  }
-};
-
-TEST_F(LimitedDataWriter, OldestFilesAreRemoved) {
-  for (std::uint64_t second = 1; second <= 5; ++second)
-    ASSERT_TRUE(write_at(second));
-  EXPECT_EQ(data_files(),
-            (Texts{"2023/1114/node1/1700000003000000.bin", "2023/1114/node1/1700000004000000.bin",
-                   "2023/1114/node1/1700000005000000.bin"}));
-  EXPECT_EQ(writer_->total_size, 300u);
-}
-
-TEST_F(LimitedDataWriter, FilesThatWereThereBeforeStay) {
-  const std::string before = test::sample_file({.block_size = 100}, {"x"});
-  temp_.write_file("2023/1114/node1/1700000001000000.bin", before);
-  temp_.write_file("2023/1114/node1/1500000000000000.bin", before);
-  for (std::uint64_t second = 1; second <= 5; ++second)
-    ASSERT_TRUE(write_at(second));
-  const Texts files = data_files();
-  EXPECT_EQ(files.at(0), "2023/1114/node1/1500000000000000.bin");
-  EXPECT_EQ(files.at(1), "2023/1114/node1/1700000001000000.bin");
-  EXPECT_EQ(files.back(), "2023/1114/node1/1700000005000000.bin");
-  EXPECT_EQ(read_file(path_of("1500000000000000")), before);
-}
-
-TEST_F(LimitedDataWriter, VanishedFileIsReportedAndCountedOff) {
-  ASSERT_TRUE(write_at(1));
-  ASSERT_TRUE(write_at(2));
-  fs::remove(path_of("1700000001000000"));
-  ASSERT_TRUE(write_at(3));
-  LogCapture log;
-  ASSERT_TRUE(write_at(4));
-  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
-            (Texts{"[data_writer] File doesn't exist: " + path_of("1700000001000000")}));
-  EXPECT_EQ(writer_->total_size, 300u);
-}
-
-TEST_F(LimitedDataWriter, FileThatTookTheOldOnesPlaceIsNotRemoved) {
-  ASSERT_TRUE(write_at(1));
-  ASSERT_TRUE(write_at(2));
-  temp_.write_file("other", "other");
-  fs::rename(temp_.path() / "other", path_of("1700000001000000"));
-  ASSERT_TRUE(write_at(3));
-  LogCapture log;
-  ASSERT_TRUE(write_at(4));
-  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
-            (Texts{"[data_writer] File doesn't exist: " + path_of("1700000001000000")}));
-  EXPECT_EQ(read_file(path_of("1700000001000000")), "other");
-}
-
-TEST_F(LimitedDataWriter, FolderThatBecameALinkIsNotRemovedFrom) {
-  ASSERT_TRUE(write_at(1));
-  ASSERT_TRUE(write_at(2));
-  ASSERT_TRUE(write_at(3));
-  const TempDir elsewhere;
-  fs::rename(folder(), elsewhere.path() / "node1");
-  fs::create_directory_symlink(elsewhere.path() / "node1", folder());
-  LogCapture log;
-  EXPECT_FALSE(write_at(4));
-  writer_->data_size_limit = 200;
-  data_writer_enforce_data_size_limit(*writer_);
-  EXPECT_TRUE(log.has(QVX_LOG_ERROR, "[data_writer] File doesn't exist: " + path_of("1700000001000000")));
-  EXPECT_TRUE(fs::exists(elsewhere.path() / "node1/1700000001000000.bin"));
-}
-
-TEST_F(LimitedDataWriter, FileThatCannotBeRemovedIsReported) {
-  ASSERT_TRUE(write_at(1));
-  qvx_data_writer::WrittenFile& entry = writer_->written_files.front();
-  // A folder cannot be unlinked, not even by root.
-  fs::create_directories(temp_.path() / "folder");
-  entry.path = temp_.file("folder");
-  entry.below = {"folder"};
-  const FileDescriptor root(open(temp_.path().c_str(), O_PATH | O_DIRECTORY));
-  ASSERT_EQ(look_at(root.get(), "folder", entry.identity), EntryKind::file);
-  writer_->data_size_limit = 50;
-  LogCapture log;
-  data_writer_enforce_data_size_limit(*writer_);
-  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
-            (Texts{"[data_writer] Failed to remove file: " + temp_.file("folder")}));
-  EXPECT_EQ(writer_->total_size, 0u);
-  EXPECT_TRUE(writer_->written_files.empty());
-}
-
-TEST_F(LimitedDataWriter, OpenFileThatIsRemovedIsWrittenNoMore) {
-  ASSERT_TRUE(write_at(1, "slow"));
-  for (std::uint64_t second = 2; second <= 4; ++second)
-    ASSERT_TRUE(write_at(second));
-  EXPECT_FALSE(fs::exists(temp_.path() / "2023/1114/slow/1700000001000000.bin"));
-  LogCapture log;
-  ASSERT_TRUE(write_at(5, "slow"));
-  EXPECT_EQ(log.texts(QVX_LOG_ERROR), Texts{});
-  EXPECT_TRUE(fs::exists(temp_.path() / "2023/1114/slow/1700000005000000.bin"));
-}
-
-// -- Names that cannot be trusted
-
-// Whatever source id and tag hold, nothing is created or changed outside the root.
-TEST_F(DataWriter, NoNameLeavesTheRoot) {
-  const std::vector<std::pair<std::string, std::string>> names = {
-      {"..", ""},
-      {"../..", ""},
-      {"../../..", ""},
-      {"../../../outside", ""},
-      {"../../../../../../../../../../tmp/outside", ""},
-      {"/etc/outside", ""},
-      {"a/../../../../outside", ""},
-      {"node1", "../../../../x"},
-      {"node1", "/../../../../x"},
-      {".._/.._/.._/outside", ""},
-      {"._./._./._./outside", ""},
-      {"_/_/_/outside", ""},
-      {"{{tag}}/outside", "../../../.."},
-      {"{{id}}/../../../../outside", ""},
-      {"{{{{id}}}}{{", "}}{{"},
-      {"%", "%"},
-      {"%D/%D/%D", "%n%t"},
-      {"%%/%c/%x/%X/%r/%p", "%E%O%Q%q"},
-      {"%ZP%ZP%Z%z%s%f%F%T%R", "%_%-%+%#"},
-      {"{{hash/../../../../outside}}", ""},
-      {"{{hash10", "../../../../x"},
-      {"line\nbreak\rand\ttab", "\n"},
-      {"\x1b[31mred\x1b[0m\x07\x08", "\x7f"},
-      {"\xff\xfe\x80", "\xc3"},
-      {std::string(64, 'x'), std::string(16, 'y')},
-      {std::string(64, '/'), std::string(16, '/')},
-      {std::string(64, '.'), std::string(16, '.')},
-      {std::string(63, '%') + "c", "%c%c%c%c%c%c%c%c"},
-      {"%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c%c", ""},
-      {"", ""},
-      {" ", " "},
-      {".", "."},
-      {"-rf", "-"},
-      {"$(touch outside)`touch outside`;|&", "*?[]"},
-  };
-  ASSERT_GE(names.size(), 20u);
-  const TempDir outer;
-  writer_->root = outer.file("a/b/root");
-  fs::create_directories(writer_->root);
-  outer.write_file("a/b/beside", "untouched");
-  LogCapture log;
-  for (const auto& [id, tag] : names) {
-    log.clear();
-    const bool saved = write({.source_id = id, .source_tag = tag});
-    const bool complained = !log.texts(QVX_LOG_ERROR).empty();
-    EXPECT_TRUE(saved || complained) << id << " " << tag;
-  }
-  writer_.reset();
-  Texts outside;
-  for (const auto& entry : fs::recursive_directory_iterator(outer.path())) {
-    const std::string relative = fs::relative(entry.path(), outer.path());
-    if (!relative.starts_with("a/b/root/")) outside.push_back(relative);
-  }
-  std::sort(outside.begin(), outside.end());
-  EXPECT_EQ(outside, (Texts{"a", "a/b", "a/b/beside", "a/b/root"}));
-  EXPECT_EQ(read_file(outer.path() / "a/b/beside"), "untouched");
-  EXPECT_FALSE(fs::exists("/etc/outside"));
-  EXPECT_FALSE(fs::exists("/tmp/outside"));
-  EXPECT_FALSE(fs::exists("outside"));
 }
 
 }  // namespace

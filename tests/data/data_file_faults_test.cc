@@ -1,0 +1,225 @@
+// What meets a data file while it is written: files that vanish, full disks, names that cannot be trusted.
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <csignal>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "qvx/data/data_file.h"
+#include "qvx/support/log.h"
+#include "tests/data/data_file_fixture.h"
+#include "tests/data/sample_builder.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temp_dir.h"
+
+namespace qvx {
+namespace {
+
+namespace fs = std::filesystem;
+using test::kStart;
+using test::LogCapture;
+using test::read_file;
+using test::TempDir;
+using Texts = std::vector<std::string>;
+
+class DataFileFaults : public test::DataFileTest {};
+
+// -- Files that vanish
+
+TEST_F(DataFileFaults, HeaderOfAVanishedFileCannotBeUpdated) {
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  fs::remove(path_);
+  LogCapture log;
+  EXPECT_FALSE(data_file_update_header(file_));
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
+            (Texts{"[data_file] Failed opening data file " + path_ + ": No such file or directory"}));
+  EXPECT_FALSE(fs::exists(path_));
+}
+
+TEST_F(DataFileFaults, VanishedFileIsReplacedByANewOneForTheNextData) {
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  append("0123456789abcdef");
+  fs::remove_all(temp_.path() / "2023");
+  LogCapture log;
+  ASSERT_TRUE(data_file_open_for(file_, kStart + 1, kStart + 1));
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
+            (Texts{"[data_file] Failed opening data file " + path_ + ": No such file or directory"}));
+  EXPECT_EQ(append("ABCDEFGHIJKLMNOP"), 16u);
+  EXPECT_EQ(file_.path, path_of("1700000000000001"));
+  EXPECT_EQ(read_file(file_.path).substr(256), "ABCDEFGHIJKLMNOP");
+}
+
+TEST_F(DataFileFaults, FileThatTookTheOldOnesPlaceIsLeftAlone) {
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  append("0123456789abcdef");
+  const std::string other = test::sample_file({}, {"other"});
+  temp_.write_file("other", other);
+  fs::rename(temp_.path() / "other", path_);
+  LogCapture log;
+  EXPECT_FALSE(data_file_update_header(file_));
+  ASSERT_TRUE(data_file_open_for(file_, kStart + 1, kStart + 1));
+  const std::string message = "[data_file] Failed opening data file " + path_ + ": Stale file handle";
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR), (Texts{message, message}));
+  EXPECT_EQ(append("ABCDEFGHIJKLMNOP"), 16u);
+  EXPECT_EQ(read_file(path_), other);
+  EXPECT_EQ(read_file(path_of("1700000000000001")).substr(256), "ABCDEFGHIJKLMNOP");
+}
+
+TEST_F(DataFileFaults, ReleasedFileIsOpenedAgain) {
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  append("0123456789abcdef");
+  data_file_release(file_);
+  EXPECT_FALSE(file_.handle);
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  EXPECT_EQ(append("ABCDEFGHIJKLMNOP"), 16u);
+  EXPECT_TRUE(data_file_update_header(file_));
+  EXPECT_EQ(read_file(path_).substr(256), "0123456789abcdefABCDEFGHIJKLMNOP");
+  EXPECT_EQ(header_of(path_).file_size, 288u);
+}
+
+// -- Full disks
+
+// Limits the size of files for a scope; writing beyond it fails as on a full disk.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
+    getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit limit{bytes, before_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() {
+    setrlimit(RLIMIT_FSIZE, &before_);
+    std::signal(SIGXFSZ, handler_);
+  }
+  FileSizeLimit(const FileSizeLimit&) = delete;
+  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+ private:
+  rlimit before_{};
+  void (*handler_)(int);
+};
+
+TEST_F(DataFileFaults, BlockThatDoesNotFitLeavesNothingOfItself) {
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  append("0123456789abcdef");
+  LogCapture log;
+  {
+    const FileSizeLimit limit(256 + 16 + 10);
+    EXPECT_EQ(append("ABCDEFGHIJKLMNOP"), 0u);
+  }
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
+            (Texts{"[data_file] Failed appending data file " + path_ + ": File too large"}));
+  EXPECT_EQ(read_file(path_).substr(256), "0123456789abcdef");
+  EXPECT_EQ(file_.file_size, 272u);
+  EXPECT_EQ(append("ABCDEFGHIJKLMNOP"), 16u);
+  EXPECT_EQ(read_file(path_).substr(256), "0123456789abcdefABCDEFGHIJKLMNOP");
+}
+
+TEST_F(DataFileFaults, OfAPageThatDoesNotFitTheWholeBlocksStay) {
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  LogCapture log;
+  {
+    const FileSizeLimit limit(256 + 16 + 10);
+    EXPECT_EQ(append("0123456789abcdefABCDEFGHIJKLMNOP"), 16u);
+  }
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR).size(), 1u);
+  EXPECT_EQ(read_file(path_).substr(256), "0123456789abcdef");
+  EXPECT_TRUE(data_file_update_header(file_));
+  EXPECT_EQ(header_of(path_).file_size, 272u);
+}
+
+TEST_F(DataFileFaults, HoleThatDoesNotFitLeavesNothingOfItself) {
+  file_.block_size = 1 << 20;
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  {
+    const FileSizeLimit limit(1 << 20);
+    EXPECT_EQ(append("0123", (1 << 20) - 4), 0u);
+  }
+  EXPECT_EQ(fs::file_size(path_), 256u);
+}
+
+TEST_F(DataFileFaults, HeaderThatDoesNotFitLeavesNoFile) {
+  LogCapture log;
+  {
+    const FileSizeLimit limit(100);
+    EXPECT_FALSE(data_file_open_for(file_, kStart, kStart));
+  }
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
+            (Texts{"[data_file] Failed writing header of the data file " + path_ + ": File too large",
+                   "[data_file] Failed to create empty data file " + path_ + ": File too large"}));
+  EXPECT_TRUE(fs::is_empty(temp_.path() / "2023/1114/node1"));
+  EXPECT_TRUE(data_file_open_for(file_, kStart, kStart));
+}
+
+// -- Names that cannot be trusted
+
+TEST_F(DataFileFaults, PathThatLeavesTheRootIsRefused) {
+  file_.source_id = "../../../x";
+  LogCapture log;
+  EXPECT_FALSE(data_file_open_for(file_, kStart, kStart));
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR), (Texts{"[data_file] Failed to create data file " +
+                                             temp_.file("2023/1114/../../../x/1700000000000000.bin") +
+                                             ": path leaves the output folder"}));
+  EXPECT_TRUE(fs::is_empty(temp_.path()));
+}
+
+TEST_F(DataFileFaults, PathThatStaysBelowTheRootIsResolved) {
+  file_.source_id = "..";
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  EXPECT_TRUE(fs::exists(temp_.path() / "2023/1700000000000000.bin"));
+  EXPECT_EQ(data_file_folder(file_), temp_.file("2023"));
+}
+
+TEST_F(DataFileFaults, LinkInThePlaceOfTheFileIsRefused) {
+  const TempDir elsewhere;
+  const std::string target = elsewhere.write_file("target", test::sample_file({}, {"other"}));
+  const std::string before = read_file(target);
+  fs::create_directories(temp_.path() / "2023/1114/node1");
+  fs::create_symlink(target, path_);
+  LogCapture log;
+  EXPECT_FALSE(data_file_open_for(file_, kStart, kStart));
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
+            (Texts{"[data_file] Failed to create data file " + path_ + ": path leaves the output folder"}));
+  EXPECT_EQ(read_file(target), before);
+}
+
+TEST_F(DataFileFaults, DanglingLinkInThePlaceOfTheFileIsRefused) {
+  const TempDir elsewhere;
+  fs::create_directories(temp_.path() / "2023/1114/node1");
+  fs::create_symlink(elsewhere.path() / "target", path_);
+  LogCapture log;
+  EXPECT_FALSE(data_file_open_for(file_, kStart, kStart));
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
+            (Texts{"[data_file] Failed to open file " + path_ + " for writing: No such file or directory",
+                   "[data_file] Failed to create empty data file " + path_ + ": No such file or directory"}));
+  EXPECT_TRUE(fs::is_empty(elsewhere.path()));
+}
+
+TEST_F(DataFileFaults, LinkInThePlaceOfAFolderIsRefused) {
+  const TempDir elsewhere;
+  fs::create_directory_symlink(elsewhere.path(), temp_.path() / "2023");
+  LogCapture log;
+  EXPECT_FALSE(data_file_open_for(file_, kStart, kStart));
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
+            (Texts{"[data_file] Failed to create data file " + path_ + ": path leaves the output folder"}));
+  EXPECT_TRUE(fs::is_empty(elsewhere.path()));
+}
+
+TEST_F(DataFileFaults, LinkThatTookTheFilesPlaceIsNotWrittenThrough) {
+  const TempDir elsewhere;
+  const std::string target = elsewhere.write_file("target", test::sample_file({}, {"other"}));
+  const std::string before = read_file(target);
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  fs::remove(path_);
+  fs::create_symlink(target, path_);
+  EXPECT_EQ(append("0123456789abcdef"), 0u);
+  EXPECT_FALSE(data_file_update_header(file_));
+  EXPECT_EQ(read_file(target), before);
+}
+
+}  // namespace
+}  // namespace qvx
