@@ -33,6 +33,9 @@ class OutputSink {
     return position_;
   }
 
+  // reserve() of no more than this needs no larger buffer.
+  std::size_t capacity() const { return static_cast<std::size_t>(end_ - buffer_.get()); }
+
   // Takes over what was written into the reserved room, up to `end`. Not calling it drops the text.
   void commit(char* end) { position_ = end; }
 
