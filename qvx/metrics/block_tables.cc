@@ -91,13 +91,15 @@ const std::byte* read_name_tables(Bytes block, MetricsBlockTables& tables) {
   return names_end;
 }
 
-void read_constant_labels(Bytes block, LabelMap& labels_out) {
+const std::byte* read_constant_labels(Bytes block, LabelMap& labels_out) {
   labels_out.clear();
   StringTable table;
-  read_string_table(block.data(), block.data() + block.size(), wire::kConstantLabelsMarker,
-                    wire::kConstantLabelsEnd, table);
+  const std::byte* const table_end =
+      read_string_table(block.data(), block.data() + block.size(), wire::kConstantLabelsMarker,
+                        wire::kConstantLabelsEnd, table);
   for (std::size_t i = 0; i + 1 < table.size(); i += 2)
     labels_out.set(table[i], table[i + 1]);
+  return table_end;
 }
 
 void read_block_tables(Bytes block, HistogramUse use, MetricsBlockTables& tables) {

@@ -70,9 +70,9 @@ std::uint64_t label_names_fingerprint(const StringTable& names);
 // the last table, where histograms are searched from. Throws what read_string_table throws.
 const std::byte* read_name_tables(Bytes block, MetricsBlockTables& tables);
 
-// Reads the constant labels, a table of names and values in turn. A name without a value is ignored. Throws
-// what read_string_table throws.
-void read_constant_labels(Bytes block, LabelMap& labels_out);
+// Reads the constant labels, a table of names and values in turn, and returns the position behind them, as
+// read_string_table does. A name without a value is ignored. Throws what read_string_table throws.
+const std::byte* read_constant_labels(Bytes block, LabelMap& labels_out);
 
 // What becomes of histogram records: kept in the tables, or only checked.
 enum class HistogramUse { keep, check };

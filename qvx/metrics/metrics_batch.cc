@@ -14,11 +14,6 @@ bool ends_with(Bytes block, std::string_view part_of_trailer) {
          as_text(block.last(wire::kTrailer.size())).starts_with(part_of_trailer);
 }
 
-void check_record_reaches(std::size_t size, const std::byte* record, const std::byte* end) {
-  if (static_cast<std::size_t>(end - record) < size)
-    throw std::runtime_error("Insufficient data for metrics samples");
-}
-
 std::string joined(const StringTable& texts) {
   std::string all;
   for (const std::string_view text : texts) {
@@ -30,17 +25,23 @@ std::string joined(const StringTable& texts) {
 
 }  // namespace
 
-MetricKind metric_kind_of(char kind_byte) {
-  switch (kind_byte) {
-    case 'C':
-      return MetricKind::counter;
-    case 'G':
-      return MetricKind::gauge;
-    case 'H':
-      return MetricKind::histogram;
-    default:
-      return MetricKind::untyped;
-  }
+bool MetricSamples::ids_are_below(std::size_t limit) const {
+  if (limit == 0) return bytes_.empty();
+  // Without a branch per sample: a difference has its highest bit set when the id is not below the limit.
+  const auto last = static_cast<std::uint32_t>(std::min<std::size_t>(limit - 1, 0xFFFF));
+  const auto beyond = [last](const std::byte* sample) {
+    return last - load_le<std::uint16_t>(sample + wire::kSampleIdAt);
+  };
+  constexpr auto kStride = static_cast<std::ptrdiff_t>(wire::kSampleSize);
+  const std::byte* sample = bytes_.data();
+  const std::byte* const end = sample + bytes_.size();
+  std::uint32_t any = 0;
+  for (; end - sample >= 4 * kStride; sample += 4 * kStride)
+    any |= beyond(sample) | beyond(sample + kStride) | beyond(sample + 2 * kStride) |
+           beyond(sample + 3 * kStride);
+  for (; sample != end; sample += kStride)
+    any |= beyond(sample);
+  return any >> 31 == 0;
 }
 
 bool has_full_trailer(Bytes block) {
@@ -62,9 +63,9 @@ MetricsDataSection data_section_at(const std::byte* marker, const std::byte* blo
   return section;
 }
 
-MetricsDataSection find_data_section(Bytes block, bool (*has_trailer)(Bytes)) {
+MetricsDataSection find_data_section(Bytes block, bool (*has_trailer)(Bytes), std::size_t from) {
   const std::byte* const block_end = block.data() + block.size();
-  const std::byte* const marker = wire::find_marker(block.data(), block_end, wire::kDataMarker);
+  const std::byte* const marker = wire::find_marker(block.data() + from, block_end, wire::kDataMarker);
   if (marker == block_end) {
     QVX_LOG(QVX_LOG_ERROR, "[qvx metrics parser] Invalid binary data format: Missing 'CNTD' magic number");
     throw std::runtime_error("Missing 'CNTD' magic number in the binary data");
@@ -78,36 +79,15 @@ MetricsDataSection find_data_section(Bytes block, bool (*has_trailer)(Bytes)) {
   return section;
 }
 
-MetricsRecordHeader read_record_header(const std::byte* record, const std::byte* end) {
-  check_record_reaches(wire::kRecordHeaderSize, record, end);
-  MetricsRecordHeader header;
-  header.length = load_le<std::uint16_t>(record + wire::kRecordLengthAt);
-  header.timestamp = load_le<std::uint64_t>(record + wire::kRecordTimestampAt);
-  header.kind = metric_kind_of(load_le<char>(record + wire::kRecordKindAt));
-  header.value_type = load_le<std::uint8_t>(record + wire::kRecordValueTypeAt);
-  header.num_samples = load_le<std::uint16_t>(record + wire::kRecordSamplesAt);
-  return header;
-}
-
-MetricSamples read_record_samples(const std::byte* record, const std::byte* end,
-                                  const MetricsRecordHeader& header) {
-  check_record_reaches(header.labels_at(), record, end);
-  return MetricSamples(Bytes(record + wire::kRecordHeaderSize, wire::kSampleSize * header.num_samples));
-}
-
-void log_record_oddities(const MetricsRecordHeader& header) {
-  if (header.timestamp == 0)
-    QVX_LOG(QVX_LOG_ERROR, "[qvx metrics parser] invalid timestamp in the metrics batch");
-  if (header.num_samples == 0)
-    QVX_LOG(QVX_LOG_WARNING, "[qvx metrics parser] no samples in the metrics batch");
+void fail_record_size() {
+  throw std::runtime_error("Insufficient data for metrics samples");
 }
 
 std::size_t read_record_labels(const MetricsDataSection& section, const std::byte* record,
                                const MetricsRecordHeader& header, const char* caller, MetricsBatch& batch) {
-  const auto left = static_cast<std::size_t>(section.block_end - record);
-  const std::byte* const data_end = record + std::min<std::size_t>(section.blocksize, left);
-  return parse_labels_block(record, data_end, header.labels_at(), batch.label_set_id, batch.label_values,
-                            caller);
+  const Bytes reach = reach_of_record(section, record);
+  return parse_labels_block(record, reach.data() + reach.size(), header.labels_at(), batch.label_set_id,
+                            batch.label_values, caller);
 }
 
 void dump_metrics_batch(const MetricsBatch& batch, const StringTable& label_values) {

@@ -2,6 +2,7 @@
 // and the one that prints.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -10,13 +11,19 @@
 #include "qvx/metrics/labels_block.h"
 #include "qvx/metrics/wire.h"
 #include "qvx/support/bytes.h"
+#include "qvx/support/log.h"
 
 namespace qvx::metrics {
 
 enum class MetricKind : char { counter = 'C', gauge = 'G', histogram = 'H', untyped = 'U' };
 
 // The kind that a record's kind byte stands for; untyped for every byte but 'C', 'G' and 'H'.
-MetricKind metric_kind_of(char kind_byte);
+inline MetricKind metric_kind_of(char kind_byte) {
+  const auto kind = static_cast<MetricKind>(kind_byte);
+  const bool is_known =
+      kind == MetricKind::counter || kind == MetricKind::gauge || kind == MetricKind::histogram;
+  return is_known ? kind : MetricKind::untyped;
+}
 
 // The series that a sample value goes to. Every other code is unknown.
 enum class MetricValueType : std::uint8_t { uint64 = 1, floating = 2, bit64 = 3, int64 = 4, string = 5 };
@@ -34,13 +41,38 @@ class MetricSamples {
   explicit MetricSamples(Bytes bytes) : bytes_(bytes) {}  // a whole number of samples
 
   std::size_t size() const { return bytes_.size() / wire::kSampleSize; }
-  MetricSample operator[](std::size_t index) const {
-    const std::byte* const sample = bytes_.data() + index * wire::kSampleSize;
-    return {load_le<std::uint16_t>(sample + wire::kSampleIdAt),
-            load_le<std::uint64_t>(sample + wire::kSampleValueAt)};
+  MetricSample operator[](std::size_t index) const { return *Iterator(at(index)); }
+
+  class Iterator {
+   public:
+    explicit Iterator(const std::byte* sample) : sample_(sample) {}
+    MetricSample operator*() const {
+      return {load_le<std::uint16_t>(sample_ + wire::kSampleIdAt),
+              load_le<std::uint64_t>(sample_ + wire::kSampleValueAt)};
+    }
+    Iterator& operator++() {
+      sample_ += wire::kSampleSize;
+      return *this;
+    }
+    bool operator==(const Iterator&) const = default;
+
+   private:
+    const std::byte* sample_;
+  };
+  Iterator begin() const { return Iterator(at(0)); }
+  Iterator end() const { return Iterator(at(size())); }
+
+  // True when all ids are below the limit.
+  bool ids_are_below(std::size_t limit) const;
+
+  // The samples [first, last).
+  MetricSamples part(std::size_t first, std::size_t last) const {
+    return MetricSamples(Bytes(at(first), at(last)));
   }
 
  private:
+  const std::byte* at(std::size_t index) const { return bytes_.data() + index * wire::kSampleSize; }
+
   Bytes bytes_;
 };
 
@@ -80,24 +112,52 @@ inline constexpr std::size_t kFirstRecordAt = wire::kBlocksizeSize;
 bool has_full_trailer(Bytes block);
 bool has_output_trailer(Bytes block);
 
-// Finds the section. Throws std::runtime_error "Missing 'CNTD' magic number in the binary data", with a log
-// line, or "Invalid magic numbers in the binary data" when `has_trailer` says no.
-MetricsDataSection find_data_section(Bytes block, bool (*has_trailer)(Bytes));
+// Finds the section, whose marker does not stand before offset `from`. Throws std::runtime_error "Missing
+// 'CNTD' magic number in the binary data", with a log line, or "Invalid magic numbers in the binary data"
+// when `has_trailer` says no.
+MetricsDataSection find_data_section(Bytes block, bool (*has_trailer)(Bytes), std::size_t from = 0);
 
 // The section whose marker stands at `marker`; its trailer has been found.
 MetricsDataSection data_section_at(const std::byte* marker, const std::byte* block_end);
 
-// The record's fixed part, and its samples. Both throw std::runtime_error "Insufficient data for metrics
-// samples" when they do not end before `end`.
-MetricsRecordHeader read_record_header(const std::byte* record, const std::byte* end);
-MetricSamples read_record_samples(const std::byte* record, const std::byte* end,
-                                  const MetricsRecordHeader& header);
+// Throws std::runtime_error "Insufficient data for metrics samples".
+[[noreturn]] void fail_record_size();
+
+// The record's fixed part, and its samples. Both fail so when they do not end before `end`.
+inline MetricsRecordHeader read_record_header(const std::byte* record, const std::byte* end) {
+  if (static_cast<std::size_t>(end - record) < wire::kRecordHeaderSize) fail_record_size();
+  MetricsRecordHeader header;
+  header.length = load_le<std::uint16_t>(record + wire::kRecordLengthAt);
+  header.timestamp = load_le<std::uint64_t>(record + wire::kRecordTimestampAt);
+  header.kind = metric_kind_of(load_le<char>(record + wire::kRecordKindAt));
+  header.value_type = load_le<std::uint8_t>(record + wire::kRecordValueTypeAt);
+  header.num_samples = load_le<std::uint16_t>(record + wire::kRecordSamplesAt);
+  return header;
+}
+
+inline MetricSamples read_record_samples(const std::byte* record, const std::byte* end,
+                                         const MetricsRecordHeader& header) {
+  if (static_cast<std::size_t>(end - record) < header.labels_at()) fail_record_size();
+  return MetricSamples(Bytes(record + wire::kRecordHeaderSize, wire::kSampleSize * header.num_samples));
+}
+
+// The bytes of a record and behind it that its labels block may reach into: `blocksize` bytes, but not past
+// the block.
+inline Bytes reach_of_record(const MetricsDataSection& section, const std::byte* record) {
+  const auto left = static_cast<std::size_t>(section.block_end - record);
+  return {record, std::min<std::size_t>(section.blocksize, left)};
+}
 
 // Logs a timestamp of 0 and a record without samples, which are used all the same.
-void log_record_oddities(const MetricsRecordHeader& header);
+inline void log_record_oddities(const MetricsRecordHeader& header) {
+  if (header.timestamp == 0)
+    QVX_LOG(QVX_LOG_ERROR, "[qvx metrics parser] invalid timestamp in the metrics batch");
+  if (header.num_samples == 0)
+    QVX_LOG(QVX_LOG_WARNING, "[qvx metrics parser] no samples in the metrics batch");
+}
 
-// Parses the labels block of a record into the batch and returns the record's length. The record may reach
-// `blocksize` bytes far, and not past the block. Throws what parse_labels_block throws.
+// Parses the labels block of a record into the batch and returns the record's length. Throws what
+// parse_labels_block throws.
 std::size_t read_record_labels(const MetricsDataSection& section, const std::byte* record,
                                const MetricsRecordHeader& header, const char* caller, MetricsBatch& batch);
 

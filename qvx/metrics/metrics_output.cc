@@ -2,11 +2,14 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <stdexcept>
 #include <string_view>
 #include <vector>
 
 #include "qvx/metrics/block_tables.h"
+#include "qvx/metrics/kept_tables.h"
+#include "qvx/metrics/labels_text.h"
 #include "qvx/metrics/metrics_batch.h"
 #include "qvx/metrics/metrics_parser.h"
 #include "qvx/metrics/metrics_text.h"
@@ -25,7 +28,12 @@ class Record {
   enum Member : std::uint8_t { kTimestamp, kTimeText, kLabels, kMetrics };
   static constexpr std::size_t kMembers = 4;
 
-  void clear() { size_ = 0; }
+  void clear() {
+    size_ = 0;
+    labels_repeat = false;
+    label_names = nullptr;
+    samples = {};
+  }
   void set(Member member) {
     if (std::find(begin(), end(), member) == end()) members_[size_++] = member;
   }
@@ -35,8 +43,11 @@ class Record {
   std::uint64_t timestamp = 0;
   std::array<char, LocalTimeText::kRoom> time_text{};
   std::size_t time_text_size = 0;
+  // The labels: those that the text at hand was made of, or names and values.
+  bool labels_repeat = false;
   const StringTable* label_names = nullptr;
   std::vector<std::string_view> label_values;
+  Bytes label_bytes;
   MetricSamples samples;
 
  private:
@@ -46,14 +57,6 @@ class Record {
 
 bool is_utf8_value(std::string_view value) {
   return json::is_valid_utf8(up_to_nul(value));
-}
-
-void write_quoted(std::string_view text, OutputSink& sink) {
-  char* out = sink.reserve(json::escaped_room(text.size()) + 2);
-  *out++ = '"';
-  out = json::write_escaped(out, text);
-  *out++ = '"';
-  sink.commit(out);
 }
 
 }  // namespace
@@ -74,41 +77,48 @@ class MetricsWriter::Impl {
   void write(MetricsRecordTarget& target);
 
   void check_records();
+  std::size_t read_labels(const std::byte* record, const MetricsRecordHeader& header, const char* caller);
   bool build_record();
   bool add_batch();
-  bool labels_can_be_made();
+  bool add_labels(const StringTable& names);
+  void find_constants_without_utf8();
   void check_sample_ids() const;
+  void make_labels_text();
   void write_record(OutputSink& sink);
   void write_member(Record::Member member, OutputSink& sink);
-  void write_labels(OutputSink& sink);
 
-  // The block that is being written.
-  MetricsBlockTables tables_;
+  // Of the block at hand.
+  json::Style style_ = json::Style::compact;
   MetricsDataSection section_;
-  std::vector<std::string_view> constants_without_utf8_;
+  std::size_t records_ = 0;
   MetricsBatch batch_;
+  Bytes batch_labels_;                // the labels block of the batch
+  bool batch_labels_repeat_ = false;  // it is the one of labels_text_, and was not parsed
   Record record_;
   LabelMap labels_;
 
-  const RecordSpelling* spelling_ = nullptr;
-
   // Kept from block to block.
+  KeptTables tables_;
+  LabelsText labels_text_;
   LocalTimeText time_text_;
   MetricNameTexts name_texts_;
+  std::vector<std::string_view> constants_without_utf8_;
+  std::uint64_t constants_version_ = 0;  // of the tables that they were found in
 };
 
 void MetricsWriter::Impl::decode(Bytes block) {
   const std::uint32_t size = QvxMetricsParser::total_size(block.data(), block.data() + block.size());
   block = block.first(std::min<std::size_t>(size, block.size()));
-  read_name_tables(block, tables_);
-  dump_label_tables(tables_);
-  section_ = find_data_section(block, has_output_trailer);
+  tables_.read_names(block);
+  dump_label_tables(tables_.tables());
+  section_ = find_data_section(block, has_output_trailer, tables_.data_marker_from());
   check_records();
-  read_constant_labels(block, tables_.constant_labels);
+  tables_.read_constants(block);
 }
 
 // Goes through all records before the first text is made: a fault in any of them costs the block.
 void MetricsWriter::Impl::check_records() {
+  records_ = 0;
   std::size_t offset = kFirstRecordAt;
   while (offset < section_.end) {
     QVX_LOG(QVX_LOG_DEBUG, "[qvx metrics parser] offset=%lu end=%lu", offset, section_.end);
@@ -121,18 +131,39 @@ void MetricsWriter::Impl::check_records() {
     }
     batch_.timestamp = header.timestamp;
     batch_.samples = read_record_samples(record, section_.block_end, header);
-    offset += read_record_labels(section_, record, header, "QvxMetricsParser::parse_metrics", batch_);
-    dump_metrics_batch(batch_, tables_.label_values);
+    offset += read_labels(record, header, "QvxMetricsParser::parse_metrics");
+    dump_metrics_batch(batch_, tables_.tables().label_values);
+    ++records_;
   }
 }
 
+// Parses the labels of a record, unless they repeat those whose text is at hand, and returns the record's
+// length. At debug level every labels block is traced and so parsed.
+std::size_t MetricsWriter::Impl::read_labels(const std::byte* record, const MetricsRecordHeader& header,
+                                             const char* caller) {
+  const std::size_t labels_at = header.labels_at();
+  const Bytes reach = reach_of_record(section_, record);
+  batch_labels_repeat_ = false;
+  if (labels_at < reach.size() && !QVX_LOG_IS_ENABLED(QVX_LOG_DEBUG)) {
+    const Bytes labels = reach.subspan(labels_at);
+    if (const std::size_t size = labels_text_.size_of_same(labels); size != 0) {
+      batch_labels_repeat_ = true;
+      batch_labels_ = labels.first(size);
+      return labels_at + size;
+    }
+  }
+  const std::size_t length = read_record_labels(section_, record, header, caller, batch_);
+  batch_labels_ = Bytes(record + labels_at, length - labels_at);
+  return length;
+}
+
 void MetricsWriter::Impl::write(MetricsRecordTarget& target) {
-  json::Style style = json::Style::compact;
   switch (target.format()) {
     case MetricsRecordTarget::Format::json:
-      style = json::Style::pretty;
+      style_ = json::Style::pretty;
       break;
     case MetricsRecordTarget::Format::ndjson:
+      style_ = json::Style::compact;
       break;
     case MetricsRecordTarget::Format::csv:
       return target.file_error("CSV output is not supported yet");
@@ -144,15 +175,13 @@ void MetricsWriter::Impl::write(MetricsRecordTarget& target) {
   if (!build_record()) return target.file_error("Failed to JSONify metric values");
   // Whatever can fail comes before the first byte of the record.
   try {
-    labels_ = tables_.constant_labels;
-    if (record_.label_names != nullptr) set_labels(*record_.label_names, record_.label_values, labels_);
-    name_texts_.use_table(tables_.metric_names_bytes, tables_.metric_names, style);
-    name_texts_.prepare(record_.samples);
+    if (!record_.labels_repeat && record_.label_names != nullptr) make_labels_text();
+    const MetricsBlockTables& tables = tables_.tables();
+    name_texts_.use_table(tables_.version(), tables.metric_names_bytes, tables.metric_names, style_);
   } catch (const std::bad_alloc&) {
     QVX_LOG(QVX_LOG_WARNING, "Failed to serialize json.");
     return;
   }
-  spelling_ = &record_spelling(style);
   write_record(target.begin_record());
   target.end_record();
 }
@@ -161,46 +190,46 @@ void MetricsWriter::Impl::write(MetricsRecordTarget& target) {
 // one, though only the last one's members stay. The memory needed does not grow with the number of batches.
 bool MetricsWriter::Impl::build_record() {
   record_.clear();
-  record_.label_names = nullptr;
-  record_.samples = {};
-  constants_without_utf8_.clear();
-  for (const auto& [name, value] : tables_.constant_labels) {
-    if (!is_utf8_value(value)) constants_without_utf8_.push_back(name);
-  }
+  // A text made with other tables does for finding the end of a labels block, but not for more.
+  const bool is_parsed = !batch_labels_repeat_ || labels_text_.is_of(tables_.version(), style_);
+  if (!labels_text_.is_of(tables_.version(), style_)) labels_text_.forget();
+  find_constants_without_utf8();
   try {
-    std::size_t offset = kFirstRecordAt;
-    while (offset < section_.end) {
-      const std::byte* const record = section_.area + offset;
-      const MetricsRecordHeader header = read_record_header(record, section_.block_end);
-      batch_.timestamp = header.timestamp;
-      batch_.samples = read_record_samples(record, section_.block_end, header);
-      offset += read_record_labels(section_, record, header, nullptr, batch_);
-      if (!add_batch()) {
-        QVX_LOG(QVX_LOG_ERROR, "Failed allocating JSON object");
-        return false;
+    bool can_be_made = true;
+    if (records_ == 1 && is_parsed) {  // and still at hand
+      can_be_made = add_batch();
+    } else {
+      for (std::size_t offset = kFirstRecordAt; can_be_made && offset < section_.end;) {
+        const std::byte* const record = section_.area + offset;
+        const MetricsRecordHeader header = read_record_header(record, section_.block_end);
+        batch_.timestamp = header.timestamp;
+        batch_.samples = read_record_samples(record, section_.block_end, header);
+        offset += read_labels(record, header, nullptr);
+        can_be_made = add_batch();
       }
     }
+    if (!can_be_made) QVX_LOG(QVX_LOG_ERROR, "Failed allocating JSON object");
+    return can_be_made;
   } catch (const std::exception& fault) {
     QVX_LOG(QVX_LOG_ERROR, "failed to JSONify metrics: %s", fault.what());
     return false;
   }
-  return true;
 }
 
 // False when a label value is no string that JSON can hold.
 bool MetricsWriter::Impl::add_batch() {
   record_.timestamp = batch_.timestamp;
   record_.set(Record::kTimestamp);
-  std::array<char, LocalTimeText::kRoom> text;
-  if (const std::size_t size = time_text_.write(text.data(), batch_.timestamp); size != 0) {
-    record_.time_text = text;
+  // A time that has no text leaves the one before.
+  if (const std::size_t size = time_text_.write(record_.time_text.data(), batch_.timestamp); size != 0) {
     record_.time_text_size = size;
     record_.set(Record::kTimeText);
   }
-  if (const StringTable* const names = tables_.label_names.find(batch_.label_set_id)) {
-    record_.label_values = decode_label_values(batch_.label_values, tables_.label_values);
-    record_.label_names = names;
-    if (!labels_can_be_made()) return false;
+  if (batch_labels_repeat_) {
+    record_.labels_repeat = true;
+    record_.set(Record::kLabels);
+  } else if (const StringTable* const names = tables_.tables().label_names.find(batch_.label_set_id)) {
+    if (!add_labels(*names)) return false;
     record_.set(Record::kLabels);
   }
   check_sample_ids();
@@ -209,10 +238,14 @@ bool MetricsWriter::Impl::add_batch() {
   return true;
 }
 
-// Whether the batch's labels, set over the constant ones, are all valid UTF-8.
-bool MetricsWriter::Impl::labels_can_be_made() {
+// False when one of the batch's labels, set over the constant ones, is not valid UTF-8.
+bool MetricsWriter::Impl::add_labels(const StringTable& names) {
+  record_.labels_repeat = false;
+  record_.label_values = decode_label_values(batch_.label_values, tables_.tables().label_values);
+  record_.label_names = &names;
+  record_.label_bytes = batch_labels_;
   labels_.clear();
-  set_labels(*record_.label_names, record_.label_values, labels_);
+  set_labels(names, record_.label_values, labels_);
   return std::all_of(labels_.begin(), labels_.end(),
                      [](const LabelMap::Entry& label) { return is_utf8_value(label.second); }) &&
          constants_without_utf8_.size() <= labels_.size() &&
@@ -220,10 +253,20 @@ bool MetricsWriter::Impl::labels_can_be_made() {
                      [this](std::string_view name) { return labels_.contains(name); });
 }
 
+void MetricsWriter::Impl::find_constants_without_utf8() {
+  if (constants_version_ == tables_.version()) return;
+  constants_without_utf8_.clear();
+  for (const auto& [name, value] : tables_.tables().constant_labels) {
+    if (!is_utf8_value(value)) constants_without_utf8_.push_back(name);
+  }
+  constants_version_ = tables_.version();
+}
+
 void MetricsWriter::Impl::check_sample_ids() const {
-  const std::size_t names = tables_.metric_names.size();
-  for (std::size_t i = 0; i < batch_.samples.size(); ++i) {
-    const std::size_t id = batch_.samples[i].sample_id;
+  const std::size_t names = tables_.tables().metric_names.size();
+  if (batch_.samples.ids_are_below(names)) return;
+  for (const MetricSample sample : batch_.samples) {
+    const std::size_t id = sample.sample_id;
     if (id < names) continue;
     QVX_LOG(QVX_LOG_ERROR, "[qvx metrics parser] invalid metric id: %lu, total metric names size: %lu", id,
             names);
@@ -231,49 +274,39 @@ void MetricsWriter::Impl::check_sample_ids() const {
   }
 }
 
+void MetricsWriter::Impl::make_labels_text() {
+  labels_ = tables_.tables().constant_labels;
+  set_labels(*record_.label_names, record_.label_values, labels_);
+  record_.labels_repeat = labels_text_.make(labels_, record_.label_bytes, tables_.version(), style_);
+}
+
 void MetricsWriter::Impl::write_record(OutputSink& sink) {
   if (record_.begin() == record_.end()) return sink.write("{}");
-  sink.write(spelling_->record_open);
-  for (const Record::Member& member : record_) {
-    if (&member != record_.begin()) sink.write(spelling_->member_separator);
+  for (const Record::Member& member : record_)
     write_member(member, sink);
-  }
-  sink.write(spelling_->record_close);
+  sink.commit(put(sink.reserve(ShortText::kRoom), record_spelling(style_).record_close));
 }
 
 void MetricsWriter::Impl::write_member(Record::Member member, OutputSink& sink) {
-  constexpr std::array<std::string_view, Record::kMembers> kKeys{"\"timestamp\"", "\"@timestamp\"",
-                                                                 "\"labels\"", "\"metrics\""};
-  sink.write(kKeys[member]);
-  sink.write(spelling_->colon);
+  const RecordSpelling& spelling = record_spelling(style_);
   switch (member) {
-    case Record::kTimestamp:
-      return sink.commit(write_json_number(sink.reserve(kNumberRoom), record_.timestamp));
-    case Record::kTimeText:
-      return write_quoted({record_.time_text.data(), record_.time_text_size}, sink);
+    case Record::kTimestamp: {
+      char* const out = put(sink.reserve(ShortText::kRoom + kNumberRoom), spelling.timestamp);
+      return sink.commit(write_json_number(out, record_.timestamp));
+    }
+    case Record::kTimeText: {
+      char* out = put(sink.reserve(ShortText::kRoom + LocalTimeText::kRoom + 1), spelling.time_text);
+      std::memcpy(out, record_.time_text.data(), record_.time_text.size());
+      out += record_.time_text_size;
+      *out++ = '"';
+      return sink.commit(out);
+    }
     case Record::kLabels:
-      return write_labels(sink);
+      if (record_.labels_repeat) return sink.write(labels_text_.text());
+      return write_labels(labels_, style_, sink);
     case Record::kMetrics:
-      if (record_.samples.size() == 0) return sink.write("[]");
-      sink.write("[");
-      name_texts_.write_samples(record_.samples, sink);
-      return sink.write(spelling_->array_close);
+      return name_texts_.write_metrics(record_.samples, sink);
   }
-}
-
-void MetricsWriter::Impl::write_labels(OutputSink& sink) {
-  if (labels_.empty()) return sink.write("[]");
-  std::string_view separator = "[";
-  for (const auto& [name, value] : labels_) {
-    sink.write(separator);
-    sink.write(spelling_->element_open);
-    write_quoted(up_to_nul(name), sink);
-    sink.write(spelling_->colon);
-    write_quoted(up_to_nul(value), sink);
-    sink.write(spelling_->element_close);
-    separator = ",";
-  }
-  sink.write(spelling_->array_close);
 }
 
 MetricsWriter::MetricsWriter() : impl_(std::make_unique<Impl>()) {}

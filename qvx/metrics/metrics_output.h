@@ -31,8 +31,8 @@ class MetricsRecordTarget {
 // by a file error for the others. A later batch's members take the place of an earlier one's. A block with a
 // fault is logged and writes nothing. Throws nothing.
 //
-// Keeps the escaped names of the last block's table of metric names, which is the same in most blocks of a
-// file, and its working memory.
+// Keeps the tables of the last block, their names escaped and the text of its labels, which are the same in
+// most blocks of a file, and its working memory: a few MiB at most besides what one block needs.
 class MetricsWriter {
  public:
   MetricsWriter();  // throws std::bad_alloc

@@ -2,17 +2,27 @@
 
 #include <algorithm>
 #include <cstring>
-#include <utility>
 
 #include "qvx/support/number.h"
 
 namespace qvx::metrics {
-namespace {
 
-constexpr RecordSpelling kCompact{"{", ",", "}", ":", "{", "}", "]"};
-constexpr RecordSpelling kPretty{
-    .record_open = "{\n    ",
-    .member_separator = ",\n    ",
+constexpr RecordSpelling kCompactRecord{
+    .timestamp = "{\"timestamp\":",
+    .time_text = ",\"@timestamp\":\"",
+    .labels = ",\"labels\":",
+    .metrics = ",\"metrics\":",
+    .record_close = "}",
+    .colon = ":",
+    .element_open = "{",
+    .element_close = "}",
+    .array_close = "]",
+};
+constexpr RecordSpelling kPrettyRecord{
+    .timestamp = "{\n    \"timestamp\": ",
+    .time_text = ",\n    \"@timestamp\": \"",
+    .labels = ",\n    \"labels\": ",
+    .metrics = ",\n    \"metrics\": ",
     .record_close = "\n}",
     .colon = ": ",
     .element_open = "\n        {\n            ",
@@ -20,40 +30,36 @@ constexpr RecordSpelling kPretty{
     .array_close = "\n    ]",
 };
 
-char* put(char* out, std::string_view text) {
-  std::memcpy(out, text.data(), text.size());
-  return out + text.size();
-}
-
-}  // namespace
-
-const RecordSpelling& record_spelling(json::Style style) {
-  return style == json::Style::pretty ? kPretty : kCompact;
-}
-
-void MetricNameTexts::use_table(Bytes table_bytes, const StringTable& names, json::Style style) {
+void MetricNameTexts::use_table(std::uint64_t version, Bytes table_bytes, const StringTable& names,
+                                json::Style style) {
   names_ = &names;
-  if (style == style_ && names.size() == kept_.size() && as_text(table_bytes) == table_) return;
-  kept_.clear();
-  texts_size_ = 0;
-  longest_text_ = 0;
-  style_ = style;
-  table_ = as_text(table_bytes);
-  kept_.resize(names.size());
+  if (version == version_ && style == style_) return;
+  if (style != style_ || names.size() != sizes_.size() || as_text(table_bytes) != table_) {
+    version_ = 0;
+    sizes_.clear();
+    style_ = style;
+    table_ = as_text(table_bytes);
+    choose_slots();
+    sizes_.resize(names.size());
+    unmade_ = names.size();
+    all_fit_ = true;
+  }
+  version_ = version;
 }
 
-void MetricNameTexts::keep(std::size_t id) {
-  char text[kLongestText];
-  const auto size = static_cast<std::size_t>(compose(text, id) - text);
-  if (texts_size_ + size > kMostKept) {
-    longest_text_ = kLongestText;
-    return;
-  }
-  longest_text_ = std::max(longest_text_, size);
-  if (texts_.size() < texts_size_ + size + kStep) texts_.resize(2 * (texts_size_ + size) + kStep);
-  std::memcpy(texts_.data() + texts_size_, text, size);
-  kept_[id] = {static_cast<std::uint32_t>(texts_size_), static_cast<std::uint32_t>(size)};
-  texts_size_ += size;
+// As long as the longest name needs, as far as memory goes.
+void MetricNameTexts::choose_slots() {
+  std::size_t longest = 0;
+  for (const std::string_view name : *names_)
+    longest = std::max(longest, name.size());
+  const RecordSpelling& spelling = record_spelling(style_);
+  longest += spelling.element_close.size + 1 + spelling.element_open.size + 2 + spelling.colon.size;
+  const std::size_t count = std::max<std::size_t>(names_->size(), 1);
+  slot_size_ = std::min((longest + kStep - 1) / kStep, kMostKept / count / kStep) * kStep;
+  if (slots_room_ >= count * slot_size_) return;
+  slots_room_ = 0;
+  slots_ = std::make_unique_for_overwrite<char[]>(count * slot_size_);
+  slots_room_ = count * slot_size_;
 }
 
 char* MetricNameTexts::compose(char* out, std::size_t id) const {
@@ -67,42 +73,84 @@ char* MetricNameTexts::compose(char* out, std::size_t id) const {
   return put(out, spelling.colon);
 }
 
-char* MetricNameTexts::write_text(char* out, std::size_t id) const {
-  const Kept kept = kept_[id];
-  if (kept.size == 0) [[unlikely]]
-    return compose(out, id);
-  const char* const text = texts_.data() + kept.offset;
-  for (std::size_t at = 0; at < kept.size; at += kStep)
-    std::memcpy(out + at, text + at, kStep);
-  return out + kept.size;
+void MetricNameTexts::keep(std::size_t id) {
+  char text[kLongestText];
+  const auto size = static_cast<std::size_t>(compose(text, id) - text);
+  --unmade_;
+  if (size > slot_size_) {
+    sizes_[id] = kTooLong;
+    all_fit_ = false;
+    return;
+  }
+  std::memcpy(slots_.get() + id * slot_size_, text, size);
+  sizes_[id] = static_cast<std::uint16_t>(size);
 }
 
-void MetricNameTexts::write_samples(const MetricSamples& samples, OutputSink& sink) {
-  // No more than any sink has: a record is not begun to be given up for want of memory.
-  constexpr std::size_t kRoomAtOnce = OutputSink::kSmallCapacity;
-  static_assert(kLongestText + kStep + kNumberRoom <= kRoomAtOnce);
-  const RecordSpelling& spelling = record_spelling(style_);
-  const std::size_t room = longest_text_ + kStep + kNumberRoom;
-  const std::size_t at_once = kRoomAtOnce / room;
-  // The first sample has none before it: the end of that one is cut off its text.
-  std::size_t cut = spelling.element_close.size() + 1;
-  const std::size_t count = samples.size();
-  for (std::size_t i = 0; i < count;) {
-    const std::size_t stop = i + std::min(at_once, count - i);
-    char* const begin = sink.reserve(at_once * room);
-    char* out = begin;
-    for (; i < stop; ++i) {
-      const MetricSample sample = samples[i];
-      out = write_text(out, sample.sample_id);
-      if (cut != 0) [[unlikely]] {
-        std::memmove(begin, begin + cut, static_cast<std::size_t>(out - begin) - cut);
-        out -= std::exchange(cut, 0);
-      }
-      out = write_json_number(out, sample.sample_value);
+// Writes samples whose texts are in slots of one step.
+char* MetricNameTexts::write_short(char* out, const MetricSamples& samples) const {
+  // In variables of their own, which no byte written can be part of.
+  const char* const slots = slots_.get();
+  const std::uint16_t* const sizes = sizes_.data();
+  for (const MetricSample sample : samples) {
+    std::memcpy(out, slots + sample.sample_id * kStep, kStep);
+    out = write_json_number(out + sizes[sample.sample_id], sample.sample_value);
+  }
+  return out;
+}
+
+char* MetricNameTexts::write_any(char* out, const MetricSamples& samples) const {
+  const char* const slots = slots_.get();
+  const std::uint16_t* const sizes = sizes_.data();
+  const std::size_t slot_size = slot_size_;
+  for (const MetricSample sample : samples) {
+    const std::size_t size = sizes[sample.sample_id];
+    if (size == kTooLong) [[unlikely]] {
+      out = compose(out, sample.sample_id);
+    } else {
+      const char* const text = slots + sample.sample_id * slot_size;
+      for (std::size_t copied = 0; copied < size; copied += kStep)
+        std::memcpy(out + copied, text + copied, kStep);
+      out += size;
     }
+    out = write_json_number(out, sample.sample_value);
+  }
+  return out;
+}
+
+void MetricNameTexts::write_metrics(const MetricSamples& samples, OutputSink& sink) {
+  const RecordSpelling& spelling = record_spelling(style_);
+  const std::size_t count = samples.size();
+  if (count == 0) {
+    sink.write(spelling.metrics);
+    return sink.write("[]");
+  }
+  if (unmade_ != 0) {
+    for (const MetricSample sample : samples)
+      if (sizes_[sample.sample_id] == 0) keep(sample.sample_id);
+  }
+  // No more at once than the sink has: a record is not begun to be given up for want of memory.
+  constexpr std::size_t kRoomAround = 4 * ShortText::kRoom;
+  static_assert(kRoomAround + kLongestText + kNumberRoom <= OutputSink::kSmallCapacity);
+  const std::size_t room = (all_fit_ ? slot_size_ : kLongestText) + kNumberRoom;
+  const std::size_t most = std::max(sink.capacity(), OutputSink::kSmallCapacity) - kRoomAround;
+  std::size_t at = 0;
+  while (at < count) {
+    std::size_t stop = count;
+    if ((count - at) * room > most) stop = at + most / room;
+    char* const start = sink.reserve((stop - at) * room + kRoomAround);
+    char* out = start;
+    // The first sample's text has the end of a sample before it, which the opening is written over.
+    if (at == 0) out += spelling.metrics.size + 1 - (spelling.element_close.size + 1);
+    const MetricSamples part = samples.part(at, stop);
+    out = all_fit_ && slot_size_ == kStep ? write_short(out, part) : write_any(out, part);
+    if (at == 0) {
+      std::memcpy(start, spelling.metrics.text, spelling.metrics.size);
+      start[spelling.metrics.size] = '[';
+    }
+    at = stop;
+    if (at == count) out = put(put(out, spelling.element_close), spelling.array_close);
     sink.commit(out);
   }
-  sink.write(spelling.element_close);
 }
 
 }  // namespace qvx::metrics

@@ -1,9 +1,11 @@
 // The text of a metrics record: the two spellings, and the metric names escaped once per table.
 #pragma once
 
-#include <array>
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,19 +17,52 @@
 
 namespace qvx::metrics {
 
-// What stands between the texts of a record that is one object of numbers, strings and arrays of objects with
-// one member each.
-struct RecordSpelling {
-  std::string_view record_open;
-  std::string_view member_separator;
-  std::string_view record_close;
-  std::string_view colon;
-  std::string_view element_open;
-  std::string_view element_close;
-  std::string_view array_close;
+// A text of a few bytes that is copied without looking at its size: kRoom bytes, whatever it has.
+struct ShortText {
+  static constexpr std::size_t kRoom = 32;
+
+  template <std::size_t kSize>
+  constexpr ShortText(const char (&literal)[kSize]) : size(kSize - 1) {
+    static_assert(kSize - 1 <= kRoom);
+    std::copy_n(literal, kSize - 1, text);
+  }
+  constexpr operator std::string_view() const { return {text, size}; }
+
+  char text[kRoom] = {};
+  std::size_t size;
 };
 
-const RecordSpelling& record_spelling(json::Style style);
+// What stands between the texts of a record that is one object of numbers, strings and arrays of objects with
+// one member each. The members' openings hold what separates them from the member before; every record begins
+// with its timestamp.
+struct RecordSpelling {
+  ShortText timestamp;
+  ShortText time_text;  // and its opening quote
+  ShortText labels;
+  ShortText metrics;
+  ShortText record_close;
+  ShortText colon;
+  ShortText element_open;
+  ShortText element_close;
+  ShortText array_close;
+};
+
+extern const RecordSpelling kCompactRecord;
+extern const RecordSpelling kPrettyRecord;
+
+inline const RecordSpelling& record_spelling(json::Style style) {
+  return style == json::Style::pretty ? kPrettyRecord : kCompactRecord;
+}
+
+// Copies the text, for which there is room, and returns the position behind it.
+inline char* put(char* out, std::string_view text) {
+  std::memcpy(out, text.data(), text.size());
+  return out + text.size();
+}
+inline char* put(char* out, const ShortText& text) {
+  std::memcpy(out, text.text, ShortText::kRoom);
+  return out + text.size;
+}
 
 // JSON keeps names and values as C strings.
 inline std::string_view up_to_nul(std::string_view text) {
@@ -35,49 +70,44 @@ inline std::string_view up_to_nul(std::string_view text) {
 }
 
 // For each metric name of a table the text from the end of the sample before it to its own value, such as
-// `},{"name":`. Texts are made when first used and kept while the table's bytes stay the same, up to a limit.
+// `},{"name":`. Texts are made when first used and kept while the table's bytes stay the same.
 class MetricNameTexts {
  public:
-  // Forgets the texts unless table and style are those of the last call. Throws std::bad_alloc.
-  void use_table(Bytes table_bytes, const StringTable& names, json::Style style);
+  // Forgets the texts unless table and style are those of the last call. Tables of equal versions are the
+  // same. Throws std::bad_alloc.
+  void use_table(std::uint64_t version, Bytes table_bytes, const StringTable& names, json::Style style);
 
-  // Makes the texts of the samples' names, so that writing them cannot fail. Throws std::bad_alloc.
-  void prepare(const MetricSamples& samples) {
-    for (std::size_t i = 0; i < samples.size(); ++i) {
-      const std::size_t id = samples[i].sample_id;
-      if (kept_[id].size == 0) [[unlikely]]
-        keep(id);
-    }
-  }
-
-  // Writes the samples, which were prepared, as the elements of an array that is not empty.
-  void write_samples(const MetricSamples& samples, OutputSink& sink);
+  // Writes the member with the samples, whose ids are all in the table.
+  void write_metrics(const MetricSamples& samples, OutputSink& sink);
 
  private:
-  // Texts are copied in steps of this size, so as many bytes are readable behind each.
+  // Texts are copied in steps of this size.
   static constexpr std::size_t kStep = 32;
   static constexpr std::size_t kLongestName = 255;
-  static constexpr std::size_t kLongestText = json::escaped_room(kLongestName) + 64;
-  // Names that do not fit are escaped at each use: a table of control characters would grow sixfold.
+  static constexpr std::size_t kLongestText = json::escaped_room(kLongestName) + 4 * ShortText::kRoom;
+  static constexpr std::uint16_t kTooLong = 0xFFFF;
   static constexpr std::size_t kMostKept = 8 * 1024 * 1024;
 
-  struct Kept {
-    std::uint32_t offset = 0;
-    std::uint32_t size = 0;  // 0: not kept
-  };
-
+  void choose_slots();
   void keep(std::size_t id);
-  // Writes the text of a name, which needs kLongestText bytes of room, and a copy kStep more.
+  // Writes the text of a name, which needs kLongestText bytes of room.
   char* compose(char* out, std::size_t id) const;
-  char* write_text(char* out, std::size_t id) const;
+  char* write_short(char* out, const MetricSamples& samples) const;
+  char* write_any(char* out, const MetricSamples& samples) const;
 
+  std::uint64_t version_ = 0;
   std::string table_;
   json::Style style_ = json::Style::compact;
   const StringTable* names_ = nullptr;
-  std::vector<Kept> kept_;
-  std::vector<char> texts_;  // kStep spare bytes at the end
-  std::size_t texts_size_ = 0;
-  std::size_t longest_text_ = 0;  // of those kept; the longest possible once one was not kept
+
+  // A slot for each name, a whole number of steps long. A text that does not fit, because of its escapes or
+  // because the table is so large, is made at each use.
+  std::unique_ptr<char[]> slots_;
+  std::size_t slots_room_ = 0;
+  std::size_t slot_size_ = kStep;
+  std::vector<std::uint16_t> sizes_;  // of the texts; 0: not made so far
+  std::size_t unmade_ = 0;
+  bool all_fit_ = true;  // of those made
 };
 
 }  // namespace qvx::metrics

@@ -140,6 +140,7 @@ static_assert(tiles(kHistogramTotals, kHistogramTotalsSize));
 // The first place of a marker in [from, end), or `end`.
 inline const std::byte* find_marker(const std::byte* from, const std::byte* end, std::string_view marker) {
   const std::string_view text = as_text(Bytes(from, end));
+  if (text.starts_with(marker)) return from;
   const std::size_t at = text.find(marker);
   return at == std::string_view::npos ? end : from + at;
 }

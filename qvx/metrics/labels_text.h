@@ -1,0 +1,54 @@
+// The labels of a record as text, kept for the next record that has the same.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "qvx/metrics/block_tables.h"
+#include "qvx/support/bytes.h"
+#include "qvx/support/json_text.h"
+#include "qvx/support/output_sink.h"
+
+namespace qvx::metrics {
+
+// Writes the member with the labels, an array of objects with one member each.
+void write_labels(const LabelMap& labels, json::Style style, OutputSink& sink);
+
+// Texts of more than a few thousand bytes are not kept.
+class LabelsText {
+ public:
+  LabelsText() : text_(kMostKept) {}  // throws std::bad_alloc
+
+  // The size of the labels block at the start of the bytes when it is the one that the text was made of, else
+  // 0. Such a block has no fault, whatever the tables are.
+  std::size_t size_of_same(Bytes labels) const {
+    return !made_of_.empty() && as_text(labels).starts_with(std::string_view(made_of_)) ? made_of_.size() : 0;
+  }
+
+  // Whether the text was made with these tables and in this style.
+  bool is_of(std::uint64_t tables_version, json::Style style) const {
+    return tables_version == tables_version_ && style == style_;
+  }
+
+  void forget() { made_of_.clear(); }
+
+  // Makes the text of the labels that a labels block gives with these tables; false when it is too long.
+  // Throws std::bad_alloc.
+  bool make(const LabelMap& labels, Bytes made_of, std::uint64_t tables_version, json::Style style);
+
+  std::string_view text() const { return {text_.data(), size_}; }
+
+ private:
+  static constexpr std::size_t kMostKept = 8 * 1024;
+
+  std::string made_of_;  // empty: no text
+  std::uint64_t tables_version_ = 0;
+  json::Style style_ = json::Style::compact;
+  std::vector<char> text_;
+  std::size_t size_ = 0;
+};
+
+}  // namespace qvx::metrics
