@@ -1,0 +1,499 @@
+// What a writer keeps from block to block must not show: whatever came before, each block gives the text and
+// the messages that it gives a writer of its own.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "qvx/metrics/metrics_output.h"
+#include "tests/metrics/cntx_builder.h"
+#include "tests/metrics/recording_target.h"
+#include "tests/support/failing_allocations.h"
+#include "tests/support/guarded_buffer.h"
+#include "tests/support/log_capture.h"
+
+namespace qvx::metrics {
+namespace {
+
+using namespace test;
+using Format = MetricsRecordTarget::Format;
+
+// Everything that comes of a block.
+struct Outcome {
+  std::string text;
+  int records = 0;
+  std::vector<std::string> file_errors;
+  std::vector<LogMessage> messages;
+
+  bool operator==(const Outcome&) const = default;
+};
+
+void PrintTo(const Outcome& outcome, std::ostream* out) {
+  *out << outcome.records << " records: " << outcome.text << '\n';
+  for (const std::string& text : outcome.file_errors)
+    *out << "file error: " << text << '\n';
+  for (const LogMessage& message : outcome.messages) {
+    PrintTo(message, out);
+    *out << '\n';
+  }
+}
+
+using Print = std::function<void(MetricsRecordTarget&, Bytes)>;
+
+// The block's bytes are gone afterwards, so that nothing kept may refer to them.
+Outcome outcome_of(const Print& print, std::string_view block, Format format, std::uint32_t level) {
+  const GuardedBuffer buffer(block);
+  RecordingTarget target(format);
+  LogCapture log(level);
+  print(target, buffer.bytes());
+  return {target.text(), target.records, target.file_errors, log.messages()};
+}
+
+// Prints blocks one after the other, each also with a writer of its own.
+class Sequence {
+ public:
+  explicit Sequence(Format format = Format::ndjson, std::uint32_t level = QVX_LOG_INFO)
+      : format_(format), level_(level) {}
+
+  void set_format(Format format) { format_ = format; }
+  void set_level(std::uint32_t level) { level_ = level; }
+
+  // The text.
+  std::string print(std::string_view block) {
+    const Outcome kept = outcome_of(
+        [this](MetricsRecordTarget& target, Bytes bytes) { writer_.output_metrics_block(target, bytes); },
+        block, format_, level_);
+    const Outcome fresh =
+        outcome_of([](MetricsRecordTarget& target, Bytes bytes) { output_metrics_block(target, bytes); },
+                   block, format_, level_);
+    EXPECT_EQ(kept, fresh);
+    return kept.text;
+  }
+  std::string print(const TestBlock& block) { return print(block.bytes()); }
+
+ private:
+  MetricsWriter writer_;
+  Format format_;
+  std::uint32_t level_;
+};
+
+TestBlock full_block() {
+  TestBlock block;
+  block.label_name_sets = label_names({"host", "port"}) + label_names({"dev"});
+  block.constant_labels = constant_labels({"site", "here"});
+  block.records = {
+      record({.samples = {{0, 5}, {2, 70}}, .labels = labels_m(0, {mixed_id(0), mixed_text("1")})})};
+  return block;
+}
+
+std::string line_of(const std::string& labels, const std::string& metrics) {
+  return R"({"timestamp":1700000000000000,"@timestamp":"2023-11-14 22:13:20.000","labels":[)" + labels +
+         R"(],"metrics":[)" + metrics + "]}\n";
+}
+
+TEST(MetricsWriter, BlockThatDiffersInOneByteFromTheOneBefore) {
+  const std::string bytes = full_block().bytes();
+  for (const std::uint32_t level : {QVX_LOG_INFO, QVX_LOG_DEBUG}) {
+    Sequence sequence(Format::ndjson, level);
+    const std::string text = sequence.print(bytes);
+    for (std::size_t at = 0; at < bytes.size(); ++at) {
+      for (const int change : {0x01, 0x20, 0x80}) {
+        std::string changed = bytes;
+        changed[at] = static_cast<char>(changed[at] ^ change);
+        sequence.print(changed);
+        ASSERT_EQ(sequence.print(bytes), text) << "behind byte " << at;
+      }
+    }
+  }
+}
+
+TEST(MetricsWriter, BlockThatIsCutBehindAWholeOne) {
+  const std::string bytes = full_block().bytes();
+  Sequence sequence;
+  for (std::size_t size = 0; size < bytes.size(); ++size) {
+    EXPECT_NE(sequence.print(bytes), "");
+    EXPECT_EQ(sequence.print(std::string_view(bytes).substr(0, size)), "");
+    sequence.print(bytes);
+    EXPECT_EQ(sequence.print(full_block().bytes_of_size(static_cast<std::uint32_t>(size))), "");
+    sequence.print(bytes);
+    // With the trailer at its end, wherever that is.
+    if (size >= 16) sequence.print(full_block().bytes_of_size(0xFFFF).substr(0, size - 8) + "cntdcntx");
+  }
+}
+
+TEST(MetricsWriter, EveryPieceMayChange) {
+  const TestBlock base = full_block();
+  std::vector<TestBlock> blocks(10, base);
+  blocks[0].label_name_sets = label_names({"host", "lane"}) + label_names({"dev"});
+  blocks[1].label_values = label_values({"node9", "node8", "p1"});
+  blocks[2].metric_names = metric_names({"rx", "tx", "bad", "drop"});
+  blocks[3].constant_labels = constant_labels({"site", "away"});
+  blocks[4].constant_labels.clear();
+  blocks[5].records = {
+      record({.samples = {{0, 5}, {2, 70}}, .labels = labels_m(0, {mixed_id(1), mixed_text("1")})})};
+  blocks[6].records = {record({.samples = {{0, 5}, {2, 70}}, .labels = labels_l(1, {1})})};
+  blocks[7].records = {record({.samples = {{3, 6}}, .labels = labels_m(0, {mixed_id(0), mixed_text("1")})})};
+  blocks[8].records = {record({.samples = {}, .labels = labels_m(0, {mixed_id(0), mixed_text("1")})})};
+  blocks[9].records = {record({.labels = labels_l(2, {})})};
+  const std::string constant = R"({"site":"here"},)";
+  const std::string labels = constant + R"({"host":"node7"},{"port":"1"})";
+  const std::string metrics = R"({"rx":5},{"err":70})";
+  const std::string expected[] = {
+      line_of(constant + R"({"host":"node7"},{"lane":"1"})", metrics),
+      line_of(constant + R"({"host":"node9"},{"port":"1"})", metrics),
+      line_of(labels, R"({"rx":5},{"bad":70})"),
+      line_of(R"({"site":"away"},{"host":"node7"},{"port":"1"})", metrics),
+      line_of(R"({"host":"node7"},{"port":"1"})", metrics),
+      line_of(constant + R"({"host":"node8"},{"port":"1"})", metrics),
+      line_of(constant + R"({"dev":"node8"})", metrics),
+      line_of(labels, R"({"drop":6})"),
+      line_of(labels, ""),
+      R"({"timestamp":1700000000000000,"@timestamp":"2023-11-14 22:13:20.000","metrics":[{"rx":5}]})"
+      "\n"};
+  Sequence sequence;
+  for (std::size_t i = 0; i < blocks.size(); ++i) {
+    for (int round = 0; round < 3; ++round) {
+      EXPECT_EQ(sequence.print(base), line_of(labels, metrics)) << i;
+      EXPECT_EQ(sequence.print(blocks[i]), expected[i]) << i;
+      EXPECT_EQ(sequence.print(blocks[i]), expected[i]) << i;
+    }
+    for (const TestBlock& other : blocks) {
+      sequence.print(other);
+      EXPECT_EQ(sequence.print(blocks[i]), expected[i]) << i;
+    }
+  }
+}
+
+TEST(MetricsWriter, MarkersAreFoundBehindTablesThatRepeat) {
+  const TestBlock base = full_block();
+  // A marker and a table, as they may stand in a sample's value, between the sections or half in the closing
+  // marker of the names, which is not compared.
+  const auto value_of = [](std::string_view text) {
+    std::uint64_t value = 0;
+    for (std::size_t i = text.size(); i-- > 0;)
+      value = value << 8 | static_cast<unsigned char>(text[i]);
+    return value;
+  };
+  const auto with_closing = [](TestBlock block, std::string_view closing) {
+    block.metric_names.replace(block.metric_names.size() - 4, 4, closing);
+    return block;
+  };
+  std::vector<TestBlock> blocks;
+  for (const std::string_view text :
+       {std::string_view("LBLN\0", 5), std::string_view("LBLN\2", 5), std::string_view("xLBLN\0lb", 8),
+        std::string_view("CLBL\0\0", 6), std::string_view("xxCLBL\0\0", 8), std::string_view("CNTDCNTD"),
+        std::string_view("LBLBLBLN"), std::string_view("LBLV\0\0", 6)}) {
+    for (const bool with_constants : {false, true}) {
+      TestBlock block = base;
+      if (!with_constants) block.constant_labels.clear();
+      block.records = {record({.samples = {{0, value_of(text)}, {1, 1}}, .labels = labels_l(1, {0})})};
+      blocks.push_back(block);
+      block = base;
+      block.histograms = "some" + std::string(text) + "bytes";
+      if (!with_constants) block.constant_labels.clear();
+      blocks.push_back(block);
+    }
+  }
+  for (const std::string_view marker : {"LBLN", "LBLV", "CLBL", "CNTD", "CNTI"}) {
+    for (std::size_t inside = 0; inside <= 4; ++inside) {
+      TestBlock block =
+          with_closing(base, std::string(4 - inside, 'x') + std::string(marker.substr(0, inside)));
+      // The next table with the same names, with and without the rest of the marker.
+      blocks.push_back(block);
+      for (const std::string_view rest :
+           {std::string_view("\0\0\0\0", 4), std::string_view("\1\0\1a\1\1b", 7)}) {
+        block.histograms = std::string(marker.substr(inside)) + std::string(rest);
+        blocks.push_back(block);
+      }
+      block.histograms.clear();
+      block.constant_labels.clear();
+      blocks.push_back(block);
+    }
+  }
+  for (const std::string_view name :
+       {"CNTD", "xCNTDx", "CLBL", "xCLBL", "LBLN", "LBLV", "LBL", "CNTI", "CNTX"}) {
+    TestBlock block = base;
+    block.metric_names = metric_names({"rx", std::string(name), "err", "drop"});
+    blocks.push_back(block);
+    block.constant_labels.clear();
+    blocks.push_back(block);
+    block = base;
+    block.label_values = label_values({std::string(name), "node8", "p1"});
+    blocks.push_back(block);
+    block.label_name_sets = label_names({std::string(name), "port"});
+    blocks.push_back(block);
+  }
+  Sequence sequence;
+  for (const TestBlock& block : blocks) {
+    sequence.print(base);
+    sequence.print(block);
+    sequence.print(block);
+    // The same tables with other samples, so that a marker among these is not there any more.
+    TestBlock other = block;
+    other.records = base.records;
+    sequence.print(other);
+    other.histograms.clear();
+    sequence.print(other);
+    other.constant_labels = base.constant_labels;
+    sequence.print(other);
+    sequence.print(block);
+  }
+}
+
+TEST(MetricsWriter, LabelNamesAmongTheSamplesMoveTheTables) {
+  TestBlock block = full_block();
+  Sequence sequence;
+  const std::string labels = R"({"site":"here"},{"host":"node7"},{"port":"1"})";
+  EXPECT_EQ(sequence.print(block), line_of(labels, R"({"rx":5},{"err":70})"));
+  block.records = {record({.samples = {{0, 0x006E6C4E4C424C}}, .labels = labels_l(0, {0})})};
+  // "LBLN" in a value: the tables are searched behind it, where there are none.
+  EXPECT_EQ(sequence.print(block), "");
+  block.records = {record({.samples = {{0, 0x006E6C4E4C4243}}, .labels = labels_l(0, {0})})};
+  EXPECT_EQ(sequence.print(block),
+            line_of(R"({"site":"here"},{"host":"node7"})", R"({"rx":121411449143875})"));
+}
+
+TEST(MetricsWriter, SizeFieldMayHoldPartsOfMarkers) {
+  Sequence sequence;
+  const TestBlock plain = full_block();
+  TestBlock unnamed = plain;
+  unnamed.label_name_sets.clear();
+  TestBlock valueless = unnamed;
+  valueless.label_values = std::string("BLV\0\0lblv", 9);
+  TestBlock setless = plain;
+  setless.label_name_sets = std::string("BLN\0lbln", 8) + label_names({"host", "port"});
+  for (const TestBlock& block : {plain, unnamed, valueless, setless}) {
+    // All larger than the block, so that each means the whole of it.
+    const std::uint32_t sizes[] = {0x4E4C424C, 0x564C424C, 0x44544E43, 0x4C424C43, 0x49544E43, 0x4C202020,
+                                   0x43202020, 0x20202020, 0x4C4C4C4C, 0x4C424C20, 0x7FFFFFFF};
+    for (const std::uint32_t first : sizes) {
+      for (const std::uint32_t second : sizes) {
+        sequence.print(block.bytes_of_size(first));
+        sequence.print(block.bytes_of_size(second));
+      }
+    }
+  }
+}
+
+TEST(MetricsWriter, MagicMayStandElsewhere) {
+  TestBlock block = full_block();
+  // The magic from which the size is taken when the block does not begin with one.
+  block.histograms = "CNTX" + le32(0x7FFFFFFF);
+  Sequence sequence;
+  const std::string text = sequence.print(block);
+  for (const std::string_view start :
+       {std::string_view("CLBL\0\0\0\0", 8), std::string_view("xCNTD\0\0\0", 8),
+        std::string_view("xxxLBLN\0", 8), std::string_view("CNTDxxxx"), std::string_view("xxxxxxxx"),
+        std::string_view("CNTXxxxx")}) {
+    std::string bytes = block.bytes();
+    bytes.replace(0, 8, start);
+    sequence.print(bytes);
+    EXPECT_EQ(sequence.print(block), text);
+  }
+}
+
+TEST(MetricsWriter, FaultyBlocksBetweenGoodOnes) {
+  const TestBlock base = full_block();
+  std::vector<TestBlock> faulty(10, base);
+  faulty[0].data_marker = "none";
+  faulty[1].trailer = "????????";
+  faulty[2].records = {record({.kind = 'D'})};
+  faulty[3].records = {record({.samples = {{4, 1}}, .labels = labels_m(0, {mixed_id(0), mixed_text("1")})})};
+  faulty[4].records = {record({.labels = labels_l(0, {3})})};
+  faulty[5].records = {record({.labels = labels_i(0, {"\xFF"})})};
+  faulty[6].constant_labels = "CLBL" + le16(99) + "clbl";
+  faulty[7].metric_names = "CNTI" + le16(999) + entry("rx");
+  faulty[8].label_values = "LBLV" + le16(999) + entry("rx");
+  faulty[9].blocksize = 40;
+  Sequence sequence;
+  const std::string text = sequence.print(base);
+  for (const TestBlock& block : faulty) {
+    EXPECT_EQ(sequence.print(block), "");
+    EXPECT_EQ(sequence.print(block), "");
+    EXPECT_EQ(sequence.print(base), text);
+  }
+}
+
+TEST(MetricsWriter, LabelsRepeatOnlyAsFarAsTheRecordReaches) {
+  TestBlock block = full_block();
+  Sequence sequence;
+  const std::string text = sequence.print(block);
+  for (std::uint32_t reach = 0; reach < 80; ++reach) {
+    block.blocksize = reach;
+    sequence.print(block);
+    block.blocksize = 4096;
+    EXPECT_EQ(sequence.print(block), text);
+  }
+}
+
+TEST(MetricsWriter, SeveralRecordsWithLabelsThatRepeatOrNot) {
+  const Texts labels = {labels_l(0, {0}), labels_l(0, {1}), labels_l(7, {1}), labels_i(1, {"a"}),
+                        labels_l(0, {})};
+  std::vector<std::vector<std::string>> lists = {{}};
+  for (const std::string& first : labels) {
+    lists.push_back({record({.labels = first})});
+    for (const std::string& second : labels) {
+      lists.push_back(
+          {record({.labels = first}), record({.timestamp = 9, .samples = {{3, 1}}, .labels = second})});
+      lists.push_back({lists.back()[1], lists.back()[0], lists.back()[1]});
+    }
+  }
+  for (const std::uint32_t level : {QVX_LOG_INFO, QVX_LOG_DEBUG}) {
+    Sequence sequence(Format::json, level);
+    TestBlock block = full_block();
+    for (const std::vector<std::string>& first : lists) {
+      for (const std::vector<std::string>& second : lists) {
+        block.records = first;
+        sequence.print(block);
+        block.records = second;
+        sequence.print(block);
+      }
+    }
+  }
+}
+
+TEST(MetricsWriter, FormatsAndLevelsMayChange) {
+  Sequence sequence;
+  TestBlock other = full_block();
+  other.constant_labels = constant_labels({"q", "\xFF"});
+  const std::string blocks[] = {full_block().bytes(), other.bytes(), TestBlock().bytes()};
+  std::mt19937 random(7);
+  constexpr Format kFormats[] = {Format::json, Format::ndjson, Format::csv, Format::influx, Format::ndjson};
+  for (int round = 0; round < 2000; ++round) {
+    sequence.set_format(kFormats[random() % std::size(kFormats)]);
+    sequence.set_level(random() % 3 == 0 ? QVX_LOG_DEBUG : QVX_LOG_INFO);
+    sequence.print(blocks[random() % std::size(blocks)]);
+  }
+}
+
+TEST(MetricsWriter, LongLabelsAndNames) {
+  const std::string plain(255, 'x');
+  const std::string escaped(255, '\x02');
+  Sequence sequence;
+  for (const Format format : {Format::ndjson, Format::json}) {
+    sequence.set_format(format);
+    for (const std::size_t length : {1u, 20u, 25u, 26u, 27u, 57u, 58u, 59u, 255u}) {
+      TestBlock block;
+      block.label_name_sets = label_names({escaped, plain, "c", escaped, "d"});
+      block.label_values = label_values({plain, escaped, "v"});
+      block.metric_names = metric_names({"rx", plain.substr(0, length), escaped.substr(0, length), "drop"});
+      TestBatch batch;
+      batch.samples.clear();
+      for (std::uint16_t i = 0; i < 400; ++i)
+        batch.samples.emplace_back(i % 4, std::uint64_t{1} << (i % 64));
+      for (const std::vector<std::uint8_t>& values :
+           {std::vector<std::uint8_t>{0, 1, 2}, {1, 1, 1, 1, 1}, {2, 2, 2, 2}}) {
+        batch.labels = labels_l(0, values);
+        block.blocksize = 65536;
+        block.records = {record(batch)};
+        EXPECT_NE(sequence.print(block), "");
+        EXPECT_NE(sequence.print(block), "");
+      }
+      Texts constants;
+      for (int i = 0; i < 40; ++i) {
+        constants.push_back(std::to_string(i));
+        constants.push_back(escaped);
+      }
+      block.constant_labels = constant_labels(constants);
+      EXPECT_GT(sequence.print(block).size(), 40 * 6 * 255u);
+      EXPECT_NE(sequence.print(block), "");
+    }
+  }
+}
+
+TEST(MetricsWriter, TablesTooLargeToKeep) {
+  TestBlock block = full_block();
+  Texts names;
+  for (int i = 0; i < 12000; ++i)
+    names.push_back(std::to_string(i) + std::string(200, 'n'));
+  Sequence sequence;
+  for (const bool values : {false, true}) {
+    (values ? block.label_values : block.metric_names) = values ? label_values(names) : metric_names(names);
+    for (const TestBlock& one : {block, block, full_block()})
+      EXPECT_NE(sequence.print(one), "");
+  }
+  block = full_block();
+  block.constant_labels = constant_labels(names);
+  for (const TestBlock& one : {block, block, full_block()})
+    EXPECT_NE(sequence.print(one), "");
+}
+
+TEST(MetricsWriter, ShortMemoryLeavesTheWriterUsable) {
+  TestBlock other = full_block();
+  other.metric_names = metric_names({"a", "b", "c"});
+  other.label_values = label_values({"one", "two"});
+  other.constant_labels = constant_labels({"zone", "9"});
+  const std::string blocks[] = {full_block().bytes(), other.bytes()};
+  for (std::size_t successes = 0; successes < 60; ++successes) {
+    MetricsWriter writer;
+    for (const bool first : {true, false}) {
+      for (const std::string* const block : {&blocks[first], &blocks[!first]}) {
+        RecordingTarget target(Format::ndjson);
+        const FailingAllocations failing(successes);
+        writer.output_metrics_block(target, as_bytes(*block));
+      }
+      for (const std::string& block : blocks) {
+        RecordingTarget kept(Format::ndjson);
+        RecordingTarget fresh(Format::ndjson);
+        writer.output_metrics_block(kept, as_bytes(block));
+        output_metrics_block(fresh, as_bytes(block));
+        ASSERT_EQ(kept.text(), fresh.text()) << successes;
+        ASSERT_EQ(kept.records, 1);
+      }
+    }
+  }
+}
+
+// A block of pieces that each have few forms, so that pieces often repeat from block to block.
+std::string random_block(std::mt19937& random) {
+  const auto one_of = [&](const Texts& forms) { return forms[random() % forms.size()]; };
+  TestBlock block;
+  block.label_name_sets =
+      one_of({"", label_names({"host"}), label_names({"host", "port"}) + label_names({"dev", "dev"})});
+  block.label_values = one_of({label_values({"node7", "node8", "p1"}), label_values({"node7", "node8", "p2"}),
+                               label_values({"CLBL", "LB", ""})});
+  block.metric_names = one_of({metric_names({"rx", "tx", "err"}), metric_names({"rx", "tx", "bad"}),
+                               metric_names({"CNTD", "tx", "a name of more than thirty-two bytes"})});
+  if (random() % 4 == 0) block.histograms = one_of({"CLBL", "LBLNx", "CLBLN", "C", "LBL", "HIST"});
+  if (random() % 2 == 0)
+    block.constant_labels = one_of({constant_labels({"site", "here"}), constant_labels({"dev", "\xFF"}),
+                                    constant_labels({}), constant_labels({"odd"})});
+  block.records.clear();
+  constexpr std::size_t kCounts[] = {1, 1, 1, 1, 0, 2, 3};
+  for (std::size_t count = kCounts[random() % std::size(kCounts)]; count > 0; --count) {
+    TestBatch batch;
+    batch.timestamp += random() % 3;
+    batch.samples.clear();
+    for (std::size_t samples = random() % 4; samples > 0; --samples)
+      batch.samples.emplace_back(random() % 3, random());
+    batch.labels =
+        one_of({labels_l(0, {0}), labels_l(0, {0, 1}), labels_l(0, {2, 2}), labels_i(1, {"x", "y"}),
+                labels_m(1, {mixed_id(1), mixed_text("\"")}), labels_l(3, {}), labels_l(0, {9})});
+    block.records.push_back(record(batch));
+  }
+  std::string bytes = block.bytes();
+  if (random() % 8 == 0) bytes[random() % bytes.size()] = "CLBLNTD\0\1\xFF"[random() % 10];
+  if (random() % 16 == 0) bytes = bytes.substr(0, random() % bytes.size());
+  return bytes;
+}
+
+TEST(MetricsWriter, RandomBlocksOneAfterTheOther) {
+  std::mt19937 random(20240607);
+  for (const std::uint32_t level : {QVX_LOG_INFO, QVX_LOG_DEBUG}) {
+    Sequence sequence(Format::ndjson, level);
+    std::string block;
+    int printed = 0;
+    for (int round = 0; round < 15000; ++round) {
+      if (random() % 3 != 0) block = random_block(random);
+      if (!sequence.print(block).empty()) ++printed;
+      if (HasFailure()) return;
+    }
+    EXPECT_GT(printed, 4000);
+  }
+}
+
+}  // namespace
+}  // namespace qvx::metrics
