@@ -1,7 +1,8 @@
 // Whole-program benchmark: runs qvx_read over files made here and prints a table of values and bytes per CPU
 // second.
 //
-//   qvx_files_bench <qvx_read> <hand decoder> <tree decoder> <work folder> [MiB of data per file]
+//   qvx_files_bench <qvx_read> <hand decoder> <tree decoder> <work folder> [MiB of data per file
+//   [payload...]]
 //
 // CPU seconds are user and system time of the process, the best of several runs; output goes to /dev/null.
 
@@ -101,7 +102,7 @@ void print_row(const std::string& name, const DataFile& file, const std::vector<
 }
 
 int run(const std::string& reader, const std::string& hand, const std::string& tree,
-        const std::string& folder, std::uint64_t data_bytes) {
+        const std::string& folder, std::uint64_t data_bytes, const std::vector<std::string>& payloads) {
   struct PagesName {
     Pages pages;
     const char* name;
@@ -112,6 +113,7 @@ int run(const std::string& reader, const std::string& hand, const std::string& t
   double ndjson = 0;
   for (const Payload payload : {Payload::events, Payload::counters, Payload::metrics}) {
     const std::string what = qvx::bench::payload_name(payload);
+    if (!payloads.empty() && std::find(payloads.begin(), payloads.end(), what) == payloads.end()) continue;
     for (const auto& [pages, pages_name] : {PagesName{Pages::plain, "plain"}, PagesName{Pages::gzip, "gzip"},
                                             PagesName{Pages::snappy, "snappy"}}) {
       const DataFile file = qvx::bench::make_data_file(folder, payload, pages, data_bytes);
@@ -147,12 +149,13 @@ int run(const std::string& reader, const std::string& hand, const std::string& t
 
 int main(int argc, char** argv) {
   if (argc < 5) {
-    std::fprintf(stderr, "usage: %s qvx_read hand_decoder tree_decoder folder [MiB]\n", argv[0]);
+    std::fprintf(stderr, "usage: %s qvx_read hand_decoder tree_decoder folder [MiB [payload...]]\n", argv[0]);
     return EXIT_FAILURE;
   }
   try {
     const std::uint64_t mebibytes = argc > 5 ? std::strtoull(argv[5], nullptr, 10) : 256;
-    return run(argv[1], argv[2], argv[3], argv[4], mebibytes << 20);
+    const std::vector<std::string> payloads(argv + std::min(argc, 6), argv + argc);
+    return run(argv[1], argv[2], argv[3], argv[4], mebibytes << 20, payloads);
   } catch (const std::exception& fault) {
     std::fprintf(stderr, "%s\n", fault.what());
     return EXIT_FAILURE;

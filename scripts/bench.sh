@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the release preset, makes its own inputs and prints the table of docs/performance.md.
 #
-#   scripts/bench.sh [MiB of data per file, 256 if not given]
+#   scripts/bench.sh [MiB of data per file, 256 if not given [events|counters|metrics...]]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -15,4 +15,4 @@ echo "compiler: $(c++ --version | head -n 1)"
 echo "date: $(date -u +%F)"
 echo
 build/release/bench/qvx_files_bench build/release/qvx_read build/release/bench/qvx_hand_decoder \
-  build/release/bench/qvx_tree_decoder "$folder" "${1:-256}"
+  build/release/bench/qvx_tree_decoder "$folder" "${@:-256}"
