@@ -180,7 +180,7 @@ TEST_F(LogDeathTest, FourLevelsHaveANameOthersNone) {
 TEST_F(LogDeathTest, LineBeginsWithLocalTimeInMilliseconds) {
   const auto body = [] {
     const FakeClock clock(1'700'000'000, 7'999'999);
-    const TimeZoneGuard zone("XXX-5:30");
+    const TimeZoneGuard zone("ABC-5:30");
     qvx_init_stderr_logger(QVX_LOG_INFO);
     QVX_LOG(QVX_LOG_ERROR, "text");
     QVX_LOG(5, "text");
