@@ -8,6 +8,7 @@
 #include "qvx/data/block.h"
 #include "qvx/support/format.h"
 #include "qvx/support/number.h"
+#include "qvx/support/text.h"
 
 namespace qvx {
 namespace {
@@ -52,6 +53,7 @@ char* put_text_cell(char* out, Bytes from_slot) {
 char* put_cell(char* out, std::uint32_t data_type, Bytes values, std::uint64_t slot) {
   const std::uint64_t offset = slot * kCounterSlotSize;
   const Bytes from_slot = offset < values.size() ? values.subspan(offset) : Bytes();
+  char* const cell = out;
   *out++ = ' ';
   if (data_type == QVX_COUNTER_STRING) return put_text_cell(out, from_slot);
   std::array<std::byte, kCounterSlotSize> bytes{};
@@ -73,12 +75,8 @@ char* put_cell(char* out, std::uint32_t data_type, Bytes values, std::uint64_t s
       const auto value = load_le<std::uint64_t>(bytes.data());
       return put(put_aligned(out, text_to(put_hexadecimal(digits, value)), kColumnWidth), " |");
     }
-    default: {
-      const auto value = load_le<std::int64_t>(bytes.data());
-      if (value <= 999)
-        return put(put_aligned(out, text_to(write_decimal(digits, value)), kColumnWidth), " |");
-      return put(put_aligned(out, text_to(write_decimal(digits, value / 1000)), kColumnWidth - 2), " k |");
-    }
+    default:
+      return write_table_cell(cell, kColumnWidth, load_le<std::int64_t>(bytes.data()));
   }
 }
 
