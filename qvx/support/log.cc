@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -11,10 +12,12 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string_view>
 
 #include "qvx/support/env.h"
+#include "qvx/support/log_recording.h"
 
 namespace {
 
@@ -35,6 +38,35 @@ struct Logger {
 };
 
 Logger logger;
+
+constexpr std::size_t kRecorderLevels = 8;
+
+// The level of the logger and of all recorders; log_threshold is the highest of them.
+struct Levels {
+  std::mutex lock;
+  std::atomic<std::uint32_t> logger = kNotInitialised;
+  std::array<std::uint32_t, kRecorderLevels> recorders{};  // how many there are of each level
+};
+
+Levels levels;
+
+void update_threshold() {
+  std::uint32_t highest = levels.logger.load(std::memory_order_relaxed);
+  for (std::uint32_t level = 0; level < kRecorderLevels; ++level)
+    if (levels.recorders[level] > 0) highest = std::max(highest, level);
+  qvx::detail::log_threshold.store(highest, std::memory_order_release);
+}
+
+std::uint32_t logger_level() {
+  return levels.logger.load(std::memory_order_relaxed);
+}
+
+std::uint32_t set_logger_level(std::uint32_t level) {
+  const std::lock_guard guard(levels.lock);
+  const std::uint32_t old = levels.logger.exchange(level, std::memory_order_relaxed);
+  update_threshold();
+  return old;
+}
 
 const char* level_prefix(std::uint32_t level) {
   switch (level) {
@@ -109,7 +141,7 @@ __attribute__((format(printf, 2, 3))) void write_message(std::uint32_t level, co
     vsyslog(static_cast<int>(level), format, args);
   } else {
     // An imported state may come without a stream, and must not be initialised.
-    if (logger.stream == nullptr && !logger.imported) qvx_init_stderr_logger(qvx::detail::log_level);
+    if (logger.stream == nullptr && !logger.imported) qvx_init_stderr_logger(logger_level());
     pthread_mutex_t* const mutex = logger.mutex;
     if (mutex != nullptr) pthread_mutex_lock(mutex);
     write_line(logger.stream != nullptr ? logger.stream : stderr, level, format, args);
@@ -153,7 +185,7 @@ void switch_to(Sink sink, std::FILE* stream, std::uint32_t level, const char* ro
   logger.sink = sink;
   logger.stream = stream;
   logger.lazy_init_done = true;
-  qvx::detail::log_level = level;
+  set_logger_level(level);
   if (!set_up_thread_safety())
     QVX_LOG(QVX_LOG_DEBUG, "[logger] [%s] Initialized logger without thread-safety", routine);
 }
@@ -171,16 +203,34 @@ void initialise_from_environment() {
 
 namespace qvx::detail {
 
-std::uint32_t log_level = kNotInitialised;
+std::atomic<std::uint32_t> log_threshold = kNotInitialised;
 
 bool log_enabled(std::uint32_t level) {
-  if (log_level == kNotInitialised && !logger.lazy_init_done) initialise_from_environment();
-  return level <= log_level;
+  if (logger_level() == kNotInitialised && !logger.lazy_init_done) initialise_from_environment();
+  return level <= logger_level() || is_recorded(level);
 }
 
 qvx_log_function log_target() {
   logger.messages.fetch_add(1, std::memory_order_relaxed);
+  if (has_recorder()) return record_message;
   return logger.callback != nullptr ? logger.callback : write_message;
+}
+
+void log_past_recorders(std::uint32_t level, const char* text) {
+  if (level > logger_level()) return;
+  (logger.callback != nullptr ? logger.callback : write_message)(level, "%s", text);
+}
+
+void enter_recorder_level(std::uint32_t level) {
+  const std::lock_guard guard(levels.lock);
+  ++levels.recorders[level];
+  update_threshold();
+}
+
+void leave_recorder_level(std::uint32_t level) {
+  const std::lock_guard guard(levels.lock);
+  --levels.recorders[level];
+  update_threshold();
 }
 
 }  // namespace qvx::detail
@@ -219,23 +269,21 @@ void qvx_close_logger() {
             "qvx_close_logger");
     return;
   }
-  if (!logger.lazy_init_done && qvx::detail::log_level == kNotInitialised) initialise_from_environment();
+  if (!logger.lazy_init_done && logger_level() == kNotInitialised) initialise_from_environment();
   if (logger.sink == kSinkSyslog) closelog();
   if (logger.sink == kSinkFile && logger.stream != nullptr) std::fclose(logger.stream);
-  qvx_init_stderr_logger(qvx::detail::log_level);
+  qvx_init_stderr_logger(logger_level());
 }
 
 std::uint32_t qvx_logger_set_level(std::uint32_t level) {
-  const std::uint32_t old = qvx::detail::log_level;
-  qvx::detail::log_level = level;
-  return old;
+  return set_logger_level(level);
 }
 
 void qvx_logger_register_callback(qvx_log_function callback, std::uint32_t level) {
   logger.callback = callback;
   logger.sink = kSinkCallback;
   logger.lazy_init_done = true;
-  qvx::detail::log_level = level;
+  set_logger_level(level);
 }
 
 qvx_logger_state* qvx_logger_export_state() {
@@ -244,7 +292,7 @@ qvx_logger_state* qvx_logger_export_state() {
   state->sink = logger.sink;
   if (logger.sink == kSinkStderr || logger.sink == kSinkFile) state->stream = logger.stream;
   if (logger.sink == kSinkCallback) state->callback = logger.callback;
-  state->level = qvx::detail::log_level;
+  state->level = logger_level();
   state->mutex = logger.mutex;
   return state;
 }
@@ -255,14 +303,14 @@ bool qvx_logger_import_state(const qvx_logger_state* state) {
   const bool same_target = has_stream                     ? state->stream == logger.stream
                            : state->sink == kSinkCallback ? state->callback == logger.callback
                                                           : true;
-  if (same_target && state->sink == logger.sink && state->level == qvx::detail::log_level &&
+  if (same_target && state->sink == logger.sink && state->level == logger_level() &&
       state->mutex == logger.mutex)
     return true;
   logger.mutex = state->mutex;
   logger.imported = true;
   logger.lazy_init_done = true;
   logger.sink = state->sink;
-  qvx::detail::log_level = state->level;
+  set_logger_level(state->level);
   if (state->sink == kSinkCallback) logger.callback = state->callback;
   if (has_stream) logger.stream = state->stream;
   return true;

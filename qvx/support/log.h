@@ -11,6 +11,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -36,23 +37,25 @@ struct qvx_logger_state {
 };
 
 namespace qvx::detail {
-// 0xFFFFFFFF until the logger is initialised, so that the one compare of QVX_LOG lets the first message
-// through.
-extern std::uint32_t log_level;
-// Initialises the logger if needed and repeats the check against the level it then has.
+// The highest level that anybody takes: the logger, or a LogRecorder of any thread. 0xFFFFFFFF until the
+// logger is initialised, so that the one compare of QVX_LOG lets the first message through.
+extern std::atomic<std::uint32_t> log_threshold;
+// Initialises the logger if needed and asks whether it, or a recorder of this thread, takes the level.
 bool log_enabled(std::uint32_t level);
-// The registered callback, else the built-in writer.
+// What takes the messages of this thread: its recorders, else the registered callback, else the built-in
+// writer.
 qvx_log_function log_target();
 }  // namespace qvx::detail
 
-// Logs one message. The arguments are evaluated only when the level is enabled.
-#define QVX_LOG(level, ...)                                                                \
-  do {                                                                                     \
-    if ((level) <= qvx::detail::log_level && qvx::detail::log_enabled(level)) [[unlikely]] \
-      qvx::detail::log_target()((level), __VA_ARGS__);                                     \
-  } while (false)
+#define QVX_LOG_IS_ENABLED(level) \
+  ((level) <= qvx::detail::log_threshold.load(std::memory_order_relaxed) && qvx::detail::log_enabled(level))
 
-#define QVX_LOG_IS_ENABLED(level) ((level) <= qvx::detail::log_level && qvx::detail::log_enabled(level))
+// Logs one message. The arguments are evaluated only when the level is enabled.
+#define QVX_LOG(level, ...)                            \
+  do {                                                 \
+    if (QVX_LOG_IS_ENABLED(level)) [[unlikely]]        \
+      qvx::detail::log_target()((level), __VA_ARGS__); \
+  } while (false)
 
 // The three initialisers return true, but false while the state is imported from another module; the file
 // logger falls back to standard error and returns false when the file cannot be opened.
