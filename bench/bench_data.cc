@@ -43,6 +43,12 @@ void push_text(Buffer& to, std::string_view text, std::size_t size) {
   std::memcpy(to.data() + start, text.data(), std::min(text.size(), size));
 }
 
+// A text of a metrics block's tables.
+void push_entry(Buffer& to, std::string_view text) {
+  push(to, static_cast<std::uint8_t>(text.size()));
+  push_text(to, text, text.size());
+}
+
 void push_magic(Buffer& to, qvx_block_type type) {
   std::array<char, 4> magic{};
   block_magic_set(magic, type);
@@ -210,13 +216,15 @@ std::vector<std::byte> make_counters_block(std::uint64_t seed) {
   return block;
 }
 
-std::vector<std::byte> make_metrics_block(std::uint64_t seed) {
-  const auto push_entry = [](Buffer& to, std::string_view text) {
-    push(to, static_cast<std::uint8_t>(text.size()));
-    push_text(to, text, text.size());
-  };
+std::vector<std::byte> make_metrics_block(std::uint64_t seed, MetricsChange change) {
   constexpr std::array<std::string_view, 5> kLabels{"cluster", "host", "device", "port", "role"};
-  constexpr std::array<std::string_view, 5> kValues{"alpha", "node-0113", "hcx4_0", "1", "compute"};
+  const auto changing = [&](MetricsChange what) {  // four digits
+    return std::to_string(1'000 + (change == what ? seed % 9'000 : 113));
+  };
+  const std::string host = "node-" + changing(MetricsChange::label_values);
+  const std::array<std::string_view, 6> values{"alpha", host, "hcx4_0", "1", "compute", "hcx4_1"};
+  const std::string names = "hw_counter_" + changing(MetricsChange::metric_names).substr(2) + "_";
+  const std::string rack = "rack-" + changing(MetricsChange::constant_labels);
   Buffer block;
   push_text(block, "CNTX", 4);
   push(block, std::uint32_t{0});
@@ -226,15 +234,23 @@ std::vector<std::byte> make_metrics_block(std::uint64_t seed) {
     push_entry(block, label);
   push_text(block, "lbln", 4);
   push_text(block, "LBLV", 4);
-  push(block, static_cast<std::uint16_t>(kValues.size()));
-  for (const std::string_view value : kValues)
+  push(block, static_cast<std::uint16_t>(values.size()));
+  for (const std::string_view value : values)
     push_entry(block, value);
   push_text(block, "lblv", 4);
   push_text(block, "CNTI", 4);
   push(block, static_cast<std::uint16_t>(kSamples));
   for (std::size_t index = 0; index < kSamples; ++index)
-    push_entry(block, "hw_counter_" + std::to_string(index));
+    push_entry(block, names + std::to_string(index));
   push_text(block, "cnti", 4);
+  if (change == MetricsChange::constant_labels) {
+    push_text(block, "CLBL", 4);
+    push(block, std::uint16_t{4});
+    for (const std::string_view text : {std::string_view("site"), std::string_view("alpha-site"),
+                                        std::string_view("rack"), std::string_view(rack)})
+      push_entry(block, text);
+    push_text(block, "clbl", 4);
+  }
   push_text(block, "CNTD", 4);
   push(block, std::uint32_t{64 * 1024});
   push(block, static_cast<std::uint16_t>(14 + 10 * kSamples + 8));
@@ -247,11 +263,12 @@ std::vector<std::byte> make_metrics_block(std::uint64_t seed) {
     push(block, static_cast<std::uint16_t>(index));
     push(block, random() >> (14 + index % 50));
   }
+  const bool is_second_device = change == MetricsChange::record_labels && seed % 2 == 1;
   push(block, std::uint8_t{0});
-  push(block, static_cast<std::uint8_t>(kValues.size()));
+  push(block, static_cast<std::uint8_t>(kLabels.size()));
   push_text(block, "L", 1);
-  for (std::size_t index = 0; index < kValues.size(); ++index)
-    push(block, static_cast<std::uint8_t>(index));
+  for (const int value : {0, 1, is_second_device ? 5 : 2, 3, 4})
+    push(block, static_cast<std::uint8_t>(value));
   push_text(block, "cntdcntx", 8);
   store_le(block.data() + 4, static_cast<std::uint32_t>(block.size()));
   return block;

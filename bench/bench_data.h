@@ -37,8 +37,12 @@ std::vector<std::byte> make_counters_block(std::uint64_t seed);
 std::vector<std::byte> compress_gzip(const std::vector<std::byte>& data);
 std::vector<std::byte> compress_snappy(const std::vector<std::byte>& data);
 
-// One metrics block of 100 samples and 5 labels; successive seeds give successive batches.
-std::vector<std::byte> make_metrics_block(std::uint64_t seed);
+// What differs between metrics blocks of successive seeds, besides samples and time.
+enum class MetricsChange { nothing, record_labels, label_values, metric_names, constant_labels };
+
+// One metrics block of 100 samples and 5 labels; successive seeds give successive batches. Blocks have two
+// constant labels, too, when these are to change.
+std::vector<std::byte> make_metrics_block(std::uint64_t seed, MetricsChange change = MetricsChange::nothing);
 
 struct DataFile {
   std::string path;

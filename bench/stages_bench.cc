@@ -111,18 +111,34 @@ class NullTarget final : public qvx::metrics::MetricsRecordTarget {
   OutputSink& sink_;
 };
 
-void metrics_ndjson(benchmark::State& state) {
-  const std::vector<std::byte> block = qvx::bench::make_metrics_block(1);
+// One block after the other, each with samples of its own, as a file has them.
+void metrics_ndjson(benchmark::State& state, qvx::bench::MetricsChange change) {
+  constexpr std::size_t kBlocks = 64;
+  std::vector<std::vector<std::byte>> blocks;
+  for (std::size_t seed = 0; seed < kBlocks; ++seed)
+    blocks.push_back(qvx::bench::make_metrics_block(seed, change));
   const int null = open("/dev/null", O_WRONLY);
   OutputSink sink(null);
   NullTarget target(sink);
   qvx::metrics::MetricsWriter writer;
-  for (auto _ : state)
-    writer.output_metrics_block(target, block);
-  report(state, qvx::bench::kSamples, block.size());
+  std::size_t at = 0;
+  for (auto _ : state) {
+    writer.output_metrics_block(target, blocks[at]);
+    at = (at + 1) % kBlocks;
+  }
+  report(state, qvx::bench::kSamples, blocks[0].size());
   close(null);
 }
-BENCHMARK(metrics_ndjson)->Name("metrics output/ndjson");
+BENCHMARK_CAPTURE(metrics_ndjson, same, qvx::bench::MetricsChange::nothing)
+    ->Name("metrics output/ndjson, same tables");
+BENCHMARK_CAPTURE(metrics_ndjson, record_labels, qvx::bench::MetricsChange::record_labels)
+    ->Name("metrics output/ndjson, other labels of the record");
+BENCHMARK_CAPTURE(metrics_ndjson, label_values, qvx::bench::MetricsChange::label_values)
+    ->Name("metrics output/ndjson, other label values");
+BENCHMARK_CAPTURE(metrics_ndjson, metric_names, qvx::bench::MetricsChange::metric_names)
+    ->Name("metrics output/ndjson, other metric names");
+BENCHMARK_CAPTURE(metrics_ndjson, constant_labels, qvx::bench::MetricsChange::constant_labels)
+    ->Name("metrics output/ndjson, other constant labels");
 
 // The series exist: the first block, outside the loop, makes them.
 void metrics_store(benchmark::State& state) {
