@@ -10,7 +10,7 @@
 namespace qvx::metrics {
 
 void LabelMap::set(std::string_view name, std::string_view value) {
-  const std::size_t at = find(name);
+  const std::size_t at = place_of(name);
   if (at != kNone) {
     entries_[at].second = value;
     return;
@@ -30,7 +30,7 @@ void LabelMap::clear() {
   if (!index_.empty()) index_.clear();
 }
 
-std::size_t LabelMap::find(std::string_view name) const {
+std::size_t LabelMap::place_of(std::string_view name) const {
   if (!index_.empty()) {
     const auto found = index_.find(name);
     return found == index_.end() ? kNone : found->second;
@@ -64,7 +64,6 @@ const std::byte* read_label_name_sets(Bytes block, LabelNameSets& sets_out) {
     StringTable& names = kept ? sets_out.sets.emplace_back() : unkept;
     names.clear();
     pos = read_string_entries(marker + wire::kLabelNamesHeaderSize, end, count, wire::kLabelNamesEnd, names);
-    if (kept) sets_out.fingerprints.push_back(label_names_fingerprint(names));
     // The closing marker is stepped over unseen, as far as the block has one.
     pos += std::min(wire::kMarkerSize, static_cast<std::size_t>(end - pos));
   }
@@ -72,14 +71,18 @@ const std::byte* read_label_name_sets(Bytes block, LabelNameSets& sets_out) {
 
 }  // namespace
 
-const std::byte* read_name_tables(Bytes block, MetricsBlockTables& tables) {
+const std::byte* read_label_tables(Bytes block, MetricsBlockTables& tables) {
   tables.label_names.sets.clear();
-  tables.label_names.fingerprints.clear();
   tables.label_values.clear();
+  const std::byte* const pos = read_label_name_sets(block, tables.label_names);
+  return read_string_table(pos, block.data() + block.size(), wire::kLabelValuesMarker, wire::kLabelValuesEnd,
+                           tables.label_values);
+}
+
+const std::byte* read_name_tables(Bytes block, MetricsBlockTables& tables) {
   tables.metric_names.clear();
   const std::byte* const end = block.data() + block.size();
-  const std::byte* pos = read_label_name_sets(block, tables.label_names);
-  pos = read_string_table(pos, end, wire::kLabelValuesMarker, wire::kLabelValuesEnd, tables.label_values);
+  const std::byte* const pos = read_label_tables(block, tables);
   const std::byte* const names_end =
       read_string_table(pos, end, wire::kMetricNamesMarker, wire::kMetricNamesEnd, tables.metric_names);
   tables.metric_names_bytes = {};

@@ -21,8 +21,14 @@ class LabelMap {
   using Entry = std::pair<std::string_view, std::string_view>;
 
   void set(std::string_view name, std::string_view value);
-  bool contains(std::string_view name) const { return find(name) != kNone; }
   void clear();
+
+  // The value of a name, or null.
+  const std::string_view* find(std::string_view name) const {
+    const std::size_t at = place_of(name);
+    return at == kNone ? nullptr : &entries_[at].second;
+  }
+  bool contains(std::string_view name) const { return place_of(name) != kNone; }
 
   bool empty() const { return entries_.empty(); }
   std::size_t size() const { return entries_.size(); }
@@ -34,7 +40,7 @@ class LabelMap {
   // Up to this many entries a walk beats a hash.
   static constexpr std::size_t kIndexedFrom = 16;
 
-  std::size_t find(std::string_view name) const;
+  std::size_t place_of(std::string_view name) const;
 
   std::vector<Entry> entries_;
   std::unordered_map<std::string_view, std::size_t> index_;  // all entries, or none below kIndexedFrom
@@ -45,8 +51,7 @@ struct LabelNameSets {
   // A batch names its set in one byte; sections behind these are read over and not kept.
   static constexpr std::size_t kMost = 256;
 
-  std::vector<StringTable> sets;            // by ordinal
-  std::vector<std::uint64_t> fingerprints;  // of each set, see label_names_fingerprint
+  std::vector<StringTable> sets;  // by ordinal
 
   // The set, or null when the block has no such section.
   const StringTable* find(std::uint64_t label_set_id) const {
@@ -66,8 +71,11 @@ struct MetricsBlockTables {
 // The boost hash-combine of the names' boost string hashes, in order; 0 for an empty set.
 std::uint64_t label_names_fingerprint(const StringTable& names);
 
-// Empties the tables and reads label-name sets, label values and metric names; returns the position behind
-// the last table, where histograms are searched from. Throws what read_string_table throws.
+// Empties these tables and reads label-name sets and label values; returns the position behind the last one,
+// where metric names are searched from. Throws what read_string_table throws.
+const std::byte* read_label_tables(Bytes block, MetricsBlockTables& tables);
+
+// The same, and the metric names; returns the position behind these, where histograms are searched from.
 const std::byte* read_name_tables(Bytes block, MetricsBlockTables& tables);
 
 // Reads the constant labels, a table of names and values in turn, and returns the position behind them, as

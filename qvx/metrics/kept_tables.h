@@ -1,60 +1,56 @@
-// The tables of the last metrics block, which most blocks of a file repeat byte for byte.
+// The label tables of the last metrics block, which most blocks of a file repeat byte for byte.
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "qvx/metrics/block_tables.h"
+#include "qvx/metrics/metrics_batch.h"
 #include "qvx/support/bytes.h"
 
 namespace qvx::metrics {
 
-// Reads the tables of one block after the other. Keeps a copy of the bytes that a block's tables were read
-// from, and reads nothing anew when the next block has the same bytes there: what the tables are depends on
-// these bytes, and on markers behind them, which are searched for in each block. Tables of more than
-// kMostKept bytes are read from every block. Either way the tables are valid until the block's bytes are gone
-// or the next block is read.
+// Keeps a copy of what a block has before its records, and answers one question of each block: is it the one
+// of before but for its records? Then all that was made of the tables holds; otherwise everything is read
+// anew. Blocks with more than kMostKept bytes before their records are never kept.
+//
+// The tables are valid until the block's bytes are gone or the next block is asked about.
 class KeptTables {
  public:
   static constexpr std::size_t kMostKept = 2 * 1024 * 1024;
 
-  // Label-name sets, label values and metric names of the block. Throws what read_name_tables throws.
-  void read_names(Bytes block);
+  // The question. Then `section` is the block's data section. At debug level the answer is no, as reading the
+  // tables traces them.
+  bool repeat_in(Bytes block, MetricsDataSection& section);
+
+  // For a block that does not repeat the last one: reads what stands before the metric names, and returns the
+  // position behind it. Throws what read_label_tables throws.
+  const std::byte* read_labels(Bytes block);
 
   // The constant labels of the same block. Throws what read_constant_labels throws.
   void read_constants(Bytes block);
 
-  const MetricsBlockTables& tables() const { return tables_; }
+  // Keeps the tables of this block, of which all was read; the metric names end at `names_end`. Throws
+  // std::bad_alloc.
+  void keep(Bytes block, const std::byte* names_end, const MetricsDataSection& section);
 
-  // Another number whenever any of the tables may be another one than before.
-  std::uint64_t version() const { return version_; }
+  // The label-name sets, label values and constant labels. Throws std::bad_alloc.
+  const MetricsBlockTables& tables();
 
-  // The block has no data marker before this offset.
-  std::size_t data_marker_from() const { return data_marker_from_; }
+  // The names of constant labels whose values are not valid UTF-8. Throws std::bad_alloc.
+  const std::vector<std::string_view>& constants_without_utf8();
 
  private:
-  static constexpr std::size_t kNone = std::string::npos;
+  void read_kept();
 
-  bool repeats_names(Bytes block) const;
-  bool find_sections_behind(Bytes block);
-  void keep_names(Bytes region);
-
+  std::string kept_;  // from the block's start to its first record; empty for none
+  bool is_repeated_ = false;
+  bool tables_are_of_kept_ = false;  // rather than of the block that kept_ was copied from
   MetricsBlockTables tables_;
-  std::uint64_t version_ = 0;
-
-  // From the start of the last block to the end of its metric names; empty when they are not kept.
-  std::string region_;
-  std::size_t data_marker_in_region_ = kNone;
-  std::size_t constants_in_region_ = kNone;
-
-  std::string constants_;  // the table's bytes; empty for a block without constant labels
-  bool constants_are_kept_ = false;
-
-  // Of the block at hand.
-  std::size_t data_marker_from_ = 0;
-  std::size_t constants_from_ = 0;  // no such marker before this offset, or none at all
+  std::vector<std::string_view> constants_without_utf8_;
+  const std::byte* constants_end_ = nullptr;  // null: the block at hand has none
 };
 
 }  // namespace qvx::metrics

@@ -10,50 +10,64 @@ constexpr std::size_t kLabelRoom = 2 * json::escaped_room(255) + 4 * ShortText::
 // For what opens the member and closes it.
 constexpr std::size_t kRoomAround = 3 * ShortText::kRoom;
 
-char* write_label(char* out, const LabelMap::Entry& label, char separator, const RecordSpelling& spelling) {
+char* write_label(char* out, std::string_view name, std::string_view value, char separator,
+                  const RecordSpelling& spelling) {
   *out++ = separator;
   out = put(out, spelling.element_open);
   *out++ = '"';
-  out = json::write_escaped(out, up_to_nul(label.first));
+  out = json::write_escaped(out, up_to_nul(name));
   *out++ = '"';
   out = put(out, spelling.colon);
   *out++ = '"';
-  out = json::write_escaped(out, up_to_nul(label.second));
+  out = json::write_escaped(out, up_to_nul(value));
   *out++ = '"';
   return put(out, spelling.element_close);
 }
 
+// Calls visit(name, value) for each label in order, until that says no.
+template <typename Visit>
+bool visit_all(const RecordLabels& labels, Visit&& visit) {
+  for (const auto& [name, value] : labels.constants) {
+    const std::string_view* const own = labels.own.find(name);
+    if (!visit(name, own == nullptr ? value : *own)) return false;
+  }
+  for (const auto& [name, value] : labels.own) {
+    if (!labels.constants.contains(name) && !visit(name, value)) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
-void write_labels(const LabelMap& labels, json::Style style, OutputSink& sink) {
+void write_labels(const RecordLabels& labels, json::Style style, OutputSink& sink) {
   const RecordSpelling& spelling = record_spelling(style);
   sink.write(spelling.labels);
-  if (labels.empty()) return sink.write("[]");
+  if (labels.constants.empty() && labels.own.empty()) return sink.write("[]");
   char separator = '[';
-  for (const LabelMap::Entry& label : labels) {
-    sink.commit(write_label(sink.reserve(kLabelRoom), label, separator, spelling));
+  visit_all(labels, [&](std::string_view name, std::string_view value) {
+    sink.commit(write_label(sink.reserve(kLabelRoom), name, value, separator, spelling));
     separator = ',';
-  }
+    return true;
+  });
   sink.write(spelling.array_close);
 }
 
-bool LabelsText::make(const LabelMap& labels, Bytes made_of, std::uint64_t tables_version,
-                      json::Style style) {
+bool LabelsText::make(const RecordLabels& labels, Bytes made_of, json::Style style) {
   static_assert(kLabelRoom + kRoomAround <= kMostKept);
   made_of_.clear();
   const RecordSpelling& spelling = record_spelling(style);
   char* out = put(text_.data(), spelling.labels);
   const char* const last_start = text_.data() + text_.size() - kLabelRoom - kRoomAround;
   char separator = '[';
-  for (const LabelMap::Entry& label : labels) {
+  const bool fits = visit_all(labels, [&](std::string_view name, std::string_view value) {
     if (out > last_start) return false;
-    out = write_label(out, label, separator, spelling);
+    out = write_label(out, name, value, separator, spelling);
     separator = ',';
-  }
-  out = put(out, labels.empty() ? ShortText("[]") : spelling.array_close);
+    return true;
+  });
+  if (!fits) return false;
+  out = put(out, separator == '[' ? ShortText("[]") : spelling.array_close);
   size_ = static_cast<std::size_t>(out - text_.data());
-  tables_version_ = tables_version;
-  style_ = style;
   made_of_ = as_text(made_of);
   return true;
 }

@@ -14,30 +14,33 @@
 
 namespace qvx::metrics {
 
-// Writes the member with the labels, an array of objects with one member each.
-void write_labels(const LabelMap& labels, json::Style style, OutputSink& sink);
+// The labels of a record: the constant ones, with the values that the record's own give to their names, then
+// the record's own others.
+struct RecordLabels {
+  const LabelMap& constants;
+  const LabelMap& own;
+};
 
-// Texts of more than a few thousand bytes are not kept.
+// Writes the member with the labels, an array of objects with one member each.
+void write_labels(const RecordLabels& labels, json::Style style, OutputSink& sink);
+
+// The text of the labels that a labels block gives with the tables at hand; to be forgotten with these. Texts
+// of more than a few thousand bytes are not kept.
 class LabelsText {
  public:
   LabelsText() : text_(kMostKept) {}  // throws std::bad_alloc
 
   // The size of the labels block at the start of the bytes when it is the one that the text was made of, else
-  // 0. Such a block has no fault, whatever the tables are.
+  // 0. Such a block has no fault.
   std::size_t size_of_same(Bytes labels) const {
     return !made_of_.empty() && as_text(labels).starts_with(std::string_view(made_of_)) ? made_of_.size() : 0;
   }
 
-  // Whether the text was made with these tables and in this style.
-  bool is_of(std::uint64_t tables_version, json::Style style) const {
-    return tables_version == tables_version_ && style == style_;
-  }
-
   void forget() { made_of_.clear(); }
 
-  // Makes the text of the labels that a labels block gives with these tables; false when it is too long.
-  // Throws std::bad_alloc.
-  bool make(const LabelMap& labels, Bytes made_of, std::uint64_t tables_version, json::Style style);
+  // Makes the text of the labels that the labels block `made_of` gives; false when it is too long. Throws
+  // std::bad_alloc.
+  bool make(const RecordLabels& labels, Bytes made_of, json::Style style);
 
   std::string_view text() const { return {text_.data(), size_}; }
 
@@ -45,8 +48,6 @@ class LabelsText {
   static constexpr std::size_t kMostKept = 8 * 1024;
 
   std::string made_of_;  // empty: no text
-  std::uint64_t tables_version_ = 0;
-  json::Style style_ = json::Style::compact;
   std::vector<char> text_;
   std::size_t size_ = 0;
 };

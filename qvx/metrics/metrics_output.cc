@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 #include <string_view>
 #include <vector>
@@ -31,22 +32,21 @@ class Record {
   void clear() {
     size_ = 0;
     labels_repeat = false;
-    label_names = nullptr;
     samples = {};
   }
   void set(Member member) {
-    if (std::find(begin(), end(), member) == end()) members_[size_++] = member;
+    if (!has(member)) members_[size_++] = member;
   }
+  bool has(Member member) const { return std::find(begin(), end(), member) != end(); }
   const Member* begin() const { return members_.data(); }
   const Member* end() const { return members_.data() + size_; }
 
   std::uint64_t timestamp = 0;
   std::array<char, LocalTimeText::kRoom> time_text{};
   std::size_t time_text_size = 0;
-  // The labels: those that the text at hand was made of, or names and values.
+  // The labels: those that the text at hand was made of, or the constant ones and these.
   bool labels_repeat = false;
-  const StringTable* label_names = nullptr;
-  std::vector<std::string_view> label_values;
+  LabelMap own_labels;
   Bytes label_bytes;
   MetricSamples samples;
 
@@ -59,12 +59,28 @@ bool is_utf8_value(std::string_view value) {
   return json::is_valid_utf8(up_to_nul(value));
 }
 
+// None for a format that metrics are not written in.
+std::optional<json::Style> style_of(MetricsRecordTarget::Format format) {
+  switch (format) {
+    case MetricsRecordTarget::Format::json:
+      return json::Style::pretty;
+    case MetricsRecordTarget::Format::ndjson:
+      return json::Style::compact;
+    case MetricsRecordTarget::Format::csv:
+    case MetricsRecordTarget::Format::influx:
+    case MetricsRecordTarget::Format::other:
+      return std::nullopt;
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 class MetricsWriter::Impl {
  public:
   void output_block(MetricsRecordTarget& target, Bytes block) {
     try {
+      if (const std::optional<json::Style> style = style_of(target.format())) use_style(*style);
       decode(block);
       write(target);
     } catch (const std::exception& fault) {
@@ -73,6 +89,7 @@ class MetricsWriter::Impl {
   }
 
  private:
+  void use_style(json::Style style);
   void decode(Bytes block);
   void write(MetricsRecordTarget& target);
 
@@ -81,39 +98,44 @@ class MetricsWriter::Impl {
   bool build_record();
   bool add_batch();
   bool add_labels(const StringTable& names);
-  void find_constants_without_utf8();
   void check_sample_ids() const;
   void make_labels_text();
   void write_record(OutputSink& sink);
   void write_member(Record::Member member, OutputSink& sink);
 
   // Of the block at hand.
-  json::Style style_ = json::Style::compact;
   MetricsDataSection section_;
   std::size_t records_ = 0;
   MetricsBatch batch_;
   Bytes batch_labels_;                // the labels block of the batch
   bool batch_labels_repeat_ = false;  // it is the one of labels_text_, and was not parsed
   Record record_;
-  LabelMap labels_;
 
   // Kept from block to block.
   KeptTables tables_;
-  LabelsText labels_text_;
-  LocalTimeText time_text_;
+  LabelsText labels_text_;  // made with these tables and in this style
+  json::Style style_ = json::Style::compact;
   MetricNameTexts name_texts_;
-  std::vector<std::string_view> constants_without_utf8_;
-  std::uint64_t constants_version_ = 0;  // of the tables that they were found in
+  LocalTimeText time_text_;
 };
+
+void MetricsWriter::Impl::use_style(json::Style style) {
+  if (style != style_) labels_text_.forget();
+  style_ = style;
+}
 
 void MetricsWriter::Impl::decode(Bytes block) {
   const std::uint32_t size = QvxMetricsParser::total_size(block.data(), block.data() + block.size());
   block = block.first(std::min<std::size_t>(size, block.size()));
-  tables_.read_names(block);
+  if (tables_.repeat_in(block, section_)) return check_records();
+  labels_text_.forget();
+  const std::byte* const labels_end = tables_.read_labels(block);
+  const std::byte* const names_end = name_texts_.read_table(labels_end, block.data() + block.size());
   dump_label_tables(tables_.tables());
-  section_ = find_data_section(block, has_output_trailer, tables_.data_marker_from());
+  section_ = find_data_section(block, has_output_trailer);
   check_records();
   tables_.read_constants(block);
+  tables_.keep(block, names_end, section_);
 }
 
 // Goes through all records before the first text is made: a fault in any of them costs the block.
@@ -138,13 +160,13 @@ void MetricsWriter::Impl::check_records() {
 }
 
 // Parses the labels of a record, unless they repeat those whose text is at hand, and returns the record's
-// length. At debug level every labels block is traced and so parsed.
+// length.
 std::size_t MetricsWriter::Impl::read_labels(const std::byte* record, const MetricsRecordHeader& header,
                                              const char* caller) {
   const std::size_t labels_at = header.labels_at();
   const Bytes reach = reach_of_record(section_, record);
   batch_labels_repeat_ = false;
-  if (labels_at < reach.size() && !QVX_LOG_IS_ENABLED(QVX_LOG_DEBUG)) {
+  if (labels_at < reach.size()) {
     const Bytes labels = reach.subspan(labels_at);
     if (const std::size_t size = labels_text_.size_of_same(labels); size != 0) {
       batch_labels_repeat_ = true;
@@ -160,24 +182,20 @@ std::size_t MetricsWriter::Impl::read_labels(const std::byte* record, const Metr
 void MetricsWriter::Impl::write(MetricsRecordTarget& target) {
   switch (target.format()) {
     case MetricsRecordTarget::Format::json:
-      style_ = json::Style::pretty;
-      break;
     case MetricsRecordTarget::Format::ndjson:
-      style_ = json::Style::compact;
       break;
     case MetricsRecordTarget::Format::csv:
       return target.file_error("CSV output is not supported yet");
     case MetricsRecordTarget::Format::influx:
       return target.file_error("Influx line API output is not yet supported for metrics data");
-    default:
+    case MetricsRecordTarget::Format::other:
       return target.file_error("Unsupported output format");
   }
   if (!build_record()) return target.file_error("Failed to JSONify metric values");
   // Whatever can fail comes before the first byte of the record.
   try {
-    if (!record_.labels_repeat && record_.label_names != nullptr) make_labels_text();
-    const MetricsBlockTables& tables = tables_.tables();
-    name_texts_.use_table(tables_.version(), tables.metric_names_bytes, tables.metric_names, style_);
+    if (!record_.labels_repeat && record_.has(Record::kLabels)) make_labels_text();
+    name_texts_.use_style(style_);
   } catch (const std::bad_alloc&) {
     QVX_LOG(QVX_LOG_WARNING, "Failed to serialize json.");
     return;
@@ -190,13 +208,9 @@ void MetricsWriter::Impl::write(MetricsRecordTarget& target) {
 // one, though only the last one's members stay. The memory needed does not grow with the number of batches.
 bool MetricsWriter::Impl::build_record() {
   record_.clear();
-  // A text made with other tables does for finding the end of a labels block, but not for more.
-  const bool is_parsed = !batch_labels_repeat_ || labels_text_.is_of(tables_.version(), style_);
-  if (!labels_text_.is_of(tables_.version(), style_)) labels_text_.forget();
-  find_constants_without_utf8();
   try {
     bool can_be_made = true;
-    if (records_ == 1 && is_parsed) {  // and still at hand
+    if (records_ == 1) {  // and still at hand
       can_be_made = add_batch();
     } else {
       for (std::size_t offset = kFirstRecordAt; can_be_made && offset < section_.end;) {
@@ -240,30 +254,21 @@ bool MetricsWriter::Impl::add_batch() {
 
 // False when one of the batch's labels, set over the constant ones, is not valid UTF-8.
 bool MetricsWriter::Impl::add_labels(const StringTable& names) {
+  LabelMap& labels = record_.own_labels;
+  labels.clear();
+  set_labels(names, decode_label_values(batch_.label_values, tables_.tables().label_values), labels);
   record_.labels_repeat = false;
-  record_.label_values = decode_label_values(batch_.label_values, tables_.tables().label_values);
-  record_.label_names = &names;
   record_.label_bytes = batch_labels_;
-  labels_.clear();
-  set_labels(names, record_.label_values, labels_);
-  return std::all_of(labels_.begin(), labels_.end(),
+  const std::vector<std::string_view>& faulty_constants = tables_.constants_without_utf8();
+  return std::all_of(labels.begin(), labels.end(),
                      [](const LabelMap::Entry& label) { return is_utf8_value(label.second); }) &&
-         constants_without_utf8_.size() <= labels_.size() &&
-         std::all_of(constants_without_utf8_.begin(), constants_without_utf8_.end(),
-                     [this](std::string_view name) { return labels_.contains(name); });
-}
-
-void MetricsWriter::Impl::find_constants_without_utf8() {
-  if (constants_version_ == tables_.version()) return;
-  constants_without_utf8_.clear();
-  for (const auto& [name, value] : tables_.tables().constant_labels) {
-    if (!is_utf8_value(value)) constants_without_utf8_.push_back(name);
-  }
-  constants_version_ = tables_.version();
+         faulty_constants.size() <= labels.size() &&
+         std::all_of(faulty_constants.begin(), faulty_constants.end(),
+                     [&labels](std::string_view name) { return labels.contains(name); });
 }
 
 void MetricsWriter::Impl::check_sample_ids() const {
-  const std::size_t names = tables_.tables().metric_names.size();
+  const std::size_t names = name_texts_.size();
   if (batch_.samples.ids_are_below(names)) return;
   for (const MetricSample sample : batch_.samples) {
     const std::size_t id = sample.sample_id;
@@ -275,9 +280,8 @@ void MetricsWriter::Impl::check_sample_ids() const {
 }
 
 void MetricsWriter::Impl::make_labels_text() {
-  labels_ = tables_.tables().constant_labels;
-  set_labels(*record_.label_names, record_.label_values, labels_);
-  record_.labels_repeat = labels_text_.make(labels_, record_.label_bytes, tables_.version(), style_);
+  const RecordLabels labels{tables_.tables().constant_labels, record_.own_labels};
+  record_.labels_repeat = labels_text_.make(labels, record_.label_bytes, style_);
 }
 
 void MetricsWriter::Impl::write_record(OutputSink& sink) {
@@ -303,7 +307,7 @@ void MetricsWriter::Impl::write_member(Record::Member member, OutputSink& sink) 
     }
     case Record::kLabels:
       if (record_.labels_repeat) return sink.write(labels_text_.text());
-      return write_labels(labels_, style_, sink);
+      return write_labels({tables_.tables().constant_labels, record_.own_labels}, style_, sink);
     case Record::kMetrics:
       return name_texts_.write_metrics(record_.samples, sink);
   }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "qvx/metrics/wire.h"
 #include "qvx/support/number.h"
 
 namespace qvx::metrics {
@@ -30,31 +31,40 @@ constexpr RecordSpelling kPrettyRecord{
     .array_close = "\n    ]",
 };
 
-void MetricNameTexts::use_table(std::uint64_t version, Bytes table_bytes, const StringTable& names,
-                                json::Style style) {
-  names_ = &names;
-  if (version == version_ && style == style_) return;
-  if (style != style_ || names.size() != sizes_.size() || as_text(table_bytes) != table_) {
-    version_ = 0;
-    sizes_.clear();
-    style_ = style;
-    table_ = as_text(table_bytes);
-    choose_slots();
-    sizes_.resize(names.size());
-    unmade_ = names.size();
-    all_fit_ = true;
-  }
-  version_ = version;
+const std::byte* MetricNameTexts::read_table(const std::byte* pos, const std::byte* end) {
+  pos = wire::find_marker(pos, end, wire::kMetricNamesMarker);
+  const std::string_view text = as_text(Bytes(pos, end));
+  if (!table_.empty() && text.starts_with(table_) && text.size() - table_.size() >= wire::kMarkerSize)
+    return pos + table_.size() + wire::kMarkerSize;
+  table_.clear();
+  sizes_.clear();
+  const std::byte* const table_end =
+      read_string_table(pos, end, wire::kMetricNamesMarker, wire::kMetricNamesEnd, names_);
+  if (names_.empty()) return table_end;
+  table_ = text.substr(0, static_cast<std::size_t>(table_end - pos) - wire::kMarkerSize);
+  for (std::string_view& name : names_)
+    name = {table_.data() + (name.data() - text.data()), name.size()};
+  return table_end;
+}
+
+void MetricNameTexts::use_style(json::Style style) {
+  if (sizes_.size() == names_.size() && style == style_) return;
+  sizes_.clear();
+  style_ = style;
+  make_slots();
+  sizes_.resize(names_.size());
+  unmade_ = names_.size();
+  all_fit_ = true;
 }
 
 // As long as the longest name needs, as far as memory goes.
-void MetricNameTexts::choose_slots() {
+void MetricNameTexts::make_slots() {
   std::size_t longest = 0;
-  for (const std::string_view name : *names_)
+  for (const std::string_view name : names_)
     longest = std::max(longest, name.size());
   const RecordSpelling& spelling = record_spelling(style_);
   longest += spelling.element_close.size + 1 + spelling.element_open.size + 2 + spelling.colon.size;
-  const std::size_t count = std::max<std::size_t>(names_->size(), 1);
+  const std::size_t count = std::max<std::size_t>(names_.size(), 1);
   slot_size_ = std::min((longest + kStep - 1) / kStep, kMostKept / count / kStep) * kStep;
   if (slots_room_ >= count * slot_size_) return;
   slots_room_ = 0;
@@ -68,7 +78,7 @@ char* MetricNameTexts::compose(char* out, std::size_t id) const {
   *out++ = ',';
   out = put(out, spelling.element_open);
   *out++ = '"';
-  out = json::write_escaped(out, up_to_nul((*names_)[id]));
+  out = json::write_escaped(out, up_to_nul(names_[id]));
   *out++ = '"';
   return put(out, spelling.colon);
 }

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "qvx/metrics/metrics_batch.h"
+#include "qvx/metrics/string_table.h"
 #include "qvx/support/bytes.h"
 #include "qvx/support/json_text.h"
 #include "qvx/support/output_sink.h"
@@ -70,12 +71,19 @@ inline std::string_view up_to_nul(std::string_view text) {
 }
 
 // For each metric name of a table the text from the end of the sample before it to its own value, such as
-// `},{"name":`. Texts are made when first used and kept while the table's bytes stay the same.
+// `},{"name":`. Texts are made when first used and kept while the table stays the same: blocks that differ in
+// their labels mostly have their metrics in common.
 class MetricNameTexts {
  public:
-  // Forgets the texts unless table and style are those of the last call. Tables of equal versions are the
-  // same. Throws std::bad_alloc.
-  void use_table(std::uint64_t version, Bytes table_bytes, const StringTable& names, json::Style style);
+  // Reads the table of metric names in [pos, end), as read_string_table does. A copy is kept, and the same
+  // table is not read again.
+  const std::byte* read_table(const std::byte* pos, const std::byte* end);
+
+  // How many names the table has.
+  std::size_t size() const { return names_.size(); }
+
+  // To be called before writing. Throws std::bad_alloc.
+  void use_style(json::Style style);
 
   // Writes the member with the samples, whose ids are all in the table.
   void write_metrics(const MetricSamples& samples, OutputSink& sink);
@@ -88,24 +96,23 @@ class MetricNameTexts {
   static constexpr std::uint16_t kTooLong = 0xFFFF;
   static constexpr std::size_t kMostKept = 8 * 1024 * 1024;
 
-  void choose_slots();
+  void make_slots();
   void keep(std::size_t id);
   // Writes the text of a name, which needs kLongestText bytes of room.
   char* compose(char* out, std::size_t id) const;
   char* write_short(char* out, const MetricSamples& samples) const;
   char* write_any(char* out, const MetricSamples& samples) const;
 
-  std::uint64_t version_ = 0;
-  std::string table_;
+  std::string table_;  // from its marker to its last name; empty for a table without names
+  StringTable names_;  // in table_
   json::Style style_ = json::Style::compact;
-  const StringTable* names_ = nullptr;
 
   // A slot for each name, a whole number of steps long. A text that does not fit, because of its escapes or
   // because the table is so large, is made at each use.
   std::unique_ptr<char[]> slots_;
   std::size_t slots_room_ = 0;
   std::size_t slot_size_ = kStep;
-  std::vector<std::uint16_t> sizes_;  // of the texts; 0: not made so far
+  std::vector<std::uint16_t> sizes_;  // of the texts; 0: not made so far. Empty: no slots chosen
   std::size_t unmade_ = 0;
   bool all_fit_ = true;  // of those made
 };
