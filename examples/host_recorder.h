@@ -15,9 +15,9 @@
 #include "examples/host_probe.h"
 #include "examples/page_stream.h"
 #include "examples/recording.h"
-#include "qvx/data/data_writer.h"
 #include "qvx/data/encoded_payload.h"
 #include "qvx/data/source.h"
+#include "qvx/data/write/data_writer.h"
 #include "qvx/host/adapters.h"
 #include "qvx/host/client_id.h"
 

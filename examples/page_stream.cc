@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "qvx/data/page_block_writer.h"
+#include "qvx/data/write/page_block_writer.h"
 
 namespace qvx::examples {
 namespace {

@@ -8,10 +8,10 @@
 #include <span>
 
 #include "examples/recording.h"
-#include "qvx/data/data_writer.h"
 #include "qvx/data/encoded_payload.h"
 #include "qvx/data/page.h"
 #include "qvx/data/source.h"
+#include "qvx/data/write/data_writer.h"
 #include "qvx/host/adapters.h"
 
 namespace qvx::examples {

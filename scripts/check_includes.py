@@ -21,9 +21,10 @@ ROOMS = {
     "host": ("support",),
     "data": ("support", "host"),
     "data/schema": ("support", "host", "data"),
+    "data/write": ("support", "host", "data"),
     "counters": ("support", "host", "data", "data/schema"),
     "metrics": ("support",),
-    "reader": ("support", "host", "data", "data/schema", "counters", "metrics"),
+    "reader": ("support", "host", "data", "data/schema", "data/write", "counters", "metrics"),
 }
 
 # (file, room it may include besides): why.

@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "qvx/data/encoded_payload.h"
-#include "qvx/data/page_block_writer.h"
+#include "qvx/data/write/page_block_writer.h"
 #include "qvx/support/log.h"
 
 namespace qvx {

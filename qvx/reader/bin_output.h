@@ -5,10 +5,10 @@
 #include <memory>
 #include <string>
 
-#include "qvx/data/data_writer.h"
 #include "qvx/data/file_header.h"
 #include "qvx/data/page.h"
 #include "qvx/data/page_block.h"
+#include "qvx/data/write/data_writer.h"
 #include "qvx/host/client_id.h"
 
 namespace qvx {

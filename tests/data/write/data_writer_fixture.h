@@ -10,8 +10,8 @@
 #include <string_view>
 #include <vector>
 
-#include "qvx/data/data_writer.h"
 #include "qvx/data/source.h"
+#include "qvx/data/write/data_writer.h"
 #include "tests/support/temp_dir.h"
 
 namespace qvx::test {

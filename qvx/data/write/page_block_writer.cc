@@ -1,4 +1,4 @@
-#include "qvx/data/page_block_writer.h"
+#include "qvx/data/write/page_block_writer.h"
 
 #include <snappy.h>
 #include <zlib.h>

@@ -13,9 +13,9 @@
 #include <utility>
 #include <vector>
 
-#include "qvx/data/data_file.h"
-#include "qvx/data/node_info.h"
 #include "qvx/data/page.h"
+#include "qvx/data/write/data_file.h"
+#include "qvx/data/write/node_info.h"
 #include "qvx/host/client_id.h"
 
 struct qvx_data_writer {

@@ -1,4 +1,4 @@
-#include "qvx/data/node_info.h"
+#include "qvx/data/write/node_info.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

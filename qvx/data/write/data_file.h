@@ -18,9 +18,9 @@
 #include <vector>
 
 #include "qvx/data/file_header.h"
-#include "qvx/data/output_folder.h"
-#include "qvx/data/path_template.h"
 #include "qvx/data/schema_id.h"
+#include "qvx/data/write/output_folder.h"
+#include "qvx/data/write/path_template.h"
 #include "qvx/support/bytes.h"
 #include "qvx/support/file_descriptor.h"
 

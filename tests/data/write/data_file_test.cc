@@ -1,4 +1,4 @@
-#include "qvx/data/data_file.h"
+#include "qvx/data/write/data_file.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "qvx/support/log.h"
-#include "tests/data/data_file_fixture.h"
 #include "tests/data/sample_builder.h"
+#include "tests/data/write/data_file_fixture.h"
 #include "tests/support/log_capture.h"
 
 namespace qvx {

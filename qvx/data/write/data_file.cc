@@ -1,4 +1,4 @@
-#include "qvx/data/data_file.h"
+#include "qvx/data/write/data_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

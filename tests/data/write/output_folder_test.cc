@@ -1,4 +1,4 @@
-#include "qvx/data/output_folder.h"
+#include "qvx/data/write/output_folder.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

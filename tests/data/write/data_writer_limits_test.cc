@@ -10,10 +10,10 @@
 #include <utility>
 #include <vector>
 
-#include "qvx/data/data_writer.h"
+#include "qvx/data/write/data_writer.h"
 #include "qvx/support/log.h"
-#include "tests/data/data_writer_fixture.h"
 #include "tests/data/sample_builder.h"
+#include "tests/data/write/data_writer_fixture.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 

@@ -1,4 +1,4 @@
-#include "qvx/data/data_writer.h"
+#include "qvx/data/write/data_writer.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "qvx/support/log.h"
-#include "tests/data/data_writer_fixture.h"
 #include "tests/data/sample_builder.h"
+#include "tests/data/write/data_writer_fixture.h"
 #include "tests/support/env_guard.h"
 #include "tests/support/failing_allocations.h"
 #include "tests/support/log_capture.h"

@@ -9,10 +9,10 @@
 #include <string_view>
 #include <vector>
 
-#include "qvx/data/data_file.h"
+#include "qvx/data/write/data_file.h"
 #include "qvx/support/log.h"
-#include "tests/data/data_file_fixture.h"
 #include "tests/data/sample_builder.h"
+#include "tests/data/write/data_file_fixture.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 

@@ -1,4 +1,4 @@
-#include "qvx/data/path_template.h"
+#include "qvx/data/write/path_template.h"
 
 #include <boost/date_time/posix_time/posix_time_io.hpp>
 #include <boost/date_time/posix_time/posix_time_types.hpp>

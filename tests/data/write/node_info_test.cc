@@ -1,4 +1,4 @@
-#include "qvx/data/node_info.h"
+#include "qvx/data/write/node_info.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>

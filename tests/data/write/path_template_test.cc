@@ -1,4 +1,4 @@
-#include "qvx/data/path_template.h"
+#include "qvx/data/write/path_template.h"
 
 #include <gtest/gtest.h>
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "qvx/data/data_file.h"
+#include "qvx/data/write/data_file.h"
 #include "tests/support/temp_dir.h"
 
 namespace qvx::test {

@@ -1,4 +1,4 @@
-#include "qvx/data/data_writer.h"
+#include "qvx/data/write/data_writer.h"
 
 #include <unistd.h>
 
