@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "qvx/data/block.h"
-#include "qvx/data/schema/record_json.h"
+#include "qvx/data/schema/json_spelling.h"
 
 namespace qvx {
 namespace {

@@ -12,21 +12,6 @@
 
 namespace qvx {
 
-// How JSON text is laid out around values: what stands before a member or element, and before a closing
-// bracket. `depth` counts the levels that enclose it.
-class JsonSpelling {
- public:
-  explicit JsonSpelling(json::Style style) : pretty_(style == json::Style::pretty) {}
-
-  std::string line(std::size_t depth) const;
-  std::string item(bool first, std::size_t depth) const;
-  // The quoted, escaped name and the colon.
-  std::string key(std::string_view name) const;
-
- private:
-  bool pretty_;
-};
-
 // The plan that writes records of a resolved type as JSON, each followed by `after`. Nothing when a record of
 // the type has no JSON text: a field of unknown type, a type that contains itself or is nested too deeply,
 // too many values.
