@@ -20,17 +20,12 @@ ROOMS = {
     "support": (),
     "host": ("support",),
     "data": ("support", "host"),
-    "data/schema": ("support", "host", "data"),
-    "data/write": ("support", "host", "data"),
-    "counters": ("support", "host", "data", "data/schema"),
+    "plan": ("support", "host", "data"),
+    "counters": ("support", "host", "data", "plan"),
+    "data/schema": ("support", "host", "data", "plan", "counters"),
+    "data/write": ("support", "host", "data", "plan", "counters", "data/schema"),
     "metrics": ("support",),
-    "reader": ("support", "host", "data", "data/schema", "data/write", "counters", "metrics"),
-}
-
-# (file, room it may include besides): why.
-EXCEPTIONS = {
-    ("qvx/data/schema/type_system.cc", "counters"):
-        "a type system owns its counters schema; its header only declares that type",
+    "reader": ("support", "host", "data", "plan", "counters", "data/schema", "data/write", "metrics"),
 }
 
 SUFFIXES = {".h", ".cc"}
@@ -69,10 +64,9 @@ def find_cycle(graph):
     return None
 
 
-def check(top, exceptions):
+def check(top):
     """A list of faults, each one line."""
     faults = []
-    used = set()
     graph = {}
     files = sorted(path for path in (top / "qvx").rglob("*") if path.suffix in SUFFIXES)
     for file in files:
@@ -92,14 +86,8 @@ def check(top, exceptions):
                 continue
             graph[name].append(included)
             target = room_of(included)
-            if target == room or target in ROOMS[room]:
-                continue
-            if (name, target) in exceptions:
-                used.add((name, target))
-                continue
-            faults.append(f"{where}: '{room}' may not include '{included}'")
-    for name, target in sorted(set(exceptions) - used):
-        faults.append(f"{name}: its exception for '{target}' is not needed")
+            if target != room and target not in ROOMS[room]:
+                faults.append(f"{where}: '{room}' may not include '{included}'")
     if cycle := find_cycle(graph):
         faults.append("headers include one another: " + " -> ".join(cycle))
     if not files:
@@ -108,7 +96,7 @@ def check(top, exceptions):
 
 
 def self_test():
-    def faults_of(exceptions=None, **texts):
+    def faults_of(**texts):
         with tempfile.TemporaryDirectory() as folder:
             top = pathlib.Path(folder)
             for name, text in texts.items():
@@ -116,7 +104,7 @@ def self_test():
                 path = path.with_name(path.name.replace("_h", ".h"))
                 path.parent.mkdir(parents=True, exist_ok=True)
                 path.write_text(text)
-            return check(top, exceptions or {})
+            return check(top)
 
     empty = ""
     to_data = '#include "qvx/data/d.h"\n'
@@ -124,9 +112,6 @@ def self_test():
     assert faults_of(host__a_h='#include "qvx/support/s.h"\n', support__s_h=empty) == []
     assert faults_of(support__s_h=to_data, data__d_h=empty) == [
         "qvx/support/s.h:1: 'support' may not include 'qvx/data/d.h'"]
-    assert faults_of({("qvx/support/s.h", "data"): "why"}, support__s_h=to_data, data__d_h=empty) == []
-    assert faults_of({("qvx/data/d.h", "reader"): "why"}, data__d_h=empty) == [
-        "qvx/data/d.h: its exception for 'reader' is not needed"]
     assert faults_of(data__d_h=to_data) == ["headers include one another: qvx/data/d.h -> qvx/data/d.h"]
     assert faults_of(cellar__c_h=empty) == ["qvx/cellar/c.h: the room 'cellar' is not listed"]
     assert faults_of(data__e_h='\n#include "d.h"\n') == ["qvx/data/e.h:2: 'd.h' is not named from the top of the tree"]
@@ -139,7 +124,7 @@ def main():
         self_test()
         return 0
     top = pathlib.Path(arguments[0]) if arguments else pathlib.Path(__file__).resolve().parent.parent
-    faults = check(top, EXCEPTIONS)
+    faults = check(top)
     for fault in faults:
         print(fault, file=sys.stderr)
     return 1 if faults else 0

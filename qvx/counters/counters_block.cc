@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "qvx/data/block.h"
-#include "qvx/data/schema/json_spelling.h"
+#include "qvx/plan/json_spelling.h"
 
 namespace qvx {
 namespace {

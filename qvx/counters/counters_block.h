@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "qvx/counters/counters_schema.h"
-#include "qvx/data/schema/record_plan.h"
+#include "qvx/plan/record_plan.h"
 #include "qvx/support/bytes.h"
 #include "qvx/support/clock.h"
 #include "qvx/support/json_text.h"

@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "qvx/counters/counters_block.h"
-#include "qvx/data/schema/record_plan.h"
 #include "qvx/data/schema/type_system.h"
 #include "qvx/data/schema_id.h"
+#include "qvx/plan/record_plan.h"
 #include "qvx/reader/options.h"
 
 namespace qvx {

@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
-#include "qvx/data/schema/record_plan.h"
 #include "qvx/data/schema/schema.h"
+#include "qvx/plan/record_plan.h"
 #include "qvx/support/bytes.h"
 
 namespace qvx {

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "qvx/data/schema/builtin_types.h"
-#include "qvx/data/schema/json_spelling.h"
 #include "qvx/data/schema/record_text.h"
+#include "qvx/plan/json_spelling.h"
 #include "qvx/support/saturate.h"
 
 namespace qvx {

@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
-#include "qvx/data/schema/record_plan.h"
 #include "qvx/data/schema/schema.h"
+#include "qvx/plan/record_plan.h"
 #include "qvx/support/bytes.h"
 #include "qvx/support/json_text.h"
 

@@ -1,4 +1,4 @@
-#include "qvx/data/schema/record_plan.h"
+#include "qvx/plan/record_plan.h"
 
 #include <gtest/gtest.h>
 

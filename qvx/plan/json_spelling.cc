@@ -1,4 +1,4 @@
-#include "qvx/data/schema/json_spelling.h"
+#include "qvx/plan/json_spelling.h"
 
 namespace qvx {
 

@@ -14,7 +14,7 @@
 
 #include "qvx/data/schema/record_influx.h"
 #include "qvx/data/schema/record_json.h"
-#include "qvx/data/schema/record_plan.h"
+#include "qvx/plan/record_plan.h"
 #include "qvx/support/json_text.h"
 #include "qvx/support/output_sink.h"
 #include "tests/support/guarded_buffer.h"

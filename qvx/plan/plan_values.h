@@ -9,7 +9,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "qvx/data/schema/record_plan.h"
+#include "qvx/plan/record_plan.h"
 #include "qvx/support/bytes.h"
 #include "qvx/support/number.h"
 

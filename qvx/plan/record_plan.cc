@@ -1,4 +1,4 @@
-#include "qvx/data/schema/record_plan.h"
+#include "qvx/plan/record_plan.h"
 
 #include <algorithm>
 #include <bit>
@@ -6,7 +6,7 @@
 #include <cstring>
 #include <utility>
 
-#include "qvx/data/schema/plan_values.h"
+#include "qvx/plan/plan_values.h"
 #include "qvx/support/json_text.h"
 #include "qvx/support/log.h"
 #include "qvx/support/number.h"
