@@ -17,7 +17,7 @@ namespace qvx {
 // The size that the stream itself states: the last four bytes of a gzip stream, the length at the start of a
 // snappy stream. 0 when the encoding is unknown or the stream invalid. The size is a claim; it says nothing
 // about how much really comes out.
-std::uint64_t encoded_uncompressed_size(std::uint8_t encoding, Bytes data);
+[[nodiscard]] std::uint64_t encoded_uncompressed_size(std::uint8_t encoding, Bytes data);
 
 // What a decompression left in its buffer.
 struct Decompressed {
@@ -26,10 +26,11 @@ struct Decompressed {
 };
 
 // Decompresses into `to`. The bytes behind those produced may hold anything afterwards.
-Decompressed encoded_decompress_into(std::uint8_t encoding, Bytes data, std::span<std::byte> to);
+[[nodiscard]] Decompressed encoded_decompress_into(std::uint8_t encoding, Bytes data,
+                                                   std::span<std::byte> to);
 
 // The same, with the bytes behind those produced set to zero: a stream that ends early, such as the first of
 // two joined gzip members, is a success.
-bool encoded_decompress(std::uint8_t encoding, Bytes data, std::span<std::byte> to);
+[[nodiscard]] bool encoded_decompress(std::uint8_t encoding, Bytes data, std::span<std::byte> to);
 
 }  // namespace qvx

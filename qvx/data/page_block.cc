@@ -1,13 +1,8 @@
 #include "qvx/data/page_block.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <utility>
 
 #include "qvx/data/encoded_payload.h"
 #include "qvx/data/file_header.h"
@@ -17,8 +12,6 @@ namespace qvx {
 namespace {
 
 constexpr std::size_t kMagicBytes = 4;
-// From here on a buffer is mapped, so that a claimed size costs nothing until bytes are really written.
-constexpr std::size_t kMapFrom = std::size_t{16} << 20;
 
 // A text behind its length byte, cut at `limit` characters and at the end of the bytes.
 std::string_view pascal_string(Cursor& cursor, std::size_t limit) {
@@ -33,12 +26,6 @@ bool has_uncompressed_size(const PageBlock& block, std::size_t size) {
   if (encoded_uncompressed_size(block.header.encoding, block.data) == size) return true;
   QVX_LOG(QVX_LOG_ERROR, "invalid buffer size to uncompress qvxp data");
   return false;
-}
-
-bool decompress(const PageBlock& block, PageBuffer& to) {
-  const Decompressed result = encoded_decompress_into(block.header.encoding, block.data, to.bytes());
-  if (result.ok) to.clear_from(result.produced);
-  return result.ok;
 }
 
 }  // namespace
@@ -78,7 +65,10 @@ bool qvxp_uncompress(const PageBlock& block, std::span<std::byte> to) {
 }
 
 bool qvxp_uncompress(const PageBlock& block, PageBuffer& to) {
-  return has_uncompressed_size(block, to.bytes().size()) && decompress(block, to);
+  if (!has_uncompressed_size(block, to.bytes().size())) return false;
+  const Decompressed result = encoded_decompress_into(block.header.encoding, block.data, to.bytes());
+  if (result.ok) to.clear_from(result.produced);
+  return result.ok;
 }
 
 PageBuffer qvxp_uncompress_alloc(const PageBlock& block, std::uint64_t* out_size) {
@@ -93,55 +83,8 @@ PageBuffer qvxp_uncompress_alloc(const PageBlock& block, std::uint64_t* out_size
     QVX_LOG(QVX_LOG_ERROR, "Failed to allocate data block of size %lu: %s", size, std::strerror(errno));
     return {};
   }
-  if (!decompress(block, buffer)) return {};
+  if (!qvxp_uncompress(block, buffer)) return {};
   return buffer;
-}
-
-PageBuffer PageBuffer::allocate(std::size_t size) noexcept {
-  PageBuffer buffer;
-  if (size >= kMapFrom) {
-    void* const mapped = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (mapped == MAP_FAILED) return {};
-    buffer.data_ = static_cast<std::byte*>(mapped);
-    buffer.mapped_ = true;
-  } else {
-    buffer.data_ = static_cast<std::byte*>(std::malloc(std::max<std::size_t>(size, 1)));
-    if (buffer.data_ == nullptr) return {};
-  }
-  buffer.size_ = size;
-  return buffer;
-}
-
-PageBuffer::PageBuffer(PageBuffer&& other) noexcept
-    : data_(std::exchange(other.data_, nullptr)),
-      size_(std::exchange(other.size_, 0)),
-      mapped_(std::exchange(other.mapped_, false)) {}
-
-PageBuffer& PageBuffer::operator=(PageBuffer&& other) noexcept {
-  std::swap(data_, other.data_);
-  std::swap(size_, other.size_);
-  std::swap(mapped_, other.mapped_);
-  return *this;
-}
-
-PageBuffer::~PageBuffer() {
-  if (mapped_) {
-    munmap(data_, size_);
-  } else {
-    std::free(data_);
-  }
-}
-
-void PageBuffer::clear_from(std::size_t start) noexcept {
-  std::size_t end = size_;
-  if (mapped_) {
-    // Decoders write ahead of what they produce, so the rest is not untouched. Given back, whole pages of the
-    // system read as zero again and cost nothing.
-    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    const std::size_t whole = (start + page - 1) / page * page;
-    if (whole < size_ && madvise(data_ + whole, size_ - whole, MADV_DONTNEED) == 0) end = whole;
-  }
-  if (start < end) std::memset(data_ + start, 0, end - start);
 }
 
 }  // namespace qvx

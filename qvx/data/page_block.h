@@ -4,10 +4,10 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <span>
 #include <string_view>
 
+#include "qvx/data/page_buffer.h"
 #include "qvx/support/bytes.h"
 #include "qvx/support/layout_table.h"
 
@@ -52,38 +52,14 @@ struct PageBlock {
 
 // Reads the page block at the start of `unit`, the rest of a data block. False when the block does not fit
 // into it or its end magic is missing; header bytes that are not there read as zero.
-bool page_block_read(Bytes unit, PageBlock& block) noexcept;
-
-// The bytes of an unpacked page. A large size that a block merely claims costs no memory: such a buffer comes
-// from the system page by page as it is written, and reads as zero where nothing was.
-class PageBuffer {
- public:
-  PageBuffer() = default;
-  // Empty, with errno set, when the memory cannot be had.
-  static PageBuffer allocate(std::size_t size) noexcept;
-  PageBuffer(PageBuffer&& other) noexcept;
-  PageBuffer& operator=(PageBuffer&& other) noexcept;
-  ~PageBuffer();
-
-  explicit operator bool() const { return data_ != nullptr; }
-  std::span<std::byte> bytes() { return {data_, size_}; }
-  Bytes bytes() const { return {data_, size_}; }
-
-  // Sets the bytes from `start` on to zero.
-  void clear_from(std::size_t start) noexcept;
-
- private:
-  std::byte* data_ = nullptr;
-  std::size_t size_ = 0;
-  bool mapped_ = false;
-};
+[[nodiscard]] bool page_block_read(Bytes unit, PageBlock& block) noexcept;
 
 // Decompresses into a buffer of exactly the uncompressed size. False on failure, which is logged.
-bool qvxp_uncompress(const PageBlock& block, std::span<std::byte> to);
-bool qvxp_uncompress(const PageBlock& block, PageBuffer& to);
+[[nodiscard]] bool qvxp_uncompress(const PageBlock& block, std::span<std::byte> to);
+[[nodiscard]] bool qvxp_uncompress(const PageBlock& block, PageBuffer& to);
 
-// Allocates the buffer itself, after storing the uncompressed size in `out_size`; empty on failure, which is
-// logged.
-PageBuffer qvxp_uncompress_alloc(const PageBlock& block, std::uint64_t* out_size);
+// Allocates the buffer itself, after storing the uncompressed size in `out_size`, and calls qvxp_uncompress;
+// empty on failure, which is logged. Why a stream has no size is therefore logged twice, deliberately.
+[[nodiscard]] PageBuffer qvxp_uncompress_alloc(const PageBlock& block, std::uint64_t* out_size);
 
 }  // namespace qvx

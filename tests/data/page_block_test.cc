@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <string>
-#include <utility>
 
 #include "tests/data/sample_builder.h"
 #include "tests/support/guarded_buffer.h"
@@ -246,6 +245,15 @@ TEST(UncompressAlloc, FailureLeavesTheStatedSizeAndNoPage) {
   EXPECT_EQ(log.messages(), Messages{});
 }
 
+TEST(UncompressAlloc, TellsWhyThereIsNoSizeBeforeTheBufferAndBeforeDecoding) {
+  std::uint64_t out_size = 1;
+  LogCapture log;
+  EXPECT_FALSE(qvxp_uncompress_alloc(block_of(page_block_of_payload({}, "\x1F")), &out_size));
+  EXPECT_EQ(out_size, 0u);
+  const LogMessage not_gzip{3, "[encoded_data] Error: stream is not gzip compressed data"};
+  EXPECT_EQ(log.messages(), (Messages{not_gzip, not_gzip, {3, "[encoded_data] zlib decompression failed"}}));
+}
+
 TEST(UncompressAlloc, SaysWhenTheMemoryCannotBeHad) {
   if (!test::MemoryLimit::kSupported) GTEST_SKIP() << "no memory limit under this sanitizer";
   const std::string unit = page_block_of_payload({}, with_trailer(gzip("hello"), 4294967295));
@@ -323,49 +331,6 @@ TEST(LyingSize, PageThatEndsEarlyReadsAsZeroWhereTheDecoderWroteAhead) {
       ASSERT_TRUE(as_text(page.bytes().first(10000)) ==
                   std::string(run, 'a') + std::string(10000 - run, '\0'))
           << run << " of " << claimed;
-    }
-  }
-}
-
-// The buffer
-
-TEST(PageBuffer, HasExactlyTheSizeAskedFor) {
-  for (const std::size_t size :
-       {std::size_t{0}, std::size_t{1}, std::size_t{16777215}, std::size_t{16777216}}) {
-    PageBuffer buffer = PageBuffer::allocate(size);
-    ASSERT_TRUE(buffer);
-    ASSERT_EQ(buffer.bytes().size(), size);
-    std::ranges::fill(buffer.bytes(), std::byte{0x5A});
-  }
-  EXPECT_FALSE(PageBuffer());
-  EXPECT_FALSE(PageBuffer::allocate(static_cast<std::size_t>(-1)));
-}
-
-TEST(PageBuffer, MovesWithItsMemory) {
-  for (const std::size_t size : {std::size_t{100}, k20MiB}) {
-    PageBuffer first = PageBuffer::allocate(size);
-    ASSERT_TRUE(first);
-    const std::byte* const data = first.bytes().data();
-    PageBuffer second(std::move(first));
-    EXPECT_FALSE(first);
-    EXPECT_EQ(first.bytes().size(), 0u);
-    PageBuffer third = PageBuffer::allocate(10);
-    third = std::move(second);
-    EXPECT_EQ(third.bytes().data(), data);
-    EXPECT_EQ(third.bytes().size(), size);
-  }
-}
-
-TEST(PageBuffer, ClearsFromTheStartToTheEndAndNothingBefore) {
-  for (const std::size_t size : {std::size_t{10000}, k20MiB, k20MiB + 1}) {
-    PageBuffer buffer = PageBuffer::allocate(size);
-    ASSERT_TRUE(buffer);
-    for (const std::size_t start : {std::size_t{0}, std::size_t{1}, std::size_t{4095}, std::size_t{4096},
-                                    std::size_t{4097}, size - 4097, size - 1, size}) {
-      std::ranges::fill(buffer.bytes(), std::byte{0x5A});
-      buffer.clear_from(start);
-      EXPECT_TRUE(as_text(buffer.bytes()) == std::string(start, 'Z') + std::string(size - start, '\0'))
-          << start;
     }
   }
 }
