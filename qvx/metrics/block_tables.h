@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "qvx/metrics/histogram.h"
+#include "qvx/metrics/histogram_store.h"
 #include "qvx/metrics/string_table.h"
 #include "qvx/support/bytes.h"
 

@@ -11,7 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "qvx/metrics/histogram.h"
+#include "qvx/metrics/histogram_store.h"
 #include "qvx/metrics/reverse_index.h"
 #include "qvx/metrics/symbol_table.h"
 #include "qvx/metrics/time_series.h"
