@@ -61,10 +61,9 @@ void KeptTables::read_constants(Bytes block) {
 void KeptTables::keep(Bytes block, const std::byte* names_end, const MetricsDataSection& section) {
   const std::byte* const first_record = section.area + kFirstRecordAt;
   const Bytes prefix(block.data(), first_record);
-  const std::string_view text = as_text(block);
   if (prefix.size() <= kMostKept && names_end <= first_record &&
-      (constants_end_ == nullptr || constants_end_ <= first_record) && has_size_without_marker(text) &&
-      !has_label_section_behind(text, prefix.size()))
+      (constants_end_ == nullptr || constants_end_ <= first_record) &&
+      has_size_without_marker(as_text(block)))
     kept_ = as_text(prefix);
 }
 
