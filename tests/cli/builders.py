@@ -83,6 +83,27 @@ def blob_block(data, timestamp=START):
     return b"QVXB" + struct.pack("<QQ", timestamp, len(data)) + data
 
 
+def metrics_texts(texts):
+    return b"".join(bytes([len(text)]) + text for text in (text.encode() for text in texts))
+
+
+def metrics_batch(timestamp, samples, label_set, labels, kind=b"C", value_type=1):
+    """A batch record; the labels are places in the table of label values."""
+    made = struct.pack("<Q", timestamp) + kind + struct.pack("<BH", value_type, len(samples))
+    made += b"".join(struct.pack("<HQ", *sample) for sample in samples)
+    made += bytes([label_set, len(labels)]) + b"L" + bytes(labels)
+    return struct.pack("<H", 2 + len(made)) + made
+
+
+def metrics_block(label_names, label_values, metric_names, constants, batches):
+    """Label names are a list for each set, constant labels names and values in turn."""
+    body = b"".join(b"LBLN" + bytes([len(names)]) + metrics_texts(names) + b"lbln" for names in label_names)
+    for opening, texts in ((b"LBLV", label_values), (b"CNTI", metric_names), (b"CLBL", constants)):
+        body += opening + struct.pack("<H", len(texts)) + metrics_texts(texts) + opening.lower()
+    body += b"CNTD" + struct.pack("<I", max(map(len, batches))) + b"".join(batches) + b"cntdcntx"
+    return b"CNTX" + struct.pack("<I", 8 + len(body)) + body
+
+
 def page_block(encoded, encoding=b"G", source=b"host-a", tag=b"tag-a", end=b"qvxp", first=START, last=START + 10):
     """A compressed page; the data are given as they stand in the file."""
     strings = bytes([len(source)]) + source + bytes([len(tag)]) + tag

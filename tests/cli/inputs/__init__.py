@@ -3,12 +3,12 @@
 A set is {path: content}; content is bytes, or one of Link, Fifo and Folder.
 """
 
-from . import counters, driver, files, pages, records, schemas
+from . import counters, driver, files, metrics, pages, records, schemas
 
 
 def _collect():
     found = {}
-    for module in (files, driver, pages, schemas, counters, records):
+    for module in (files, driver, pages, schemas, counters, records, metrics):
         for name, made in vars(module).items():
             if callable(made) and getattr(made, "__module__", None) == module.__name__ and not name.startswith("_"):
                 assert name not in found, name
