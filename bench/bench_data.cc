@@ -8,6 +8,7 @@
 #include <array>
 #include <cstring>
 #include <fstream>
+#include <new>
 #include <random>
 #include <stdexcept>
 
@@ -180,7 +181,7 @@ TypeSystemPtr make_type_system() {
   }};
   if (qvx_schema_add_type(schema, "device_sample", fields.data(), fields.size(), nullptr) != 0)
     throw std::runtime_error("cannot register the event type");
-  auto* const group = new qvx_counter_group;
+  qvx::CounterGroupPtr group(new qvx_counter_group);
   group->num_counter_sets = 1;
   group->name = "node";
   for (std::size_t index = 0; index < kCounters; ++index) {
@@ -189,9 +190,10 @@ TypeSystemPtr make_type_system() {
     counter.description = "";
     counter.units = "";
     counter.data_type = QVX_COUNTER_UINT64;
-    qvx_counter_group_add_counter(group, &counter);
+    if (!qvx_counter_group_add_counter(group.get(), &counter)) throw std::bad_alloc();
   }
-  qvx_counters_schema_add_group(ts->counters_schema.get(), group);
+  if (!qvx_counters_schema_add_group(ts->counters_schema.get(), group.get())) throw std::bad_alloc();
+  static_cast<void>(group.release());
   qvx_counters_schema_update_counter_offsets(ts->counters_schema.get());
   return ts;
 }

@@ -13,6 +13,7 @@
 
 #include "bench/bench_data.h"
 #include "qvx/counters/counters_block.h"
+#include "qvx/counters/counters_tables.h"
 #include "qvx/data/encoded_payload.h"
 #include "qvx/data/schema/record_influx.h"
 #include "qvx/data/schema/record_json.h"

@@ -75,8 +75,9 @@ EventType Schemas::add_type(const char* name, std::initializer_list<qvx_field_in
 }
 
 void Schemas::set_index_fields(EventType type, std::initializer_list<const char*> names) {
-  qvx_schema_set_field_indexes(types_->schemas[type.schema_index].get(), type.type_index, names.begin(),
-                               names.size());
+  qvx_schema* const schema = types_->schemas[type.schema_index].get();
+  if (qvx_schema_set_field_indexes(schema, type.type_index, names.begin(), names.size()) != 0)
+    throw std::runtime_error("cannot set index fields");
 }
 
 void Schemas::add_counters(const char* group_name, std::uint32_t granularity, std::uint32_t num_sets,

@@ -8,6 +8,7 @@
 #include "fuzz/input_split.h"
 #include "qvx/counters/counters_block.h"
 #include "qvx/counters/counters_json.h"
+#include "qvx/counters/counters_tables.h"
 #include "qvx/support/clock.h"
 #include "qvx/support/json_parse.h"
 #include "qvx/support/json_text.h"

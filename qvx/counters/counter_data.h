@@ -33,7 +33,7 @@ struct qvx_counter_info {
 };
 
 // A deep copy; null when memory is short.
-qvx_counter_info* qvx_counter_info_copy(const qvx_counter_info* info) noexcept;
+[[nodiscard]] qvx_counter_info* qvx_counter_info_copy(const qvx_counter_info* info) noexcept;
 
 // Frees a counter; each text that is missing is reported at level 4.
 void qvx_destroy_counter_info(qvx_counter_info* info) noexcept;

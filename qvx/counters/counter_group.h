@@ -33,7 +33,8 @@ struct qvx_counter_group {
 
 // Appends a deep copy of the counter, unless the provider refuses it. False when it refuses or memory is
 // short.
-bool qvx_counter_group_add_counter(qvx_counter_group* group, const qvx_counter_info* info) noexcept;
+[[nodiscard]] bool qvx_counter_group_add_counter(qvx_counter_group* group,
+                                                 const qvx_counter_info* info) noexcept;
 
 // Frees the group and its counters; a missing counter is reported at level 4.
 void qvx_free_counter_group(qvx_counter_group* group) noexcept;

@@ -18,11 +18,12 @@ struct qvx_counters_schema {
   std::vector<qvx::CounterGroupPtr> groups;
 };
 
-qvx_counters_schema* qvx_counters_schema_create() noexcept;
+[[nodiscard]] qvx_counters_schema* qvx_counters_schema_create() noexcept;
 void qvx_counters_schema_destroy(qvx_counters_schema* schema) noexcept;
 
 // Takes the group over. On failure the group stays the caller's.
-bool qvx_counters_schema_add_group(qvx_counters_schema* schema, qvx_counter_group* group) noexcept;
+[[nodiscard]] bool qvx_counters_schema_add_group(qvx_counters_schema* schema,
+                                                 qvx_counter_group* group) noexcept;
 
 // The first counter of that name; null when there is none.
 const qvx_counter_info* qvx_counters_schema_find_counter(const qvx_counters_schema* schema,

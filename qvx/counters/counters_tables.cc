@@ -1,10 +1,11 @@
+#include "qvx/counters/counters_tables.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstring>
 #include <string_view>
 
-#include "qvx/counters/counters_block.h"
 #include "qvx/data/block.h"
 #include "qvx/support/format.h"
 #include "qvx/support/number.h"

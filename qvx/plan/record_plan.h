@@ -86,10 +86,11 @@ class RecordPlan {
   // False, with nothing written, when there are too few bytes or a value has no text. `clock` converts local
   // times; plans without one take null. Throws std::bad_alloc only when a single piece of text outgrows the
   // sink's buffer.
-  bool write(Bytes at_hand, std::string_view before, OutputSink& sink, LocalTimeText* clock = nullptr) const;
+  [[nodiscard]] bool write(Bytes at_hand, std::string_view before, OutputSink& sink,
+                           LocalTimeText* clock = nullptr) const;
 
   // The same text as a string.
-  std::optional<std::string> text(Bytes at_hand, LocalTimeText* clock = nullptr) const;
+  [[nodiscard]] std::optional<std::string> text(Bytes at_hand, LocalTimeText* clock = nullptr) const;
 
  private:
   friend class PlanBuilder;
@@ -135,7 +136,7 @@ class PlanBuilder {
   // Counts one visited field or empty object against the limits; false when the plan has failed.
   bool visit(std::uint64_t value_bytes = 0);
 
-  std::optional<RecordPlan> finish(Sharing sharing);
+  [[nodiscard]] std::optional<RecordPlan> finish(Sharing sharing);
 
  private:
   struct Extent {

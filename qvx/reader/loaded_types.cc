@@ -5,6 +5,7 @@
 #include <cstring>
 #include <utility>
 
+#include "qvx/counters/counters_block.h"
 #include "qvx/counters/counters_json.h"
 #include "qvx/data/schema/record_influx.h"
 #include "qvx/data/schema/record_json.h"

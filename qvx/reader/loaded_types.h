@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "qvx/counters/counters_block.h"
+#include "qvx/counters/counters_tables.h"
 #include "qvx/data/schema/type_system.h"
 #include "qvx/data/schema_id.h"
 #include "qvx/plan/record_plan.h"

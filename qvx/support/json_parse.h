@@ -17,12 +17,12 @@ namespace qvx::json {
 
 // The document that the text holds up to its first NUL. Nothing when it is refused, has 4 GiB or more, or
 // memory is short.
-std::optional<Value> parse(std::string_view text) noexcept;
+[[nodiscard]] std::optional<Value> parse(std::string_view text) noexcept;
 
 // The same for the content of a file. On failure errno tells why: that of the file, ENOMEM, or 0 when the
 // file was read but is no document.
-std::optional<Value> parse_file(const char* path) noexcept;
-inline std::optional<Value> parse_file(const std::string& path) noexcept {
+[[nodiscard]] std::optional<Value> parse_file(const char* path) noexcept;
+[[nodiscard]] inline std::optional<Value> parse_file(const std::string& path) noexcept {
   return parse_file(path.c_str());
 }
 

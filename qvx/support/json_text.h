@@ -19,7 +19,7 @@ enum class Style {
 inline constexpr std::string_view kIndentation = "    ";
 
 // The text of the value. Nothing when memory is short.
-std::optional<std::string> to_text(const Value& value, Style style) noexcept;
+[[nodiscard]] std::optional<std::string> to_text(const Value& value, Style style) noexcept;
 
 // Room that write_escaped asks for: the longest escape has six bytes, and it stores whole words.
 constexpr std::size_t escaped_room(std::size_t size) {

@@ -14,6 +14,7 @@
 
 #include "qvx/counters/counters_block.h"
 #include "qvx/counters/counters_schema.h"
+#include "qvx/counters/counters_tables.h"
 #include "qvx/support/clock.h"
 #include "qvx/support/json_text.h"
 #include "qvx/support/output_sink.h"
@@ -47,7 +48,7 @@ class RandomCounters {
     CountersSchemaPtr schema(qvx_counters_schema_create());
     const std::uint64_t groups = below(4);
     for (std::uint64_t i = 0; i < groups; ++i)
-      qvx_counters_schema_add_group(schema.get(), group());
+      EXPECT_TRUE(qvx_counters_schema_add_group(schema.get(), group()));
     qvx_counters_schema_update_counter_offsets(schema.get());
     schema->size_of_counters = qvx_counters_schema_size_of_counters(schema.get());
     if (one_in(8)) lie(*schema);

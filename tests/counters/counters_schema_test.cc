@@ -82,7 +82,7 @@ TEST(CountersSchema, StringOfLengthZeroStopsTheUpdateOfTheOffsets) {
       make_group(0, 1, {{"a", QVX_COUNTER_INT64}, {"s", QVX_COUNTER_STRING, 0}, {"b", QVX_COUNTER_INT64}});
   for (const auto& counter : group->counters)
     counter->offset = 99;
-  qvx_counters_schema_add_group(schema.get(), group);
+  ASSERT_TRUE(qvx_counters_schema_add_group(schema.get(), group));
   const LogCapture log;
   qvx_counters_schema_update_counter_offsets(schema.get());
   EXPECT_EQ(group->counters[0]->offset, 0U);
@@ -99,7 +99,7 @@ TEST(CountersSchema, UpdateAndSizeAreTraced) {
   qvx_counter_group* const group =
       make_group(1, 2, {{"a", QVX_COUNTER_STRING, 20}, {"b", QVX_COUNTER_UINT64}});
   group->name = "cpu";
-  qvx_counters_schema_add_group(schema.get(), group);
+  ASSERT_TRUE(qvx_counters_schema_add_group(schema.get(), group));
   const LogCapture log;
   qvx_counters_schema_update_counter_offsets(schema.get());
   EXPECT_EQ(qvx_counters_schema_size_of_counters(schema.get()), 28U);

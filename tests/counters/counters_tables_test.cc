@@ -1,3 +1,5 @@
+#include "qvx/counters/counters_tables.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -6,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "qvx/counters/counters_block.h"
 #include "tests/support/captured_stream.h"
 #include "tests/support/counters_builder.h"
 #include "tests/support/env_guard.h"

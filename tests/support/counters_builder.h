@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <initializer_list>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -41,7 +42,7 @@ inline qvx_counter_group* make_group(std::uint32_t granularity, std::uint32_t se
 inline CountersSchemaPtr make_schema(std::initializer_list<qvx_counter_group*> groups) {
   CountersSchemaPtr schema(qvx_counters_schema_create());
   for (qvx_counter_group* const group : groups)
-    qvx_counters_schema_add_group(schema.get(), group);
+    if (!qvx_counters_schema_add_group(schema.get(), group)) throw std::bad_alloc();
   qvx_counters_schema_update_counter_offsets(schema.get());
   schema->size_of_counters = qvx_counters_schema_size_of_counters(schema.get());
   return schema;

@@ -15,12 +15,12 @@ namespace qvx {
 // The plan that writes records of a resolved type as JSON, each followed by `after`. Nothing when a record of
 // the type has no JSON text: a field of unknown type, a type that contains itself or is nested too deeply,
 // too many values.
-std::optional<RecordPlan> compile_json_plan(const qvx_type_definition& type, json::Style style,
-                                            std::string_view after);
+[[nodiscard]] std::optional<RecordPlan> compile_json_plan(const qvx_type_definition& type, json::Style style,
+                                                          std::string_view after);
 
 }  // namespace qvx
 
 // The JSON text of one record that begins at the first of the bytes at hand; nothing when it cannot be made.
 // Compiles the type anew: for more than a few records keep a plan.
-std::optional<std::string> qvx_record_to_json(const qvx_type_definition* type, qvx::Bytes at_hand,
-                                              qvx::json::Style style);
+[[nodiscard]] std::optional<std::string> qvx_record_to_json(const qvx_type_definition* type,
+                                                            qvx::Bytes at_hand, qvx::json::Style style);

@@ -58,35 +58,35 @@ struct qvx_schema {
 };
 
 // Null when memory is short; `name` may be null.
-qvx_schema* qvx_schema_create(const char* name, std::uint32_t version) noexcept;
+[[nodiscard]] qvx_schema* qvx_schema_create(const char* name, std::uint32_t version) noexcept;
 void qvx_schema_destroy(qvx_schema* schema) noexcept;
 
 // Registers a composite type. 0: registered, its index goes to `out_index` unless that is null. 1: out of
 // memory, or a field could not be built. 2: the type name is known already (here or in a parent), or a field
 // name repeats; the last field is never compared, deliberately. 3: a field's type is undefined. 5: the schema
 // is full.
-int qvx_schema_add_type(qvx_schema* schema, const char* type_name, const qvx_field_info* fields,
-                        std::size_t count, std::uint8_t* out_index) noexcept;
+[[nodiscard]] int qvx_schema_add_type(qvx_schema* schema, const char* type_name, const qvx_field_info* fields,
+                                      std::size_t count, std::uint8_t* out_index) noexcept;
 
 // Makes the named fields the index fields 1, 2, ... of the type, and all others none. Unknown names are
 // skipped. 0, or 3 for an absent schema or names array or an index out of range.
-int qvx_schema_set_field_indexes(qvx_schema* schema, std::uint32_t type_index, const char* const* names,
-                                 std::size_t count) noexcept;
+[[nodiscard]] int qvx_schema_set_field_indexes(qvx_schema* schema, std::uint32_t type_index,
+                                               const char* const* names, std::size_t count) noexcept;
 
 // The names of the index fields in declaration order: an array to be freed with free(), of texts that belong
 // to the schema. Null, and 0 in `out_count`, when there is no such type.
-const char** qvx_schema_get_indexed_fields(const qvx_schema* schema, std::uint32_t type_index,
-                                           std::size_t* out_count) noexcept;
+[[nodiscard]] const char** qvx_schema_get_indexed_fields(const qvx_schema* schema, std::uint32_t type_index,
+                                                         std::size_t* out_count) noexcept;
 
 // The first type of that name, searching this schema and then its parents.
 const qvx_type_definition* qvx_schema_find_type(const qvx_schema* schema, const char* name) noexcept;
 std::uint64_t qvx_schema_type_size(const qvx_schema* schema, const char* name) noexcept;
 
 // Links every field of the type to its definition; false at the first that is unknown.
-bool qvx_schema_resolve_types(const qvx_schema* schema, qvx_type_definition* type) noexcept;
+[[nodiscard]] bool qvx_schema_resolve_types(const qvx_schema* schema, qvx_type_definition* type) noexcept;
 
 // Appends a definition of every built-in type. Fails when there is no room for one.
-bool qvx_schema_register_builtins(qvx_schema* schema) noexcept;
+[[nodiscard]] bool qvx_schema_register_builtins(qvx_schema* schema) noexcept;
 
 namespace qvx {
 

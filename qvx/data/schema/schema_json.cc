@@ -260,6 +260,6 @@ qvx_schema* qvx_schema_load_file(const char* path, const qvx_schema* parent) noe
   if (schema == nullptr) return nullptr;
   schema->parent = parent;
   if (!qvx::schema_resolve(*schema)) return nullptr;
-  qvx::schema_fill_digest(*schema);
+  static_cast<void>(qvx::schema_fill_digest(*schema));
   return schema.release();
 }

@@ -18,34 +18,34 @@ inline constexpr const char* kSchemaVersionText = "1.5.0";
 
 // Nothing when the object cannot be written: a field without texts or with an unknown counting mode, a text
 // that is not UTF-8, memory.
-std::optional<json::Value> field_to_json(const qvx_field_definition& field) noexcept;
-std::optional<json::Value> type_to_json(const qvx_type_definition& type) noexcept;
+[[nodiscard]] std::optional<json::Value> field_to_json(const qvx_field_definition& field) noexcept;
+[[nodiscard]] std::optional<json::Value> type_to_json(const qvx_type_definition& type) noexcept;
 // A schema without types cannot be written.
-std::optional<json::Value> schema_to_json(const qvx_schema& schema) noexcept;
+[[nodiscard]] std::optional<json::Value> schema_to_json(const qvx_schema& schema) noexcept;
 
-std::unique_ptr<qvx_field_definition> field_from_json(const json::Value& value) noexcept;
-std::unique_ptr<qvx_type_definition> type_from_json(const json::Value& value) noexcept;
+[[nodiscard]] std::unique_ptr<qvx_field_definition> field_from_json(const json::Value& value) noexcept;
+[[nodiscard]] std::unique_ptr<qvx_type_definition> type_from_json(const json::Value& value) noexcept;
 // Null for a value that is no event schema, which is logged at level 6 only: it may be a counters schema. The
 // fields' types are not linked yet.
-SchemaPtr schema_from_json(const json::Value& value) noexcept;
+[[nodiscard]] SchemaPtr schema_from_json(const json::Value& value) noexcept;
 
 // Computes the digest and its text from the schema's pretty JSON form. A schema that cannot be written has
 // the digest zero, whose text is 32 zeros; that is false.
-bool schema_fill_digest(qvx_schema& schema) noexcept;
+[[nodiscard]] bool schema_fill_digest(qvx_schema& schema) noexcept;
 
 // Stores a digest and its text, which stays empty when memory is short.
 void schema_set_digest(qvx_schema& schema, const qvx_schema_id& digest) noexcept;
 
 // Links every field of every type; stops at the first type that is unknown.
-bool schema_resolve(qvx_schema& schema) noexcept;
+[[nodiscard]] bool schema_resolve(qvx_schema& schema) noexcept;
 
 }  // namespace qvx
 
 // The JSON text of a type, found as qvx_schema_find_type finds it; nothing when it is unknown or cannot be
 // written.
-std::optional<std::string> qvx_schema_type_to_json_text(const qvx_schema* schema, const char* name,
-                                                        bool pretty) noexcept;
+[[nodiscard]] std::optional<std::string> qvx_schema_type_to_json_text(const qvx_schema* schema,
+                                                                      const char* name, bool pretty) noexcept;
 
 // Loads one event schema file as a schema of its own: parsed, linked with `parent` as the schema searched
 // next, and given its digest. Null on failure.
-qvx_schema* qvx_schema_load_file(const char* path, const qvx_schema* parent) noexcept;
+[[nodiscard]] qvx_schema* qvx_schema_load_file(const char* path, const qvx_schema* parent) noexcept;

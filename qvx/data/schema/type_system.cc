@@ -151,7 +151,7 @@ qvx_schema* qvx_type_system_new_schema(qvx_type_system* ts, const char* name, st
   qvx::SchemaPtr schema(qvx_schema_create(name, version));
   if (schema == nullptr) return nullptr;
   schema->parent = ts->builtin.get();
-  qvx::schema_fill_digest(*schema);
+  static_cast<void>(qvx::schema_fill_digest(*schema));
   if (!append_schema(ts, std::move(schema))) return nullptr;
   if (out_index != nullptr) *out_index = static_cast<std::uint8_t>(ts->schemas.size() - 1);
   return ts->schemas.back().get();
@@ -240,7 +240,7 @@ qvx_schema* qvx_type_system_load_schema_file(qvx_type_system* ts, const char* pa
 
 void qvx_type_system_fill_digests(qvx_type_system* ts) noexcept {
   for (const auto& schema : ts->schemas)
-    qvx::schema_fill_digest(*schema);
+    static_cast<void>(qvx::schema_fill_digest(*schema));
 }
 
 const qvx_schema_id& qvx_type_system_counters_digest(qvx_type_system* ts) noexcept {
