@@ -15,6 +15,7 @@
 #include <mutex>
 #include <new>
 #include <string_view>
+#include <utility>
 
 #include "qvx/support/env.h"
 #include "qvx/support/log_recording.h"
@@ -25,47 +26,59 @@ constexpr std::uint32_t kNotInitialised = 0xFFFFFFFF;
 
 enum Sink : std::uint32_t { kSinkStderr = 0, kSinkSyslog = 1, kSinkFile = 2, kSinkCallback = 3 };
 
-struct Logger {
-  std::uint32_t sink = kSinkStderr;
-  std::FILE* stream = nullptr;
-  qvx_log_function callback = nullptr;
-  pthread_mutex_t* mutex = nullptr;
-  pthread_mutex_t mutex_storage = {};
-  bool imported = false;
-  // The level alone cannot tell: QVX_API_LOG_LEVEL may set it to the very value that means "not initialised".
-  bool lazy_init_done = false;
-  std::atomic<std::uint64_t> messages = 0;
-};
-
-Logger logger;
-
 constexpr std::size_t kRecorderLevels = 8;
 
-// The level of the logger and of all recorders; log_threshold is the highest of them.
-struct Levels {
-  std::mutex lock;
-  std::atomic<std::uint32_t> logger = kNotInitialised;
+// Changes are made under `configuration`; what a line is written to changes under the line mutex too, so that
+// nothing is closed below a line. Threads that log read the atomics only.
+struct Logger {
+  std::atomic<std::uint32_t> level = kNotInitialised;
+  std::atomic<Sink> sink = kSinkStderr;
+  std::atomic<std::FILE*> stream = nullptr;
+  std::atomic<void (*)(std::uint32_t, const char*, ...)> callback = nullptr;
+  std::atomic<pthread_mutex_t*> mutex = nullptr;  // held while a line is written
+  std::atomic<std::uint64_t> messages = 0;
+  // Set last, when all of the above holds. The level alone cannot tell: QVX_API_LOG_LEVEL may set it to the
+  // very value that means "not initialised".
+  std::atomic<bool> initialised = false;
+  std::atomic<bool> imported = false;
+  bool initialising = false;
+  std::FILE* own_file = nullptr;  // the stream that qvx_init_file_logger opened, until it is closed
+  pthread_mutex_t mutex_storage = {};
   std::array<std::uint32_t, kRecorderLevels> recorders{};  // how many there are of each level
 };
 
-Levels levels;
+constinit Logger logger;
 
+// Recursive, because setting the logger up logs. Taken before the line mutex, never while holding it.
+constinit std::recursive_mutex configuration;
+
+// The thread-safety switch decides whether there is a line mutex.
+class LineLock {
+ public:
+  LineLock() : mutex_(logger.mutex.load(std::memory_order_acquire)) {
+    if (mutex_ != nullptr) pthread_mutex_lock(mutex_);
+  }
+  ~LineLock() {
+    if (mutex_ != nullptr) pthread_mutex_unlock(mutex_);
+  }
+  LineLock(const LineLock&) = delete;
+  LineLock& operator=(const LineLock&) = delete;
+
+ private:
+  pthread_mutex_t* const mutex_;
+};
+
+// Until the logger is initialised every message passes the threshold, and waits or initialises behind it.
 void update_threshold() {
-  std::uint32_t highest = levels.logger.load(std::memory_order_relaxed);
+  std::uint32_t highest = logger.initialised ? logger.level.load() : kNotInitialised;
   for (std::uint32_t level = 0; level < kRecorderLevels; ++level)
-    if (levels.recorders[level] > 0) highest = std::max(highest, level);
-  qvx::detail::log_threshold.store(highest, std::memory_order_release);
+    if (logger.recorders[level] > 0) highest = std::max(highest, level);
+  qvx::detail::log_threshold.store(highest, std::memory_order_relaxed);
 }
 
-std::uint32_t logger_level() {
-  return levels.logger.load(std::memory_order_relaxed);
-}
-
-std::uint32_t set_logger_level(std::uint32_t level) {
-  const std::lock_guard guard(levels.lock);
-  const std::uint32_t old = levels.logger.exchange(level, std::memory_order_relaxed);
+void set_initialised() {
+  logger.initialised.store(true, std::memory_order_release);
   update_threshold();
-  return old;
 }
 
 const char* level_prefix(std::uint32_t level) {
@@ -133,6 +146,14 @@ void write_line(std::FILE* stream, std::uint32_t level, const char* format, va_l
   std::fflush(stream);
 }
 
+// A level that was set before anything was logged comes without a stream. So may an imported state, which
+// must not be initialised.
+void open_stream() {
+  const std::lock_guard guard(configuration);
+  if (logger.stream != nullptr || logger.imported || logger.sink == kSinkSyslog) return;
+  qvx_init_stderr_logger(logger.level);
+}
+
 __attribute__((format(printf, 2, 3))) void write_message(std::uint32_t level, const char* format, ...) {
   const int caller_errno = errno;
   va_list args;
@@ -140,21 +161,24 @@ __attribute__((format(printf, 2, 3))) void write_message(std::uint32_t level, co
   if (logger.sink == kSinkSyslog) {
     vsyslog(static_cast<int>(level), format, args);
   } else {
-    // An imported state may come without a stream, and must not be initialised.
-    if (logger.stream == nullptr && !logger.imported) qvx_init_stderr_logger(logger_level());
-    pthread_mutex_t* const mutex = logger.mutex;
-    if (mutex != nullptr) pthread_mutex_lock(mutex);
-    write_line(logger.stream != nullptr ? logger.stream : stderr, level, format, args);
-    if (mutex != nullptr) pthread_mutex_unlock(mutex);
+    if (logger.stream == nullptr) open_stream();
+    const LineLock lock;
+    std::FILE* const stream = logger.stream;
+    write_line(stream != nullptr ? stream : stderr, level, format, args);
   }
   va_end(args);
   errno = caller_errno;
 }
 
+qvx_log_function process_target() {
+  const qvx_log_function callback = logger.callback.load(std::memory_order_acquire);
+  return callback != nullptr ? callback : write_message;
+}
+
 void destroy_mutex_at_exit() {
-  if (logger.imported || logger.mutex == nullptr) return;
-  pthread_mutex_destroy(logger.mutex);
-  logger.mutex = nullptr;
+  if (logger.imported) return;
+  pthread_mutex_t* const mutex = logger.mutex.exchange(nullptr);
+  if (mutex != nullptr) pthread_mutex_destroy(mutex);
 }
 
 bool set_up_thread_safety() {
@@ -170,7 +194,7 @@ bool set_up_thread_safety() {
     QVX_LOG(QVX_LOG_ERROR, "[logger] [%s] failed to initialize logger mutex", kRoutine);
     return false;
   }
-  logger.mutex = &logger.mutex_storage;
+  logger.mutex.store(&logger.mutex_storage, std::memory_order_release);
   std::atexit(destroy_mutex_at_exit);
   return true;
 }
@@ -181,17 +205,31 @@ bool refuse_when_imported(const char* routine) {
   return true;
 }
 
-void switch_to(Sink sink, std::FILE* stream, std::uint32_t level, const char* routine) {
-  logger.sink = sink;
+// Lines go to the new target from here on; a file of our own that was the old one is closed.
+void switch_target(Sink sink, std::FILE* stream, std::FILE* own_file) {
+  const LineLock lock;
+  const Sink old_sink = logger.sink.exchange(sink);
   logger.stream = stream;
-  logger.lazy_init_done = true;
-  set_logger_level(level);
-  if (!set_up_thread_safety())
-    QVX_LOG(QVX_LOG_DEBUG, "[logger] [%s] Initialized logger without thread-safety", routine);
+  if (old_sink == kSinkSyslog && sink != kSinkSyslog) closelog();
+  std::FILE* const old_file = std::exchange(logger.own_file, own_file);
+  if (old_file != nullptr) std::fclose(old_file);
 }
 
-void initialise_from_environment() {
-  logger.lazy_init_done = true;
+void switch_to(Sink sink, std::FILE* stream, std::uint32_t level, const char* routine) {
+  switch_target(sink, stream, sink == kSinkFile ? stream : nullptr);
+  logger.initialising = true;
+  logger.level = level;
+  update_threshold();
+  if (!set_up_thread_safety())
+    QVX_LOG(QVX_LOG_DEBUG, "[logger] [%s] Initialized logger without thread-safety", routine);
+  logger.initialising = false;
+  set_initialised();
+}
+
+// Other threads that log meanwhile wait here; the one that initialises comes by with its own trace.
+void initialise_once() {
+  const std::lock_guard guard(configuration);
+  if (logger.initialised || logger.initialising) return;
   const char* text = std::getenv("QVX_API_LOG_LEVEL");
   if (text == nullptr) text = std::getenv("API_LOG_LEVEL");
   int level = 0;
@@ -199,44 +237,45 @@ void initialise_from_environment() {
   qvx_init_stderr_logger(static_cast<std::uint32_t>(level));
 }
 
+void count_recorder(std::uint32_t level, std::uint32_t change) {
+  const std::lock_guard guard(configuration);
+  logger.recorders[level] += change;
+  update_threshold();
+}
+
 }  // namespace
 
 namespace qvx::detail {
 
-std::atomic<std::uint32_t> log_threshold = kNotInitialised;
+constinit std::atomic<std::uint32_t> log_threshold = kNotInitialised;
 
 bool log_enabled(std::uint32_t level) {
-  if (logger_level() == kNotInitialised && !logger.lazy_init_done) initialise_from_environment();
-  return level <= logger_level() || is_recorded(level);
+  if (!logger.initialised.load(std::memory_order_acquire)) initialise_once();
+  return level <= logger.level || is_recorded(level);
 }
 
 qvx_log_function log_target() {
   logger.messages.fetch_add(1, std::memory_order_relaxed);
-  if (has_recorder()) return record_message;
-  return logger.callback != nullptr ? logger.callback : write_message;
+  return has_recorder() ? record_message : process_target();
 }
 
 void log_past_recorders(std::uint32_t level, const char* text) {
-  if (level > logger_level()) return;
-  (logger.callback != nullptr ? logger.callback : write_message)(level, "%s", text);
+  if (level <= logger.level) process_target()(level, "%s", text);
 }
 
 void enter_recorder_level(std::uint32_t level) {
-  const std::lock_guard guard(levels.lock);
-  ++levels.recorders[level];
-  update_threshold();
+  count_recorder(level, 1);
 }
 
 void leave_recorder_level(std::uint32_t level) {
-  const std::lock_guard guard(levels.lock);
-  --levels.recorders[level];
-  update_threshold();
+  count_recorder(level, ~std::uint32_t{0});
 }
 
 }  // namespace qvx::detail
 
 bool qvx_init_stderr_logger(std::uint32_t level) {
   constexpr const char* kRoutine = "qvx_init_stderr_logger";
+  const std::lock_guard guard(configuration);
   if (refuse_when_imported(kRoutine)) return false;
   switch_to(kSinkStderr, stderr, level, kRoutine);
   return true;
@@ -244,6 +283,7 @@ bool qvx_init_stderr_logger(std::uint32_t level) {
 
 bool qvx_init_syslog_logger(const char* ident, std::uint32_t level) {
   constexpr const char* kRoutine = "qvx_init_syslog_logger";
+  const std::lock_guard guard(configuration);
   if (refuse_when_imported(kRoutine)) return false;
   openlog(ident, LOG_PID | LOG_CONS, LOG_DAEMON);
   switch_to(kSinkSyslog, nullptr, level, kRoutine);
@@ -252,9 +292,10 @@ bool qvx_init_syslog_logger(const char* ident, std::uint32_t level) {
 
 bool qvx_init_file_logger(const char* path, std::uint32_t level) {
   constexpr const char* kRoutine = "qvx_init_file_logger";
+  const std::lock_guard guard(configuration);
   if (refuse_when_imported(kRoutine)) return false;
   qvx_close_logger();
-  std::FILE* const stream = std::fopen(path, "w");
+  std::FILE* const stream = std::fopen(path, "we");
   if (stream == nullptr) {
     qvx_init_stderr_logger(level);
     return false;
@@ -264,55 +305,62 @@ bool qvx_init_file_logger(const char* path, std::uint32_t level) {
 }
 
 void qvx_close_logger() {
+  const std::lock_guard guard(configuration);
   if (logger.imported) {
     QVX_LOG(QVX_LOG_DEBUG, "[logger] [%s] tried closing a registered logger, skipping closure",
             "qvx_close_logger");
     return;
   }
-  if (!logger.lazy_init_done && logger_level() == kNotInitialised) initialise_from_environment();
-  if (logger.sink == kSinkSyslog) closelog();
-  if (logger.sink == kSinkFile && logger.stream != nullptr) std::fclose(logger.stream);
-  qvx_init_stderr_logger(logger_level());
+  initialise_once();
+  qvx_init_stderr_logger(logger.level);
 }
 
 std::uint32_t qvx_logger_set_level(std::uint32_t level) {
-  return set_logger_level(level);
+  const std::lock_guard guard(configuration);
+  const std::uint32_t old = logger.level.exchange(level);
+  if (level != kNotInitialised) set_initialised();
+  update_threshold();
+  return old;
 }
 
 void qvx_logger_register_callback(qvx_log_function callback, std::uint32_t level) {
-  logger.callback = callback;
+  const std::lock_guard guard(configuration);
+  logger.callback.store(callback, std::memory_order_release);
   logger.sink = kSinkCallback;
-  logger.lazy_init_done = true;
-  set_logger_level(level);
+  logger.level = level;
+  set_initialised();
 }
 
 qvx_logger_state* qvx_logger_export_state() {
+  const std::lock_guard guard(configuration);
+  initialise_once();
   auto* const state = static_cast<qvx_logger_state*>(std::calloc(1, sizeof(qvx_logger_state)));
   if (state == nullptr) return nullptr;
   state->sink = logger.sink;
-  if (logger.sink == kSinkStderr || logger.sink == kSinkFile) state->stream = logger.stream;
-  if (logger.sink == kSinkCallback) state->callback = logger.callback;
-  state->level = logger_level();
+  if (state->sink == kSinkStderr || state->sink == kSinkFile) state->stream = logger.stream;
+  if (state->sink == kSinkCallback) state->callback = logger.callback;
+  state->level = logger.level;
   state->mutex = logger.mutex;
   return state;
 }
 
 bool qvx_logger_import_state(const qvx_logger_state* state) {
   if (state == nullptr) return false;
+  const std::lock_guard guard(configuration);
   const bool has_stream = state->sink == kSinkStderr || state->sink == kSinkFile;
   const bool same_target = has_stream                     ? state->stream == logger.stream
                            : state->sink == kSinkCallback ? state->callback == logger.callback
                                                           : true;
-  if (same_target && state->sink == logger.sink && state->level == logger_level() &&
+  if (same_target && state->sink == logger.sink && state->level == logger.level &&
       state->mutex == logger.mutex)
     return true;
-  logger.mutex = state->mutex;
   logger.imported = true;
-  logger.lazy_init_done = true;
-  logger.sink = state->sink;
-  set_logger_level(state->level);
-  if (state->sink == kSinkCallback) logger.callback = state->callback;
-  if (has_stream) logger.stream = state->stream;
+  // A stream of ours that is no longer written to stays open until now.
+  switch_target(static_cast<Sink>(state->sink), has_stream ? state->stream : stderr, nullptr);
+  logger.mutex.store(state->mutex, std::memory_order_release);
+  if (state->sink == kSinkCallback) logger.callback.store(state->callback, std::memory_order_release);
+  logger.level = state->level;
+  set_initialised();
   return true;
 }
 
@@ -346,20 +394,43 @@ void qvx_log_hex_dump(const void* bytes, std::size_t size) {
 }
 
 namespace qvx {
+namespace {
+
+// The size of the character that the text begins with; 0 when it is a control character other than tab and
+// line end, or no UTF-8. A terminal takes the control characters from U+0080 to U+009F (\u009b is "\x1b[") as
+// two bytes of UTF-8 or as one byte, depending on how it is set.
+std::size_t visible_character(std::string_view text) {
+  const auto byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  const unsigned first = byte(0);
+  if (first < 0x80) return (first >= 0x20 && first != 0x7F) || first == '\n' || first == '\t' ? 1 : 0;
+  const std::size_t size = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
+  if (first < 0xC2 || first > 0xF4 || text.size() < size) return 0;
+  for (std::size_t i = 1; i < size; ++i)
+    if ((byte(i) & 0xC0) != 0x80) return 0;
+  const unsigned second = byte(1);
+  const bool is_control = first == 0xC2 && second < 0xA0;
+  const bool is_overlong = (first == 0xE0 && second < 0xA0) || (first == 0xF0 && second < 0x90);
+  const bool is_no_character = (first == 0xED && second >= 0xA0) || (first == 0xF4 && second >= 0x90);
+  return is_control || is_overlong || is_no_character ? 0 : size;
+}
+
+}  // namespace
 
 void write_diagnostic(std::FILE* stream, const char* text, std::size_t size) {
   if (isatty(fileno(stream)) == 0) {
     std::fwrite(text, 1, size, stream);
     return;
   }
+  const std::string_view bytes(text, size);
   std::size_t plain = 0;  // where the run of characters begins that can be shown as they are
-  for (std::size_t i = 0; i < size; ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    const bool is_control = (byte < 0x20 && byte != '\n' && byte != '\t') || byte == 0x7F;
-    if (!is_control) continue;
-    std::fwrite(text + plain, 1, i - plain, stream);
-    std::fprintf(stream, "\\x%02x", unsigned{byte});
-    plain = i + 1;
+  for (std::size_t i = 0; i < size;) {
+    const std::size_t shown = visible_character(bytes.substr(i));
+    if (shown == 0) {
+      std::fwrite(text + plain, 1, i - plain, stream);
+      std::fprintf(stream, "\\x%02x", unsigned{static_cast<unsigned char>(text[i])});
+      plain = i + 1;
+    }
+    i += std::max<std::size_t>(shown, 1);
   }
   std::fwrite(text + plain, 1, size - plain, stream);
 }

@@ -4,9 +4,10 @@
 // message that is logged sets the logger up from QVX_API_LOG_LEVEL (or API_LOG_LEVEL), so that what is logged
 // before the command line is parsed is already filtered.
 //
-// With thread safety on (the default, see QVX_LOG_THREAD_SAFE) lines of different threads never interleave.
-// The level check at the call sites is unsynchronised. No function here fails its caller, and errno is left
-// as it was by the messages of the built-in writer.
+// Any thread may log, and may be the first to; functions that change the logger wait for one another. With
+// thread safety on (the default, see QVX_LOG_THREAD_SAFE) lines of different threads never interleave, and
+// nothing is closed below a line. No function here fails its caller, and errno is left as it was by the
+// messages of the built-in writer.
 #pragma once
 
 #include <pthread.h>
@@ -45,16 +46,20 @@ bool log_enabled(std::uint32_t level);
 // What takes the messages of this thread: its recorders, else the registered callback, else the built-in
 // writer.
 qvx_log_function log_target();
+
+inline bool log_passes(std::uint32_t level) {
+  return level <= log_threshold.load(std::memory_order_relaxed) && log_enabled(level);
+}
 }  // namespace qvx::detail
 
-#define QVX_LOG_IS_ENABLED(level) \
-  ((level) <= qvx::detail::log_threshold.load(std::memory_order_relaxed) && qvx::detail::log_enabled(level))
+#define QVX_LOG_IS_ENABLED(level) qvx::detail::log_passes(static_cast<std::uint32_t>(level))
 
-// Logs one message. The arguments are evaluated only when the level is enabled.
-#define QVX_LOG(level, ...)                            \
-  do {                                                 \
-    if (QVX_LOG_IS_ENABLED(level)) [[unlikely]]        \
-      qvx::detail::log_target()((level), __VA_ARGS__); \
+// Logs one message. The level is evaluated once, the arguments only when it is enabled.
+#define QVX_LOG(level, ...)                                           \
+  do {                                                                \
+    const auto qvx_message_level = static_cast<std::uint32_t>(level); \
+    if (qvx::detail::log_passes(qvx_message_level)) [[unlikely]]      \
+      qvx::detail::log_target()(qvx_message_level, __VA_ARGS__);      \
   } while (false)
 
 // The three initialisers return true, but false while the state is imported from another module; the file
@@ -73,7 +78,9 @@ std::uint32_t qvx_logger_set_level(std::uint32_t level);
 // null callback is registered.
 void qvx_logger_register_callback(qvx_log_function callback, std::uint32_t level);
 
-// A newly allocated record, or null when memory is short.
+// A newly allocated record of the logger, which is initialised first; null when memory is short. While
+// another module uses it, this one must not close or re-initialise its logger: the stream belongs to this
+// one.
 qvx_logger_state* qvx_logger_export_state();
 
 // Takes the state of another module over; false for a null record.
@@ -86,7 +93,8 @@ std::uint64_t qvx_logged_messages();
 void qvx_log_hex_dump(const void* bytes, std::size_t size);
 
 namespace qvx {
-// Writes text to a stream. On a terminal, control characters other than tab and line end are shown as \xNN,
-// since names in a message may come out of a file; elsewhere the bytes are written as they are.
+// Writes text to a stream. On a terminal, control characters other than tab and line end, and bytes that are
+// no UTF-8, are shown as \xNN, since names in a message may come out of a file; elsewhere the bytes are
+// written as they are.
 void write_diagnostic(std::FILE* stream, const char* text, std::size_t size);
 }  // namespace qvx

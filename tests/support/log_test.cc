@@ -1,14 +1,21 @@
 #include "qvx/support/log.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <termios.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
+#include <iterator>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
 #include "qvx/support/env.h"
+#include "qvx/support/file_descriptor.h"
 #include "tests/support/env_guard.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/log_capture.h"
@@ -307,6 +314,29 @@ TEST_F(LogDeathTest, FileLoggerWritesToANewFileUntilClosed) {
   EXPECT_LOGGED(body(), {"[info] on standard error"});
 }
 
+TEST_F(LogDeathTest, FileIsClosedByWhateverFollowsIt) {
+  const auto open_files = [] {
+    const auto entries = std::filesystem::directory_iterator("/proc/self/fd");
+    return std::distance(begin(entries), end(entries));
+  };
+  const auto body = [&] {
+    const TempDir dir;
+    const std::string path = dir.file("log");
+    qvx_init_stderr_logger(QVX_LOG_ERROR);
+    const auto before = open_files();
+    qvx_init_file_logger(path.c_str(), QVX_LOG_ERROR);
+    const bool opened = open_files() == before + 1;
+    qvx_init_stderr_logger(QVX_LOG_ERROR);
+    const bool closed_by_stderr = open_files() == before;
+    qvx_init_file_logger(path.c_str(), QVX_LOG_ERROR);
+    qvx_init_file_logger(path.c_str(), QVX_LOG_ERROR);
+    qvx_logger_register_callback(nullptr, QVX_LOG_ERROR);
+    qvx_close_logger();
+    return opened && closed_by_stderr && open_files() == before;
+  };
+  EXPECT_LOGGED(body(), {});
+}
+
 TEST_F(LogDeathTest, FileThatCannotBeOpenedFallsBackToStandardError) {
   const auto body = [] {
     const TempDir dir;
@@ -351,6 +381,18 @@ TEST_F(LogDeathTest, ImportRefusesNullAndLeavesAnEqualStateAlone) {
     const bool taken = qvx_logger_import_state(state);
     std::free(state);
     return filled && refused && taken && qvx_init_stderr_logger(QVX_LOG_ERROR);
+  };
+  EXPECT_LOGGED(body(), {});
+}
+
+TEST_F(LogDeathTest, ExportedStateIsInitialised) {
+  const auto body = [] {
+    setenv("QVX_API_LOG_LEVEL", "4", 1);
+    qvx_logger_state* const state = qvx_logger_export_state();
+    const bool filled = state->sink == 0 && state->stream == stderr && state->level == QVX_LOG_WARNING &&
+                        state->mutex != nullptr;
+    std::free(state);
+    return filled;
   };
   EXPECT_LOGGED(body(), {});
 }
@@ -438,6 +480,65 @@ TEST(LogCall, DisabledMessageEvaluatesNothing) {
   EXPECT_EQ(evaluated, 0);
   QVX_LOG(QVX_LOG_INFO, "%d", ++evaluated);
   EXPECT_EQ(evaluated, 1);
+}
+
+TEST(LogCall, LevelIsEvaluatedOnceAndMayBeSigned) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic error "-Wsign-compare"
+#pragma GCC diagnostic error "-Wsign-conversion"
+  const LogCapture log(QVX_LOG_INFO);
+  int level = 2;
+  QVX_LOG(++level, "text");
+  EXPECT_EQ(level, 3);
+  EXPECT_TRUE(QVX_LOG_IS_ENABLED(++level));
+  EXPECT_EQ(level, 4);
+  QVX_LOG(-1, "dropped");
+  EXPECT_EQ(log.messages(), (Messages{{3, "text"}}));
+#pragma GCC diagnostic pop
+}
+
+// What a terminal gets of a text.
+std::string on_terminal(std::string_view text) {
+  const FileDescriptor master(posix_openpt(O_RDWR | O_NOCTTY));
+  if (!master || grantpt(master.get()) != 0 || unlockpt(master.get()) != 0) return "no terminal";
+  FileDescriptor slave(open(ptsname(master.get()), O_RDWR | O_NOCTTY));
+  termios settings{};
+  tcgetattr(slave.get(), &settings);
+  cfmakeraw(&settings);
+  tcsetattr(slave.get(), TCSANOW, &settings);
+  std::FILE* const stream = fdopen(dup(slave.get()), "w");
+  write_diagnostic(stream, text.data(), text.size());
+  std::fclose(stream);
+  std::string shown(1024, '\0');
+  const ssize_t count = read(master.get(), shown.data(), shown.size());
+  shown.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
+  return shown;
+}
+
+TEST(WriteDiagnostic, ShowsControlCharactersOnATerminalAsNumbers) {
+  EXPECT_EQ(on_terminal("\x1b[2J\r\x7f tab\t end\n"), "\\x1b[2J\\x0d\\x7f tab\t end\n");
+}
+
+TEST(WriteDiagnostic, LetsNoUpperControlCharacterReachATerminal) {
+  EXPECT_EQ(on_terminal("a\xc2\x80"
+                        "b\xc2\x9b"
+                        "2J"),
+            "a\\xc2\\x80b\\xc2\\x9b2J");
+  EXPECT_EQ(on_terminal("a\x80"
+                        "b\x9b"
+                        "2J\x9f"),
+            "a\\x80b\\x9b2J\\x9f");
+  EXPECT_EQ(on_terminal("\xe2\x9b"), "\\xe2\\x9b");
+  EXPECT_EQ(on_terminal("\xc3\xc2\x9b\xe2(\x9b\xf5\x80\x80\x80"),
+            "\\xc3\\xc2\\x9b\\xe2(\\x9b\\xf5\\x80\\x80\\x80");
+  EXPECT_EQ(on_terminal("\xc1\x9b\xe0\x82\x9b\xf0\x80\x82\x9b\xed\xa0\x80\xf4\x90\x80\x80"),
+            "\\xc1\\x9b\\xe0\\x82\\x9b\\xf0\\x80\\x82\\x9b\\xed\\xa0\\x80\\xf4\\x90\\x80\\x80");
+}
+
+TEST(WriteDiagnostic, LeavesLettersOfEveryLengthAsTheyAre) {
+  const std::string_view text =
+      "\xc2\xa0 \xc3\x89 \xdf\xbf \xe0\xa0\x80 \xe2\x82\xac \xf0\x90\x80\x80 \xf4\x8f\xbf\xbf";
+  EXPECT_EQ(on_terminal(text), text);
 }
 
 TEST(LogLevel, SetLevelReturnsTheOldOne) {
