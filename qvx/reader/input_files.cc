@@ -5,11 +5,13 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <string_view>
 
 #include "qvx/support/format.h"
 #include "qvx/support/log.h"
@@ -31,21 +33,29 @@ void trace(const char* label, const FileEntry& entry) {
           entry.source_id.c_str(), entry.source_tag.c_str(), entry.first_timestamp);
 }
 
+// A row a key: its name, and how two files compare by it: below 0 when the first comes first.
+struct SortKeyRow {
+  SortKey key;
+  std::string_view name;
+  int (*compare)(const FileEntry& a, const FileEntry& b);
+};
+
+constexpr std::array<SortKeyRow, 3> kSortKeys{{
+    {SortKey::source_id, "source_id",
+     [](const FileEntry& a, const FileEntry& b) { return a.source_id.compare(b.source_id); }},
+    {SortKey::source_tag, "source_tag",
+     [](const FileEntry& a, const FileEntry& b) { return a.source_tag.compare(b.source_tag); }},
+    {SortKey::first_timestamp, "first_timestamp",
+     [](const FileEntry& a, const FileEntry& b) {
+       return a.first_timestamp < b.first_timestamp ? -1 : int{a.first_timestamp > b.first_timestamp};
+     }},
+}};
+
 bool comes_first(const FileEntry& a, const FileEntry& b, const SortOrder& order) {
   for (std::size_t i = 0; i < order.count; ++i) {
-    switch (order.keys[i]) {
-      case SortKey::source_id:
-        if (const int result = std::strcmp(a.source_id.c_str(), b.source_id.c_str()); result != 0)
-          return result < 0;
-        break;
-      case SortKey::source_tag:
-        if (const int result = std::strcmp(a.source_tag.c_str(), b.source_tag.c_str()); result != 0)
-          return result < 0;
-        break;
-      case SortKey::first_timestamp:
-        if (a.first_timestamp != b.first_timestamp) return a.first_timestamp < b.first_timestamp;
-        break;
-    }
+    const auto row = std::find_if(kSortKeys.begin(), kSortKeys.end(),
+                                  [key = order.keys[i]](const SortKeyRow& at) { return at.key == key; });
+    if (const int result = row->compare(a, b); result != 0) return result < 0;
   }
   return false;
 }
@@ -89,16 +99,13 @@ std::optional<SortOrder> parse_sort_order(const char* text) {
   if (tokens.empty()) return std::nullopt;
   SortOrder order;
   for (const std::string& token : tokens) {
-    if (token == "source_id") {
-      order.keys[order.count++] = SortKey::source_id;
-    } else if (token == "source_tag") {
-      order.keys[order.count++] = SortKey::source_tag;
-    } else if (token == "first_timestamp") {
-      order.keys[order.count++] = SortKey::first_timestamp;
-    } else {
+    const auto row = std::find_if(kSortKeys.begin(), kSortKeys.end(),
+                                  [&token](const SortKeyRow& at) { return at.name == token; });
+    if (row == kSortKeys.end()) {
       QVX_LOG(QVX_LOG_ERROR, "[sort] Unknown sort key: '%s'", token.c_str());
       return std::nullopt;
     }
+    order.keys[order.count++] = row->key;
     if (order.count == order.keys.size()) break;
   }
   return order;
