@@ -2,13 +2,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <string>
 
 #include "fuzz/reader_fuzz.h"
 #include "qvx/data/block.h"
-#include "qvx/reader/block_walk.h"
-#include "qvx/reader/reader_context.h"
+#include "qvx/reader/print_visitor.h"
+#include "qvx/scan/unit_walk.h"
 
 namespace {
 
@@ -30,17 +29,19 @@ struct Way {
 void walk(std::uint8_t choice, Bytes chain) {
   static std::map<std::uint8_t, Way> ways;
   Way& way = ways.try_emplace(choice, choice).first->second;
-  const std::unique_ptr<ReaderContext> context = create_reader_context(way.run, "/dev/null");
-  fuzz::check(context != nullptr);
-  qvx_data_file_header& header = context->header;
-  fuzz::check(schema_id_parse(kEventsId, header.event_schema_ids[0]));
-  fuzz::check(schema_id_parse(kCountersId, header.counters_schema_id));
-  context->types = way.run.types.load(header.event_schema_ids, header.counters_schema_id);
-  fuzz::check(context->types != nullptr);
+  TypesInForce types{way.run.types, {}, {}};
+  qvx_schema_id events;
+  fuzz::check(schema_id_parse(kEventsId, events) && schema_id_parse(kCountersId, types.counters_schema));
+  fuzz::check(way.run.types.load({&events, 1}, types.counters_schema, types.types));
+  PrintVisitor visitor(way.run, "input");
+  const auto go_through = [&visitor](auto walk) {
+    while (walk.next(visitor) == WalkStep::block) {
+    }
+  };
   if (block_type_of(chain) == QVX_PAGE_BLOCK) {
-    walk_page_blocks(*context, chain);
+    go_through(UnitWalk(types, chain, 0));
   } else {
-    walk_block_chain(*context, chain, (choice & 32U) != 0);
+    go_through(ChainWalk(types, chain, Place{0, (choice & 32U) != 0, 0}));
   }
   way.sink.flush();
   fuzz::check_output(way.options, way.out);

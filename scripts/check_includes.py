@@ -25,7 +25,8 @@ ROOMS = {
     "data/schema": ("support", "host", "data", "plan", "counters"),
     "data/write": ("support", "host", "data", "plan", "counters", "data/schema"),
     "metrics": ("support",),
-    "reader": ("support", "host", "data", "plan", "counters", "data/schema", "data/write", "metrics"),
+    "scan": ("support", "host", "data", "plan", "counters", "data/schema", "data/write", "metrics"),
+    "reader": ("support", "host", "data", "plan", "counters", "data/schema", "data/write", "metrics", "scan"),
 }
 
 SUFFIXES = {".h", ".cc"}

@@ -82,6 +82,9 @@ class RecordPlan {
   // Bytes that must be at hand from the start of a record on.
   std::uint64_t bytes_needed() const { return bytes_needed_; }
 
+  // Memory that the plan takes.
+  std::size_t bytes() const { return sizeof *this + steps_.capacity() * sizeof(Step) + literals_.capacity(); }
+
   // Writes the text of the record that begins at the first of the bytes at hand, with `before` ahead of it.
   // False, with nothing written, when there are too few bytes or a value has no text. `clock` converts local
   // times; plans without one take null. Throws std::bad_alloc only when a single piece of text outgrows the

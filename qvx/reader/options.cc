@@ -4,7 +4,6 @@
 #include <libgen.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -25,21 +24,6 @@ constexpr std::uint32_t kMaxVerbosity = 7;
 constexpr int kSchemaSearchLevels = 5;
 constexpr const char* kSchemaFolderName = "schema";
 constexpr const char* kDefaultsFailed = "Failed to initialize options default values";
-
-struct FormatName {
-  std::int32_t value;
-  const char* name;
-};
-
-constexpr std::array<FormatName, 7> kFormatNames{{
-    {0, "json"},
-    {1, "ndjson"},
-    {2, "txt"},
-    {3, "csv"},
-    {4, "influx"},
-    {5, "bin"},
-    {-1, nullptr},
-}};
 
 // Only the long form sets the output folder: 'o' is, deliberately, no short option, although the usage text
 // lists it, and the usage text's "--print-headers" is "--print-page-info".
@@ -166,18 +150,6 @@ bool choose_schema_folder(ReaderOptions& options) {
 }
 
 }  // namespace
-
-std::int32_t output_format_from_name(const char* name) noexcept {
-  for (const FormatName& row : kFormatNames)
-    if (row.name != nullptr && std::strcmp(row.name, name) == 0) return row.value;
-  return -1;
-}
-
-const char* output_format_name(std::int32_t value) noexcept {
-  for (const FormatName& row : kFormatNames)
-    if (row.value == value) return row.name;
-  return nullptr;
-}
 
 bool reader_options_set_defaults(ReaderOptions& options) noexcept {
   options.input_files = make_string_array();

@@ -5,15 +5,10 @@
 #include <optional>
 #include <string>
 
+#include "qvx/reader/output_format.h"
 #include "qvx/support/string_array.h"
 
 namespace qvx {
-
-enum class OutputFormat : std::int32_t { json = 0, ndjson = 1, txt = 2, csv = 3, influx = 4, bin = 5 };
-
-// -1 for a name that is no format; null for a value that is none.
-std::int32_t output_format_from_name(const char* name) noexcept;
-const char* output_format_name(std::int32_t value) noexcept;
 
 // One record for the whole run, filled once from the command line.
 struct ReaderOptions {

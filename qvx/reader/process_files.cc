@@ -1,7 +1,6 @@
 #include "qvx/reader/process_files.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -10,58 +9,21 @@
 #include <string_view>
 #include <vector>
 
-#include "qvx/data/block.h"
-#include "qvx/reader/block_walk.h"
+#include "qvx/reader/bin_visitor.h"
 #include "qvx/reader/input_files.h"
-#include "qvx/reader/reader_context.h"
+#include "qvx/reader/print_visitor.h"
+#include "qvx/scan/data_input.h"
+#include "qvx/scan/file_scan.h"
+#include "qvx/support/format.h"
 #include "qvx/support/log.h"
 
 namespace qvx {
 namespace {
 
-struct FreeBytes {
-  void operator()(std::byte* bytes) const { std::free(bytes); }
-};
-
 // The four conditions together are the rule; with an ordinary range they never skip a file.
 bool is_out_of_date_range(const ReaderOptions& options, const qvx_data_file_header& header) {
   return header.first_timestamp < options.timestamp_gt && header.last_timestamp < options.timestamp_gt &&
          header.first_timestamp > options.timestamp_lt && header.last_timestamp > options.timestamp_lt;
-}
-
-// Reads data block after data block; a short last one at the end of the file is accepted.
-bool process_data_blocks(ReaderContext& context) {
-  if (is_out_of_date_range(context.run.options, context.header)) {
-    QVX_LOG(QVX_LOG_DEBUG, "File content is out of date range");
-    return true;
-  }
-  const std::uint32_t block_size = context.header.block_size;
-  // Not touched before it is read into: a small file may claim a large block size.
-  const std::unique_ptr<std::byte, FreeBytes> buffer(static_cast<std::byte*>(std::malloc(block_size)));
-  if (buffer == nullptr) {
-    QVX_LOG(QVX_LOG_ERROR, "Failed to allocate data block of size %u: %s", block_size, std::strerror(errno));
-    return false;
-  }
-  gzFile const file = context.file.get();
-  int count = 0;
-  while ((count = read_gzip(context, buffer.get(), block_size)) != 0) {
-    if (count < static_cast<int>(kMagicSize)) {
-      QVX_LOG(QVX_LOG_ERROR, "No data block header read from the file %s", context.path);
-      return false;
-    }
-    if (static_cast<std::uint32_t>(count) < block_size && gzeof(file) == 0) {
-      QVX_LOG(QVX_LOG_ERROR, "Failed to read data file %s: %s", context.path, std::strerror(errno));
-      return false;
-    }
-    const Bytes unit(buffer.get(), static_cast<std::size_t>(count));
-    const bool ok = block_type_of(unit) == QVX_PAGE_BLOCK ? walk_page_blocks(context, unit)
-                                                          : walk_block_chain(context, unit, false);
-    if (!ok) return false;
-    if (context.run.sink.error() != 0) return true;
-  }
-  if (gzeof(file) != 0) return context.bin == nullptr || !context.bin->failed();
-  QVX_LOG(QVX_LOG_ERROR, "No data block header read from the file %s", context.path);
-  return false;
 }
 
 // The key of a file in the JSON document: its base name up to the first dot.
@@ -71,65 +33,75 @@ std::string_view json_key(std::string_view path) {
   return path.substr(0, path.find('.'));
 }
 
-bool read_header(ReaderContext& context) {
-  FileHeaderBytes bytes;
-  errno = 0;
-  if (read_gzip(context, bytes.data(), kFileHeaderSize) != static_cast<int>(kFileHeaderSize)) {
-    file_error(context, "Failed reading data file header: %s", std::strerror(errno));
+// Hands every block to the visitor; stops when the output cannot be written.
+void process_blocks(Run& run, FileScan& scan, ScanVisitor& visitor) {
+  if (is_out_of_date_range(run.options, scan.header())) {
+    QVX_LOG(QVX_LOG_DEBUG, "File content is out of date range");
+    return;
+  }
+  while (scan.next(visitor) && run.sink.error() == 0) {
+  }
+}
+
+bool process_opened_file(Run& run, const char* path, bool is_first_file, FileScan& scan,
+                         PrintVisitor& visitor) {
+  if (!scan.read_header(visitor) || !scan.load_types(visitor)) return false;
+  OutputSink& sink = run.sink;
+  if (run.format.one_document) {
+    if (!is_first_file) sink.write(",");
+    sink.write("\"");
+    sink.write(json_key(path));
+    sink.write("\":[");
+  }
+  process_blocks(run, scan, visitor);
+  if (scan.failed() || !visitor.complete()) {
+    visitor.file_error(format_text("Failed to process data file %s", path).c_str());
     return false;
   }
-  context.header = file_header_decode(bytes);
-  if (context.run.options.print_headers) context.run.sink.write(header_dump(context.header));
-  if (!validate_header(context.header)) {
-    file_error(context, "Invalid data file header");
-    return false;
-  }
-  const std::uint32_t block_size = context.header.block_size;
-  if (block_size < kMinBlockSize || block_size >= kBlockSizeEnd) {
-    file_error(context, "Block size %d must be in range between %zu and %d bytes ",
-               static_cast<int>(block_size), kMinBlockSize, static_cast<int>(kBlockSizeEnd));
-    return false;
-  }
+  if (run.format.one_document) sink.write("]");
   return true;
 }
 
-bool process_opened_file(ReaderContext& context, bool is_first_file) {
-  if (!read_header(context)) return false;
-  context.types = context.run.types.load(context.header.event_schema_ids, context.header.counters_schema_id);
-  if (context.types == nullptr) {
-    file_error(context, "Failed to load type system");
-    return false;
-  }
-  if (context.bin != nullptr) context.bin->set_header(context.header);
-  OutputSink& sink = context.run.sink;
-  const bool is_json = context.run.options.format == OutputFormat::json;
-  if (is_json) {
-    if (!is_first_file) sink.write(",");
-    sink.write("\"");
-    sink.write(json_key(context.path));
-    sink.write("\":[");
-  }
-  if (!process_data_blocks(context)) {
-    file_error(context, "Failed to process data file %s", context.path);
-    return false;
-  }
-  if (is_json) sink.write("]");
-  return true;
+// The visitor for the run's format; null on failure, which is logged.
+std::unique_ptr<PrintVisitor> make_visitor(Run& run, const char* path, FileScan& scan) {
+  if (run.options.format == OutputFormat::bin) return BinVisitor::create(run, path, scan);
+  return std::make_unique<PrintVisitor>(run, path);
 }
 
 bool process_file(Run& run, const char* path, bool is_first_file) {
-  const std::unique_ptr<ReaderContext> context = create_reader_context(run, path);
-  if (context == nullptr) {
-    QVX_LOG(QVX_LOG_ERROR, "Failed to initialize reader context");
-    return false;
-  }
-  QVX_LOG(QVX_LOG_DEBUG, "Processing data file %s", path);
+  PrintVisitor until_opened(run, path);
   try {
-    return process_opened_file(*context, is_first_file);
+    FileScan scan(run.types);
+    std::unique_ptr<PrintVisitor> visitor;
+    if (scan.open(path, until_opened)) visitor = make_visitor(run, path, scan);
+    if (visitor == nullptr) {
+      QVX_LOG(QVX_LOG_ERROR, "Failed to initialize reader context");
+      return false;
+    }
+    QVX_LOG(QVX_LOG_DEBUG, "Processing data file %s", path);
+    return process_opened_file(run, path, is_first_file, scan, *visitor);
   } catch (const std::bad_alloc&) {
-    file_error(*context, "%s", std::strerror(ENOMEM));
+    until_opened.file_error(std::strerror(ENOMEM));
     return false;
   }
+}
+
+// Reads and validates the header of a file and closes it again; faults are logged.
+bool read_file_header(const char* path, qvx_data_file_header& header) {
+  DataInput input;
+  if (!input.open(path)) {
+    QVX_LOG(QVX_LOG_ERROR, "Failed to open data file %s: %s", path, std::strerror(errno));
+    return false;
+  }
+  FileHeaderBytes bytes;
+  if (input.read(bytes) != bytes.size()) {
+    QVX_LOG(QVX_LOG_ERROR, "Failed to read header from file: %s", path);
+    return false;
+  }
+  header = file_header_decode(bytes);
+  if (validate_header(header)) return true;
+  QVX_LOG(QVX_LOG_ERROR, "Invalid header in file: %s", path);
+  return false;
 }
 
 // The file's text fields end at their first NUL and lose their last byte.
@@ -149,7 +121,7 @@ std::optional<std::vector<FileEntry>> read_entries(Run& run) {
   }
   for (const char* const path : strings(run.options.input_files)) {
     qvx_data_file_header header;
-    if (!read_file_header(path, run, header)) {
+    if (!read_file_header(path, header)) {
       QVX_LOG(QVX_LOG_ERROR, "Failed to read file header: %s", path);
       return std::nullopt;
     }
@@ -163,8 +135,7 @@ std::optional<std::vector<FileEntry>> read_entries(Run& run) {
 
 int process_files(const ReaderOptions& options, OutputSink& sink) {
   Run run(options, sink);
-  const bool is_json = options.format == OutputFormat::json;
-  if (is_json) sink.write("{");
+  if (run.format.one_document) sink.write("{");
   int failures = 0;
   bool is_first_file = true;
   const auto process = [&](const char* path) {
@@ -182,7 +153,7 @@ int process_files(const ReaderOptions& options, OutputSink& sink) {
     for (const char* const path : strings(options.input_files))
       process(path);
   }
-  if (is_json) sink.write("}");
+  if (run.format.one_document) sink.write("}");
   return failures;
 }
 

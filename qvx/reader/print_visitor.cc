@@ -1,0 +1,146 @@
+#include "qvx/reader/print_visitor.h"
+
+#include <cstdio>
+#include <string>
+
+#include "qvx/data/block.h"
+#include "qvx/reader/print_plans.h"
+#include "qvx/support/format.h"
+#include "qvx/support/log.h"
+
+namespace qvx {
+namespace {
+
+// The file error of a record that cannot be written in its form.
+const char* failure_of(RecordForm form) {
+  switch (form) {
+    case RecordForm::json_pretty:
+    case RecordForm::json_compact:
+      return "Failed to JSONify event values";
+    case RecordForm::influx_fields:
+      return "Failed to serialize event data to Influx line API format";
+    case RecordForm::tables:
+    case RecordForm::none:
+      break;
+  }
+  return "";
+}
+
+}  // namespace
+
+// What stands before the next record: in one JSON document a separator, unless it is the first.
+std::string_view PrintVisitor::before_record() const {
+  return run_.format.one_document && records_written_ != 0 ? ",\n" : "";
+}
+
+void PrintVisitor::on_header(const qvx_data_file_header& header) {
+  if (run_.options.print_headers) run_.sink.write(header_dump(header));
+}
+
+void PrintVisitor::on_event_header(const EventHeader& header) {
+  if (run_.options.print_headers) run_.sink.write(event_header_dump(header));
+}
+
+bool PrintVisitor::on_events(const EventsBlock& block) {
+  const EventPrint& print = EventPrints::of(block.schema, block.type_index, run_.options);
+  if (!print.selected) return true;
+  const auto failed = [](bool ok) {
+    if (!ok) QVX_LOG(QVX_LOG_ERROR, "Failed to print");
+    return ok;
+  };
+  const OutputFormatRow& format = run_.format;
+  Bytes left = block.records;
+  for (std::size_t index = 0; index < block.count; ++index) {
+    if (format.events == RecordForm::none) {
+      file_error(format.no_events);
+      if (format.no_events_fails) return failed(false);
+    } else if (!print.plan || !print.plan->write(left, before_record(), run_.sink)) {
+      file_error(failure_of(format.events));
+      return failed(false);
+    }
+    ++records_written_;
+    left = left.subspan(block.type.size);
+  }
+  return true;
+}
+
+bool PrintVisitor::on_counters(const CountersBlock& block) {
+  const bool ok = print_counters(block);
+  ++records_written_;
+  return ok;
+}
+
+// With -p the header only; nothing outside the time range, whose ends both belong to it.
+bool PrintVisitor::print_counters(const CountersBlock& block) {
+  const ReaderOptions& options = run_.options;
+  if (options.print_headers) {
+    run_.sink.write(counters_header_dump(block.header));
+    return true;
+  }
+  if (block.header.timestamp < options.timestamp_gt || block.header.timestamp > options.timestamp_lt)
+    return true;
+  const RecordForm form = run_.format.counters;
+  if (form == RecordForm::none) {
+    file_error(run_.format.no_counters);
+    return true;
+  }
+  const CountersPrint& print = CountersPrint::of(block.schema, options);
+  if (print.tables) {
+    print.tables->write(block.block, run_.sink, run_.clock);
+    return true;
+  }
+  if (print.plan && print.plan->write(block.block, before_record(), run_.sink, &run_.clock)) return true;
+  file_error(failure_of(form));
+  return false;
+}
+
+// Its faults are reported and never fail the file.
+void PrintVisitor::on_metrics(const MetricsBlock& block) {
+  run_.metrics.output_metrics_block(*this, block.block);
+  ++records_written_;
+}
+
+OutputSink& PrintVisitor::begin_record() {
+  run_.sink.write(before_record());
+  return run_.sink;
+}
+
+void PrintVisitor::end_record() {
+  if (!run_.format.one_document) run_.sink.write("\n");
+}
+
+void PrintVisitor::on_fault(const Fault& fault) {
+  switch (fault.kind) {
+    case FaultKind::header_short:
+    case FaultKind::header_invalid:
+    case FaultKind::block_size_invalid:
+    case FaultKind::types_failed:
+      return file_error(fault.words.c_str());
+    case FaultKind::open_failed:
+    case FaultKind::no_memory:
+    case FaultKind::no_block_header:
+    case FaultKind::read_failed:
+    case FaultKind::unknown_block:
+    case FaultKind::unknown_type:
+    case FaultKind::block_failed:
+      QVX_LOG(QVX_LOG_ERROR, "%s", fault.words.c_str());
+      return;
+    // The library has said why.
+    case FaultKind::page_damaged:
+    case FaultKind::schemas_failed:
+    // Passed over without a word.
+    case FaultKind::schemas_block_invalid:
+    case FaultKind::page_cut:
+    case FaultKind::events_cut:
+      return;
+  }
+}
+
+void PrintVisitor::file_error(const char* message) {
+  run_.sink.flush();
+  const std::string text = format_text("Failed processing file %s: %s\n", path_, message);
+  write_diagnostic(stderr, text.data(), text.size());
+  std::fflush(stderr);
+}
+
+}  // namespace qvx
