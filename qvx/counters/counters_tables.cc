@@ -158,9 +158,8 @@ void CountersTables::write_rows(const Group& group, Bytes values, OutputSink& si
 void qvx_counters_block_print(std::FILE* stream, qvx::Bytes block, const qvx_counters_schema* schema) {
   std::string text;
   qvx::LocalTimeText clock;
-  {
-    qvx::OutputSink sink(text);
-    qvx::CountersTables(*schema).write(block, sink, clock);
-  }
+  qvx::OutputSink sink(text);
+  qvx::CountersTables(*schema).write(block, sink, clock);
+  if (!sink.flush()) return;
   std::fwrite(text.data(), 1, text.size(), stream);
 }

@@ -241,8 +241,7 @@ bool RecordPlan::write(Bytes at_hand, std::string_view before, OutputSink& sink,
 std::optional<std::string> RecordPlan::text(Bytes at_hand, LocalTimeText* clock) const {
   std::string text;
   OutputSink sink(text);
-  if (!write(at_hand, {}, sink, clock)) return std::nullopt;
-  sink.flush();
+  if (!write(at_hand, {}, sink, clock) || !sink.flush()) return std::nullopt;
   return text;
 }
 

@@ -40,6 +40,31 @@ void ignore_file_size_signal() {
   std::signal(SIGXFSZ, SIG_IGN);
 }
 
+// Whether a broken pipe is to end the program, as it does unless whoever started it said otherwise.
+bool broken_pipe_ends = false;
+
+// A standard error that nobody reads any more must not end the program, so the signal is taken out of the way
+// of every write and brought back for those to standard output.
+void ignore_broken_pipes() {
+  broken_pipe_ends = std::signal(SIGPIPE, SIG_IGN) == SIG_DFL;
+}
+
+void end_quietly_without_reader(int error) {
+  if (error != EPIPE || !broken_pipe_ends) return;
+  std::signal(SIGPIPE, SIG_DFL);
+  std::raise(SIGPIPE);
+}
+
+// Buffered standard output.
+class StandardOutput : public OutputSink {
+ public:
+  StandardOutput() : OutputSink(STDOUT_FILENO) { set_fault_handler(end_quietly_without_reader); }
+};
+
+void write_committed(void* sink) noexcept {
+  static_cast<OutputSink*>(sink)->write_committed();
+}
+
 void set_locale() {
   constexpr const char* kLocale = "C";
   if (qvx::is_true_switch(qvx_getenv("QVX_DONT_SET_LOCALE"))) return;
@@ -57,7 +82,7 @@ bool finish_output(OutputSink& sink) {
 }
 
 bool print(const std::string& text) {
-  OutputSink sink(STDOUT_FILENO);
+  StandardOutput sink;
   sink.write(text);
   return finish_output(sink);
 }
@@ -71,7 +96,8 @@ int read_files(const ReaderOptions& options) {
   qvx_init_stderr_logger(options.verbosity);
   if (options.input_files->count == 0) std::fputs("No input files specified\n", stderr);
   qvx_string_array_print(QVX_LOG_DEBUG, options.input_files.get(), "data file");
-  OutputSink sink(STDOUT_FILENO);
+  StandardOutput sink;
+  const qvx::BeforeErrorLines in_order(write_committed, &sink);
   const int failures = qvx::process_files(options, sink);
   const bool written = finish_output(sink);
   if (failures > 0)
@@ -85,6 +111,7 @@ int read_files(const ReaderOptions& options) {
 int main(int argc, char** argv) {
   occupy_standard_descriptors();
   ignore_file_size_signal();
+  ignore_broken_pipes();
   set_locale();
   try {
     ReaderOptions options;

@@ -137,7 +137,7 @@ void PrintVisitor::on_fault(const Fault& fault) {
 }
 
 void PrintVisitor::file_error(const char* message) {
-  run_.sink.flush();
+  run_.sink.write_committed();
   const std::string text = format_text("Failed processing file %s: %s\n", path_, message);
   write_diagnostic(stderr, text.data(), text.size());
   std::fflush(stderr);

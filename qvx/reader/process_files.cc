@@ -68,10 +68,15 @@ std::unique_ptr<PrintVisitor> make_visitor(Run& run, const char* path, FileScan&
   return std::make_unique<PrintVisitor>(run, path);
 }
 
+void before_reading(void* sink, int descriptor) noexcept {
+  static_cast<OutputSink*>(sink)->before_reading(descriptor);
+}
+
 bool process_file(Run& run, const char* path, bool is_first_file) {
   PrintVisitor until_opened(run, path);
   try {
     FileScan scan(run.types);
+    scan.set_read_hook({before_reading, &run.sink});
     std::unique_ptr<PrintVisitor> visitor;
     if (scan.open(path, until_opened)) visitor = make_visitor(run, path, scan);
     if (visitor == nullptr) {

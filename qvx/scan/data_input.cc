@@ -142,6 +142,7 @@ std::size_t DataInput::read_file(std::span<std::byte> to) {
     return count;
   }
   for (;;) {
+    if (read_hook_.call != nullptr) read_hook_.call(read_hook_.context, file_.get());
     const ssize_t count = ::read(file_.get(), to.data(), to.size());
     if (count > 0) return static_cast<std::size_t>(count);
     if (count == 0) {

@@ -29,6 +29,13 @@ class DataInput {
   // Reads bytes in memory instead, which outlive the input.
   void open(Bytes memory);
 
+  // Is called with the descriptor of the file before each read of it, which may wait.
+  struct ReadHook {
+    void (*call)(void* context, int descriptor) noexcept = nullptr;
+    void* context = nullptr;
+  };
+  void set_read_hook(ReadHook hook) { read_hook_ = hook; }
+
   // Reads until `to` is full, the file ends or reading fails. Returns the number of bytes, all of them good:
   // what was unpacked before a fault is handed out. Throws std::bad_alloc.
   std::size_t read(std::span<std::byte> to);
@@ -56,6 +63,7 @@ class DataInput {
   void fill_buffer();
   std::size_t read_file(std::span<std::byte> to);
 
+  ReadHook read_hook_;
   FileDescriptor file_;  // none: reads memory_
   Bytes memory_;
   Form form_ = Form::unknown;  // of what comes next

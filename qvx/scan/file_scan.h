@@ -34,6 +34,7 @@ class FileScan {
   explicit FileScan(TypeCache& types);
 
   [[nodiscard]] bool open(const char* path, ScanVisitor& visitor);
+  void set_read_hook(DataInput::ReadHook hook) { input_.set_read_hook(hook); }
   // Reads a file that is in memory, which outlives the scan.
   void open(Bytes file);
 

@@ -162,6 +162,8 @@ __attribute__((format(printf, 2, 3))) void write_message(std::uint32_t level, co
     vsyslog(static_cast<int>(level), format, args);
   } else {
     if (logger.stream == nullptr) open_stream();
+    const bool is_fault = level == QVX_LOG_ERROR || level == QVX_LOG_WARNING;
+    if (is_fault && logger.stream == stderr) qvx::BeforeErrorLines::run();
     const LineLock lock;
     std::FILE* const stream = logger.stream;
     write_line(stream != nullptr ? stream : stderr, level, format, args);
@@ -396,6 +398,8 @@ void qvx_log_hex_dump(const void* bytes, std::size_t size) {
 namespace qvx {
 namespace {
 
+constinit thread_local BeforeErrorLines* before_error_lines = nullptr;
+
 // The size of the character that the text begins with; 0 when it is a control character other than tab and
 // line end, or no UTF-8. A terminal takes the control characters from U+0080 to U+009F (\u009b is "\x1b[") as
 // two bytes of UTF-8 or as one byte, depending on how it is set.
@@ -415,6 +419,22 @@ std::size_t visible_character(std::string_view text) {
 }
 
 }  // namespace
+
+BeforeErrorLines::BeforeErrorLines(Action action, void* context) noexcept
+    : action_(action), context_(context), outer_(before_error_lines) {
+  before_error_lines = this;
+}
+
+BeforeErrorLines::~BeforeErrorLines() {
+  before_error_lines = outer_;
+}
+
+void BeforeErrorLines::run() noexcept {
+  // Out of the way meanwhile, so that an action that logs does not run itself.
+  BeforeErrorLines* const current = std::exchange(before_error_lines, nullptr);
+  if (current != nullptr) current->action_(current->context_);
+  before_error_lines = current;
+}
 
 void write_diagnostic(std::FILE* stream, const char* text, std::size_t size) {
   if (isatty(fileno(stream)) == 0) {

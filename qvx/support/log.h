@@ -93,6 +93,27 @@ std::uint64_t qvx_logged_messages();
 void qvx_log_hex_dump(const void* bytes, std::size_t size);
 
 namespace qvx {
+// What is to be done, as long as the object lives, before a message of this thread goes to standard error at
+// level 3 or 4: what was decoded before it is written out, so that both streams on one terminal read in
+// order. The object that was made last counts, and is the first to go.
+class BeforeErrorLines {
+ public:
+  using Action = void (*)(void* context) noexcept;
+
+  BeforeErrorLines(Action action, void* context) noexcept;
+  ~BeforeErrorLines();
+  BeforeErrorLines(const BeforeErrorLines&) = delete;
+  BeforeErrorLines& operator=(const BeforeErrorLines&) = delete;
+
+  // For the logger.
+  static void run() noexcept;
+
+ private:
+  Action action_;
+  void* context_;
+  BeforeErrorLines* outer_;
+};
+
 // Writes text to a stream. On a terminal, control characters other than tab and line end, and bytes that are
 // no UTF-8, are shown as \xNN, since names in a message may come out of a file; elsewhere the bytes are
 // written as they are.

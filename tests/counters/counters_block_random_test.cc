@@ -126,7 +126,7 @@ std::string written(const RecordPlan& plan, Bytes block, std::size_t capacity, b
   LocalTimeText clock;
   sink.write("kept");
   succeeded = plan.write(block, "\n", sink, &clock);
-  sink.flush();
+  EXPECT_TRUE(sink.flush());
   return text;
 }
 

@@ -103,7 +103,7 @@ class BinOutputFiles : public ::testing::Test {
     ::testing::internal::CaptureStderr();
     failures_ = process_files(options, sink);
     errors_ = ::testing::internal::GetCapturedStderr();
-    sink.flush();
+    EXPECT_TRUE(sink.flush());
     return text;
   }
 

@@ -56,7 +56,7 @@ class PrintVisitorTest : public testing::Test {
       step = walk.next(visitor);
     err_ = testing::internal::GetCapturedStderr();
     records_written_ = visitor.records_written();
-    sink.flush();
+    EXPECT_TRUE(sink.flush());
     return step == WalkStep::end;
   }
 

@@ -16,6 +16,7 @@
 
 #include "qvx/support/env.h"
 #include "qvx/support/file_descriptor.h"
+#include "qvx/support/log_recorder.h"
 #include "tests/support/env_guard.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/log_capture.h"
@@ -433,6 +434,57 @@ int imported_calls = 0;
 
 void count_call(std::uint32_t, const char*, ...) {
   ++imported_calls;
+}
+
+void say_written(void* name) noexcept {
+  std::fprintf(stderr, "%s written\n", static_cast<const char*>(name));
+}
+
+// The lines after the time stamps.
+auto TextLines(const std::string& lines) {
+  std::string pattern;
+  for (std::size_t start = 0; start < lines.size();) {
+    const std::size_t end = lines.find('\n', start);
+    const std::string line = lines.substr(start, end - start);
+    pattern += line.ends_with("written") ? line : "[^\n]* " + line;
+    pattern += '\n';
+    start = end + 1;
+  }
+  return testing::MatchesRegex(pattern);
+}
+
+TEST_F(LogDeathTest, OutputIsWrittenBeforeErrorsAndWarningsOnly) {
+  const auto body = [] {
+    qvx_init_stderr_logger(QVX_LOG_INFO);
+    char outer_name[] = "outer";
+    char inner_name[] = "inner";
+    const BeforeErrorLines outer(say_written, outer_name);
+    {
+      const BeforeErrorLines inner(say_written, inner_name);
+      QVX_LOG(QVX_LOG_ERROR, "error");
+      QVX_LOG(5, "notice");
+      QVX_LOG(QVX_LOG_INFO, "info");
+      QVX_LOG(QVX_LOG_DEBUG, "dropped");
+    }
+    QVX_LOG(QVX_LOG_WARNING, "warning");
+    const LogRecorder recorder(QVX_LOG_WARNING);
+    QVX_LOG(QVX_LOG_ERROR, "recorded");
+    return true;
+  };
+  EXPECT_EXIT((body(), finish(true)), testing::ExitedWithCode(0),
+              TextLines("inner written\nerror\nnotice\ninfo\nouter written\nwarning\n"));
+}
+
+TEST_F(LogDeathTest, OutputIsNotWrittenBeforeLinesThatGoToAFile) {
+  const auto body = [] {
+    const TempDir dir;
+    qvx_init_file_logger(dir.file("log").c_str(), QVX_LOG_ERROR);
+    char name[] = "output";
+    const BeforeErrorLines before(say_written, name);
+    QVX_LOG(QVX_LOG_ERROR, "error");
+    return true;
+  };
+  EXPECT_LOGGED(body(), {});
 }
 
 TEST_F(LogDeathTest, ImportTakesTheCallbackOfTheOtherModule) {
