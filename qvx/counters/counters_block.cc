@@ -1,5 +1,6 @@
 #include "qvx/counters/counters_block.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <unordered_map>
 #include <utility>
@@ -11,6 +12,28 @@ namespace qvx {
 namespace {
 
 constexpr const char* kUnnamedGroup = "unset";
+
+std::string_view name_of(const qvx_counter_info& counter) {
+  return counter.name ? std::string_view(*counter.name) : std::string_view();
+}
+
+// All sets of a group read the same bytes, so the size of a block says nothing of what its text takes.
+bool is_work_bounded(const qvx_counters_schema& schema) {
+  constexpr std::uint64_t kMaxRepeatedText = std::uint64_t{256} << 20;
+  std::uint64_t values = 0;
+  std::uint64_t repeated_text = 0;
+  for (const auto& group : schema.groups) {
+    const std::uint64_t sets = group->num_counter_sets;
+    values += sets * std::max<std::uint64_t>(group->counters.size(), 1);
+    if (values > kMaxCounterValues) return false;
+    if (sets < 2) continue;
+    for (const auto& counter : group->counters) {
+      repeated_text += sets * name_of(*counter).size();
+      if (counter->data_type == QVX_COUNTER_STRING) repeated_text += sets * counter->length;
+    }
+  }
+  return repeated_text <= kMaxRepeatedText;
+}
 
 class CountersCompiler {
  public:
@@ -81,7 +104,6 @@ class CountersCompiler {
     }
     builder_.text("{");
     if (order.empty()) {
-      builder_.visit(1);
       builder_.text("}");
       return;
     }
@@ -117,10 +139,6 @@ class CountersCompiler {
     builder_.array(StepKind::literal, offset_in_block(counter), 1, 0, size, "");
   }
 
-  static std::string_view name_of(const qvx_counter_info& counter) {
-    return counter.name ? std::string_view(*counter.name) : std::string_view();
-  }
-
   static std::uint64_t offset_in_block(const qvx_counter_info& counter) {
     return std::uint64_t{kCountersHeaderSize} + counter.offset;
   }
@@ -139,10 +157,12 @@ class CountersCompiler {
 
 std::optional<RecordPlan> compile_counters_plan(const qvx_counters_schema& schema, json::Style style,
                                                 std::string_view after) {
-  PlanBuilder builder;
+  if (!is_work_bounded(schema)) return std::nullopt;
+  // The text around values comes out of the schema as it is, so nothing else bounds the plan.
+  PlanBuilder builder({.steps = 4 * kMaxCounterValues, .literals = std::size_t{1} << 30});
   CountersCompiler(builder, style).block(schema);
   builder.text(after);
-  return builder.finish(PlanBuilder::Sharing::allowed);
+  return builder.finish();
 }
 
 }  // namespace qvx

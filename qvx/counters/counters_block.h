@@ -18,7 +18,8 @@ namespace qvx {
 // The plan that writes counters blocks of the schema as JSON, each followed by `after`. All counter sets
 // of a group are read from the same offsets, deliberately, so they show the same values. Counters without
 // a JSON value are left out. Of counters of one name in a group the last is shown, at the place of the
-// first. Nothing when the schema is too large.
+// first. Nothing when a block would have more than kMaxCounterValues values, or when names and texts of
+// counters, shown again in each set, would add up to more than 256 MiB.
 [[nodiscard]] std::optional<RecordPlan> compile_counters_plan(const qvx_counters_schema& schema,
                                                               json::Style style, std::string_view after);
 

@@ -44,6 +44,10 @@ std::uint64_t qvx_counters_schema_number_of_values(const qvx_counters_schema* sc
 
 namespace qvx {
 
+// The most values that one counters block is printed with, in any format. A set without counters takes as
+// much as one value.
+inline constexpr std::uint64_t kMaxCounterValues = std::uint64_t{1} << 20;
+
 struct CountersSchemaDelete {
   void operator()(qvx_counters_schema* schema) const noexcept { qvx_counters_schema_destroy(schema); }
 };

@@ -8,6 +8,7 @@
 
 #include "qvx/data/block.h"
 #include "qvx/support/format.h"
+#include "qvx/support/log.h"
 #include "qvx/support/number.h"
 #include "qvx/support/text.h"
 
@@ -17,7 +18,6 @@ namespace {
 constexpr std::size_t kColumnWidth = 20;
 // Room for one cell: the longest double has 309 digits before its point.
 constexpr std::size_t kCellRoom = kFixedNumberRoom + 2 * kColumnWidth;
-constexpr std::uint64_t kMaxSharedValues = 65536;
 
 char* put(char* out, std::string_view text) {
   return out + text.copy(out, text.size());
@@ -85,6 +85,7 @@ char* put_cell(char* out, std::uint32_t data_type, Bytes values, std::uint64_t s
 
 CountersTables::CountersTables(const qvx_counters_schema& schema) {
   constexpr std::size_t kCellWidth = kColumnWidth + 3;
+  std::uint64_t values_left = kMaxCounterValues;
   for (const auto& from : schema.groups) {
     Group& group = groups_.emplace_back();
     const std::size_t columns = from->counters.size();
@@ -96,7 +97,10 @@ CountersTables::CountersTables(const qvx_counters_schema& schema) {
       group.row_label_width = label.size();
       width += label.size() + 3;
     }
-    group.rows = from->num_counter_sets;
+    const std::uint64_t row_values = std::max<std::uint64_t>(columns, 1);
+    group.rows = std::min<std::uint64_t>(from->num_counter_sets, values_left / row_values);
+    values_left -= group.rows * row_values;
+    rows_left_out_ += from->num_counter_sets - group.rows;
     group.rule = std::string(width, '-') + "\n";
     group.head = group.rule;
     // Negative for a table without columns, which printf takes for left alignment and no precision.
@@ -128,13 +132,15 @@ void CountersTables::write(Bytes block, OutputSink& sink, LocalTimeText& clock) 
     write_rows(group, values, sink);
     sink.write(group.rule);
   }
+  if (rows_left_out_ > 0) {
+    QVX_LOG(QVX_LOG_WARNING, "Tables of a counters block end after %llu values: %llu rows are left out",
+            static_cast<unsigned long long>(kMaxCounterValues),
+            static_cast<unsigned long long>(rows_left_out_));
+  }
 }
 
 void CountersTables::write_rows(const Group& group, Bytes values, OutputSink& sink) {
-  const std::uint64_t columns = std::max<std::size_t>(group.data_types.size(), 1);
-  const std::uint64_t limit = std::max(kMaxSharedValues, values.size() / kCounterSlotSize) / columns;
-  const std::uint64_t rows = std::min<std::uint64_t>(group.rows, std::max<std::uint64_t>(limit, 1));
-  for (std::uint64_t row = 0; row < rows; ++row) {
+  for (std::uint64_t row = 0; row < group.rows; ++row) {
     char* out = sink.reserve(kNumberRoom + group.row_label_width);
     *out++ = '|';
     if (group.row_label_width > 0) {

@@ -18,7 +18,8 @@ namespace qvx {
 
 // Writes counters blocks as one table per group. Values are taken by position, eight bytes each, and not by
 // offset: row s and column c show slot c + s × columns of the values area. A slot outside the block shows as
-// zero, and a group has no more rows than lie in its block or 65536 values take, whatever its schema says.
+// zero. Tables stop when a block has kMaxCounterValues values; how many rows are then left out is logged at
+// level 4.
 class CountersTables {
  public:
   explicit CountersTables(const qvx_counters_schema& schema);
@@ -30,13 +31,14 @@ class CountersTables {
     std::string head;  // from the first rule to the one below the column names
     std::string rule;
     std::size_t row_label_width = 0;  // 0: rows have no label
-    std::uint32_t rows = 0;
+    std::uint64_t rows = 0;
     std::vector<std::uint32_t> data_types;  // a column each
   };
 
   static void write_rows(const Group& group, Bytes values, OutputSink& sink);
 
   std::vector<Group> groups_;
+  std::uint64_t rows_left_out_ = 0;
 };
 
 }  // namespace qvx

@@ -15,8 +15,6 @@
 namespace qvx {
 namespace {
 
-constexpr std::size_t kMaxSteps = std::size_t{1} << 18;
-constexpr std::uint64_t kMaxSharedText = std::uint64_t{16} << 20;
 // Texts up to this size are written in place with one check of the room; larger ones in pieces.
 constexpr std::uint64_t kInPlaceText = 128 * 1024;
 // Literals are copied in pieces of this size, and may be read and written up to one piece too far.
@@ -247,16 +245,15 @@ std::optional<std::string> RecordPlan::text(Bytes at_hand, LocalTimeText* clock)
 
 void PlanBuilder::add_text(std::string_view literal) {
   if (failed_) return;
-  if (plan_.literals_.size() + pending_.size() + literal.size() > kMaxLiterals) {
+  if (plan_.literals_.size() + pending_.size() + literal.size() > limits_.literals) {
     failed_ = true;
     return;
   }
   pending_ += literal;
 }
 
-bool PlanBuilder::visit(std::uint64_t value_bytes) {
-  if (++visits_ > kMaxSteps) failed_ = true;
-  extent_.bytes = saturating_add(extent_.bytes, value_bytes);
+bool PlanBuilder::visit() {
+  if (++visits_ > limits_.steps) failed_ = true;
   return !failed_;
 }
 
@@ -273,22 +270,21 @@ Step& PlanBuilder::add(StepKind kind, std::uint64_t offset, std::uint64_t text_r
   return step;
 }
 
-void PlanBuilder::touch(std::uint64_t offset, std::uint64_t size, std::uint64_t count) {
-  extent_.reach = std::max(extent_.reach, saturating_add(offset, size));
-  // A value counts for a byte even if it has none: each one takes time and text.
-  extent_.bytes = saturating_add(extent_.bytes, saturating_multiply(std::max<std::uint64_t>(size, 1), count));
+// A value without bytes lies in every record, wherever it stands.
+void PlanBuilder::touch(std::uint64_t offset, std::uint64_t size) {
+  if (size > 0) extent_.reach = std::max(extent_.reach, saturating_add(offset, size));
 }
 
 void PlanBuilder::value(StepKind kind, std::uint64_t offset, std::uint32_t size) {
   if (!visit()) return;
   add(kind, offset, value_room(kind, 1));
-  touch(offset, size, 1);
+  touch(offset, size);
 }
 
 void PlanBuilder::characters(StepKind kind, std::uint64_t offset, std::uint32_t length) {
   if (!visit()) return;
-  add(kind, offset, value_room(kind, length)).count = length;
-  touch(offset, length, 1);
+  add(kind, length > 0 ? offset : 0, value_room(kind, length)).count = length;
+  touch(offset, length);
 }
 
 void PlanBuilder::array(StepKind element, std::uint64_t offset, std::uint32_t count, std::uint64_t stride,
@@ -303,7 +299,7 @@ void PlanBuilder::array(StepKind element, std::uint64_t offset, std::uint32_t co
   step.separator = static_cast<std::uint32_t>(plan_.literals_.size());
   step.separator_size = static_cast<std::uint32_t>(separator.size());
   plan_.literals_ += separator;
-  touch(saturating_add(offset, saturating_multiply(stride, count - 1)), element_size, count);
+  touch(saturating_add(offset, saturating_multiply(stride, count - 1)), element_size);
 }
 
 void PlanBuilder::open_loop(std::uint64_t offset, std::uint32_t count, std::uint64_t stride,
@@ -332,7 +328,6 @@ void PlanBuilder::close_loop() {
     const std::uint64_t last = saturating_add(loop.offset, saturating_multiply(loop.stride, step.count - 1));
     extent_.reach = std::max(extent_.reach, saturating_add(last, body.reach));
   }
-  extent_.bytes = saturating_add(extent_.bytes, saturating_multiply(body.bytes, step.count));
   extent_.text = saturating_add(
       extent_.text, saturating_multiply(saturating_add(body.text, step.separator_size), step.count));
 }
@@ -343,13 +338,11 @@ void PlanBuilder::structure(StepKind kind) {
   add(kind, 0, value_room(kind, 1));
 }
 
-std::optional<RecordPlan> PlanBuilder::finish(Sharing sharing) {
+std::optional<RecordPlan> PlanBuilder::finish() {
   structure(StepKind::literal);
   if (failed_) return std::nullopt;
   plan_.max_text_ = saturating_add(extent_.text, 2 * kLiteralPiece);
   plan_.bytes_needed_ = extent_.reach;
-  if (sharing == Sharing::none || extent_.text > kMaxSharedText)
-    plan_.bytes_needed_ = std::max(extent_.reach, extent_.bytes);
   plan_.literals_.append(kLiteralPiece, '\0');
   plan_.literals_.shrink_to_fit();
   plan_.steps_.shrink_to_fit();

@@ -6,8 +6,9 @@
 // counters blocks differ in their literals and value kinds only. Writing a record allocates nothing, looks
 // nothing up and checks the room once.
 //
-// What a schema says about sizes is not trusted: a plan knows how many bytes its record needs, and refuses
-// one that has fewer. The number of steps is limited when the plan is built.
+// What a schema says about sizes is not trusted: a plan knows the furthest byte that it reads, and refuses a
+// record that is shorter; fields may overlap. The number of steps is limited when the plan is built. How much
+// work one record may ask for is for the compilers to limit, which know what their types claim.
 #pragma once
 
 #include <cstddef>
@@ -109,14 +110,16 @@ class RecordPlan {
 // nothing.
 class PlanBuilder {
  public:
-  // How a plan treats the sum of all value sizes, beside the furthest byte that is read.
-  enum class Sharing {
-    none,     // a record must hold as many bytes as its values take together
-    allowed,  // values may be read more than once, as long as their text is not excessively long
+  // What a plan may grow to; one that needs more fails.
+  struct Limits {
+    std::size_t steps = std::size_t{1} << 18;
+    std::size_t literals = std::size_t{8} << 20;  // bytes of the text that stands around values
   };
 
-  // The most text that may stand around values; a plan that needs more fails.
-  static constexpr std::size_t kMaxLiterals = std::size_t{8} << 20;
+  PlanBuilder() = default;
+  explicit PlanBuilder(const Limits& limits) : limits_(limits) {}
+
+  const Limits& limits() const { return limits_; }
 
   // Text that stands before the next value.
   template <typename... Pieces>
@@ -136,15 +139,17 @@ class PlanBuilder {
   // Ends the pending text in a step of its own.
   void structure(StepKind kind);
 
-  // Counts one visited field or empty object against the limits; false when the plan has failed.
-  bool visit(std::uint64_t value_bytes = 0);
+  // Counts one visited field or object against the limits; false when the plan has failed.
+  bool visit();
 
-  [[nodiscard]] std::optional<RecordPlan> finish(Sharing sharing);
+  // A record must have this many bytes, wherever its values lie.
+  void require(std::uint64_t bytes) { touch(0, bytes); }
+
+  [[nodiscard]] std::optional<RecordPlan> finish();
 
  private:
   struct Extent {
     std::uint64_t reach = 0;  // furthest byte read, from the start of the record or round
-    std::uint64_t bytes = 0;  // sizes of all values together
     std::uint64_t text = 0;   // room that the text may take
   };
   struct OpenLoop {
@@ -156,8 +161,9 @@ class PlanBuilder {
 
   void add_text(std::string_view literal);
   Step& add(StepKind kind, std::uint64_t offset, std::uint64_t text_room);
-  void touch(std::uint64_t offset, std::uint64_t size, std::uint64_t count);
+  void touch(std::uint64_t offset, std::uint64_t size);
 
+  Limits limits_;
   RecordPlan plan_;
   std::string pending_;
   Extent extent_;

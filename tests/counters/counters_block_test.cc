@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <limits>
@@ -224,6 +225,37 @@ TEST_F(CountersBlockTest, ManySetsOfASmallBlockAreShown) {
                 std::string_view(R"({"timestamp":1700000000123456,"@timestamp":"2023-11-14 22:13:20.123",)"
                                  R"("groups":[{"granularity":"CPU","name":"unset","counter_sets":[]}]})")
                     .size());
+}
+
+TEST_F(CountersBlockTest, BlockHasAtMostAsManyValuesAsItsTablesShow) {
+  const CounterSpec a{"a", QVX_COUNTER_INT64};
+  const CounterSpec b{"b", QVX_COUNTER_INT64};
+  const RecordBytes bytes = block().add(std::int64_t{1}).add(std::int64_t{2}).add(std::int64_t{3});
+  for (const json::Style style : {json::Style::compact, json::Style::pretty}) {
+    const auto has_text = [&](const CountersSchemaPtr& schema) {
+      return qvx_counters_block_to_json(bytes.bytes(), schema.get(), style).has_value();
+    };
+    EXPECT_TRUE(has_text(make_schema({make_group(1, 1048576, {a})})));
+    EXPECT_FALSE(has_text(make_schema({make_group(1, 1048577, {a})})));
+    EXPECT_TRUE(has_text(make_schema({make_group(1, 524287, {a, b}), make_group(1, 2, {a})})));
+    EXPECT_FALSE(has_text(make_schema({make_group(1, 524287, {a, b}), make_group(1, 3, {a})})));
+    EXPECT_TRUE(has_text(make_schema({make_group(1, 1048576, {})})));
+    EXPECT_FALSE(has_text(make_schema({make_group(1, 1048577, {})})));
+  }
+}
+
+TEST_F(CountersBlockTest, ManySetsOfManyCountersHaveCompactAndPrettyText) {
+  qvx_counter_group* const group = make_group(1, 512, {});
+  RecordBytes bytes = block();
+  for (int i = 0; i < 400; ++i) {
+    group->counters.push_back(test::make_counter("counter " + std::to_string(i), QVX_COUNTER_UINT64));
+    bytes.add(std::uint64_t{12345678901234567890U});
+  }
+  const CountersSchemaPtr schema = make_schema({group});
+  const Text pretty = qvx_counters_block_to_json(bytes.bytes(), schema.get(), json::Style::pretty);
+  ASSERT_TRUE(pretty);
+  EXPECT_EQ(std::count(pretty->begin(), pretty->end(), '\n'), 512 * 402 + 11);
+  EXPECT_TRUE(qvx_counters_block_to_json(bytes.bytes(), schema.get(), json::Style::compact));
 }
 
 TEST_F(CountersBlockTest, SetsBeyondAllMeasureHaveNoText) {

@@ -213,20 +213,18 @@ void check_json(const qvx_type_definition& type, Bytes record, json::Style style
   std::optional<std::string> expected = tree ? json::to_text(*tree, style) : std::nullopt;
   if (expected) *expected += "\n";
   const std::optional<RecordPlan> plan = compile_json_plan(type, style, "\n");
-  ASSERT_TRUE(plan);
-  ASSERT_EQ(plan->text(record), expected);
-  expect_written(*plan, record, expected);
+  ASSERT_EQ(plan ? plan->text(record) : std::nullopt, expected);
+  if (plan) expect_written(*plan, record, expected);
   ++(expected ? tally.written : tally.refused);
 }
 
 void check_influx(const qvx_type_definition& type, Bytes record, Tally& tally) {
   std::optional<std::string> expected = test::record_influx_text(type, record);
   const std::optional<RecordPlan> plan = compile_influx_plan(type);
-  ASSERT_TRUE(plan);
   ASSERT_EQ(qvx_record_to_influx(&type, record), expected);
   if (expected) *expected += "\n";
-  ASSERT_EQ(plan->text(record), expected);
-  expect_written(*plan, record, expected);
+  ASSERT_EQ(plan ? plan->text(record) : std::nullopt, expected);
+  if (plan) expect_written(*plan, record, expected);
   ++(expected ? tally.written : tally.refused);
 }
 
@@ -269,7 +267,8 @@ TEST(RecordPlanRandom, NoBytesBehindTheRecordAreReadWhateverItsSize) {
     const std::vector<std::byte> whole = random_record(random, type.size + 20);
     const std::optional<RecordPlan> json = compile_json_plan(type, json::Style::compact, "");
     const std::optional<RecordPlan> influx = compile_influx_plan(type);
-    ASSERT_TRUE(json && influx);
+    ASSERT_EQ(json.has_value(), influx.has_value());
+    if (!json) continue;
     test::for_every_truncation(whole, [&](Bytes record) {
       const std::optional<json::Value> tree = test::record_tree(type, record);
       ASSERT_EQ(json->text(record), tree ? json::to_text(*tree, json::Style::compact) : std::nullopt);

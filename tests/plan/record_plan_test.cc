@@ -207,27 +207,69 @@ TEST_F(RecordPlanLimitTest, NestedArraysOfEmptyTypesHaveNoText) {
   EXPECT_EQ(forms(*level), kNone);
 }
 
-TEST_F(RecordPlanLimitTest, LargestArrayOfAnEmptyTypeNeedsAsManyBytes) {
-  qvx_type_definition& type = types_.make();
-  types_.add(type, "a", types_.make("empty"), 65535);
-  EXPECT_EQ(forms(type, 65534), (Outcome{false, false, true}));
-  EXPECT_EQ(forms(type, 65535), (Outcome{true, true, true}));
-  qvx_type_definition& unbounded = types_.make();
-  types_.add(unbounded, "a", types_.make("empty"), 0xFFFFFFFF);
-  EXPECT_EQ(forms(unbounded), kNone);
+// What the values of a record take together may be 16 × the size that its type declares, and 1,024 bytes
+// more.
+
+TEST_F(RecordPlanLimitTest, ObjectsWithoutMembersCountForAByteEach) {
+  qvx_type_definition& most = types_.make();
+  types_.add(most, "a", types_.make("empty"), 1024);
+  EXPECT_EQ(forms(most, 0), (Outcome{true, true, true}));
+  qvx_type_definition& more = types_.make();
+  types_.add(more, "a", types_.make("empty"), 1025);
+  EXPECT_EQ(forms(more, 1000000), kNone);
+  more.size = 1;
+  EXPECT_EQ(forms(more, 1), (Outcome{true, true, true}));
+  more.fields[0]->array_length = 0xFFFFFFFF;
+  EXPECT_EQ(forms(more), kNone);
 }
 
 TEST_F(RecordPlanLimitTest, ElementsThatShareTheirBytesAreCountedSingly) {
   qvx_type_definition& type = types_.make();
-  types_.add(type, "a", "uint32_t", 65535).type_size = 0;
-  EXPECT_EQ(forms(type, 262139), (Outcome{false, false, true}));
-  EXPECT_EQ(forms(type, 262140), (Outcome{true, true, true}));
+  types_.add(type, "a", "uint32_t", 272).type_size = 0;
+  type.size = 4;
+  EXPECT_EQ(forms(type, 3), kNone);
+  EXPECT_EQ(forms(type, 4), (Outcome{true, true, true}));
+  type.fields[0]->array_length = 273;
+  EXPECT_EQ(forms(type, 1000000), kNone);
   qvx_type_definition& point = types_.make("point");
   types_.add(point, "x", "uint8_t");
   qvx_type_definition& path = types_.make();
-  types_.add(path, "p", point, 300).type_size = 0;
-  EXPECT_EQ(forms(path, 299), kNone);
-  EXPECT_EQ(forms(path, 300), (Outcome{true, true, true}));
+  types_.add(path, "p", point, 1040).type_size = 0;
+  path.size = 1;
+  EXPECT_EQ(forms(path, 1), (Outcome{true, true, true}));
+  path.fields[0]->array_length = 1041;
+  EXPECT_EQ(forms(path, 1000000), kNone);
+}
+
+TEST_F(RecordPlanLimitTest, TextsAreCountedByTheirLength) {
+  qvx_type_definition& type = types_.make();
+  types_.add(type, "a", "char", 520);
+  types_.add(type, "b", "char", 520).offset = 0;
+  types_.add(type, "c", "uint8_t").offset = 0;
+  type.size = 1;
+  EXPECT_EQ(forms(type, 520), kNone);
+  type.fields.pop_back();
+  EXPECT_EQ(forms(type, 519), kNone);
+  EXPECT_EQ(forms(type, 520), (Outcome{true, true, true}));
+}
+
+TEST_F(RecordPlanLimitTest, UnionNeedsNoMoreThanTheBytesItShares) {
+  qvx_type_definition& type = types_.make();
+  types_.add(type, "bits", "uint64_t");
+  types_.add(type, "value", "double").offset = 0;
+  type.size = 8;
+  const RecordBytes record = RecordBytes().add(1.5);
+  EXPECT_EQ(qvx_record_to_json(&type, record.bytes(), json::Style::compact),
+            R"({"bits":4.6094342186137027e+18,"value":1.5})");
+  EXPECT_EQ(qvx_record_to_influx(&type, record.bytes()), "bits=4609434218613702656i,value=1.500000");
+}
+
+TEST_F(RecordPlanLimitTest, SmallTypeWithManyLargeFieldsHasNoTextWhateverStandsBehindIt) {
+  qvx_type_definition& type = types_.make();
+  for (const char* const name : {"a", "b", "c", "d", "e", "f", "g", "h"})
+    types_.add(type, name, "uint8_t", 65535).offset = 0;
+  type.size = 1;
+  EXPECT_EQ(forms(type, 1 << 20), kNone);
 }
 
 TEST_F(RecordPlanLimitTest, NestedArraysThatShareTheirBytesHaveNoText) {

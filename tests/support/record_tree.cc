@@ -31,14 +31,13 @@ std::string print(const char* format, Args... args) {
   return text;
 }
 
-// The bytes at hand. It remembers how many were asked for, and whether any lay outside.
+// The bytes at hand.
 class Record {
  public:
   explicit Record(Bytes at_hand) : at_hand_(at_hand) {}
 
   // Null for bytes outside.
   const std::byte* at(std::uint64_t offset, std::uint64_t size) {
-    used_ = plus(used_, size);
     if (size > at_hand_.size() || offset > at_hand_.size() - size) return nullptr;
     return at_hand_.data() + offset;
   }
@@ -50,12 +49,9 @@ class Record {
     std::memcpy(&value, from, sizeof value);
     return value;
   }
-  void count_byte() { used_ = plus(used_, 1); }
-  bool is_long_enough() const { return used_ <= at_hand_.size(); }
 
  private:
   Bytes at_hand_;
-  std::uint64_t used_ = 0;
 };
 
 template <typename T>
@@ -120,6 +116,20 @@ std::optional<std::string> printable_text(const qvx_field_definition& field, Rec
   return text;
 }
 
+// The bytes of all values of one record; an object without members counts for one.
+std::uint64_t bytes_of_values(const qvx_type_definition& type) {
+  if (type.id != 0) return type.size;
+  if (type.fields.empty()) return 1;
+  std::uint64_t sum = 0;
+  for (const auto& field : type.fields)
+    if (field->type != nullptr) sum = plus(sum, times(field->array_length, bytes_of_values(*field->type)));
+  return sum;
+}
+
+bool is_too_much(const qvx_type_definition& type, Bytes at_hand) {
+  return bytes_of_values(type) > plus(times(16, std::min<std::uint64_t>(type.size, at_hand.size())), 1024);
+}
+
 std::optional<json::Value> object_value(const qvx_type_definition& type, Record& record, std::uint64_t base);
 
 std::optional<json::Value> element_value(const qvx_field_definition& field, Record& record,
@@ -147,7 +157,6 @@ std::optional<json::Value> field_value(const qvx_field_definition& field, Record
 
 std::optional<json::Value> object_value(const qvx_type_definition& type, Record& record, std::uint64_t base) {
   json::Object object;
-  if (type.fields.empty()) record.count_byte();
   for (const auto& field : type.fields) {
     std::optional<json::Value> value = field_value(*field, record, plus(base, field->offset));
     if (!value) return std::nullopt;
@@ -336,14 +345,13 @@ std::string cell(std::uint32_t data_type, Bytes values, std::uint64_t slot) {
 
 std::optional<json::Value> record_tree(const qvx_type_definition& type, Bytes at_hand) {
   Record record(at_hand);
-  std::optional<json::Value> tree = object_value(type, record, 0);
-  return record.is_long_enough() ? std::move(tree) : std::nullopt;
+  return is_too_much(type, at_hand) ? std::nullopt : object_value(type, record, 0);
 }
 
 std::optional<std::string> record_influx_text(const qvx_type_definition& type, Bytes at_hand) {
   Record record(at_hand);
   std::vector<std::string> parts;
-  if (!influx_parts(type, record, 0, "", parts) || !record.is_long_enough()) return std::nullopt;
+  if (is_too_much(type, at_hand) || !influx_parts(type, record, 0, "", parts)) return std::nullopt;
   std::string text;
   for (const std::string& part : parts)
     text += (&part == parts.data() ? "" : ",") + part;

@@ -13,7 +13,8 @@
 namespace qvx::test {
 
 // Nothing when the record has no JSON form: a value that is no JSON number, one outside the bytes at hand, or
-// more bytes in all its values together than there are at hand (an object without members counts for one).
+// more bytes in all its values together than 16 × its size + 1,024, the declared one and that at hand (an
+// object without members counts for one).
 std::optional<json::Value> record_tree(const qvx_type_definition& type, Bytes at_hand);
 
 // The field set, without a line end.

@@ -50,7 +50,7 @@ class InfluxCompiler {
 
   // False when records of the type have no text. `base` is added to the offsets.
   bool parts(const qvx_type_definition& type, std::uint64_t base, std::size_t depth) {
-    if (depth >= kMaxNesting || key_.size() > PlanBuilder::kMaxLiterals || !builder_.visit()) return false;
+    if (depth >= kMaxNesting || key_.size() > builder_.limits().literals || !builder_.visit()) return false;
     const std::size_t prefix = key_.size();
     for (const auto& field : type.fields) {
       if (prefix > 0) key_ += '.';
@@ -106,10 +106,13 @@ class InfluxCompiler {
 };
 
 std::optional<RecordPlan> compile(const qvx_type_definition& type, std::string_view after) {
+  const std::optional<std::uint64_t> size = size_allowing_for_values(type);
+  if (!size) return std::nullopt;
   PlanBuilder builder;
+  builder.require(*size);
   if (!InfluxCompiler(builder).parts(type, 0, 0)) return std::nullopt;
   builder.text(after);
-  return builder.finish(PlanBuilder::Sharing::none);
+  return builder.finish();
 }
 
 }  // namespace

@@ -61,7 +61,7 @@ class JsonCompiler {
   // False when records of the type have no JSON text. `base` is added to the offsets.
   bool object(const qvx_type_definition& type, std::uint64_t base, std::size_t depth) {
     if (depth >= kMaxNesting) return false;
-    if (!builder_.visit(type.fields.empty() ? 1 : 0)) return false;
+    if (!builder_.visit()) return false;
     builder_.text("{");
     const Members& members = members_of(type);
     // The values that a repeated name hides must have a text all the same.
@@ -155,7 +155,7 @@ class JsonCompiler {
   }
 
   bool hidden_object(const qvx_type_definition& type, std::uint64_t base, std::size_t depth) {
-    if (depth >= kMaxNesting || !builder_.visit(type.fields.empty() ? 1 : 0)) return false;
+    if (depth >= kMaxNesting || !builder_.visit()) return false;
     for (const auto& field : type.fields)
       if (!value(*field, base, depth + 1, true)) return false;
     return true;
@@ -170,10 +170,13 @@ class JsonCompiler {
 
 std::optional<RecordPlan> compile_json_plan(const qvx_type_definition& type, json::Style style,
                                             std::string_view after) {
+  const std::optional<std::uint64_t> size = size_allowing_for_values(type);
+  if (!size) return std::nullopt;
   PlanBuilder builder;
+  builder.require(*size);
   if (!JsonCompiler(builder, style).object(type, 0, 0)) return std::nullopt;
   builder.text(after);
-  return builder.finish(PlanBuilder::Sharing::none);
+  return builder.finish();
 }
 
 }  // namespace qvx

@@ -14,7 +14,7 @@ namespace qvx {
 
 // The plan that writes records of a resolved type as JSON, each followed by `after`. Nothing when a record of
 // the type has no JSON text: a field of unknown type, a type that contains itself or is nested too deeply,
-// too many values.
+// or values that take more than 16 × the type's size + 1,024 bytes.
 [[nodiscard]] std::optional<RecordPlan> compile_json_plan(const qvx_type_definition& type, json::Style style,
                                                           std::string_view after);
 

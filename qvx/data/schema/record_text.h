@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 
 #include "qvx/data/schema/builtin_types.h"
 #include "qvx/data/schema/schema.h"
@@ -15,5 +17,11 @@ inline constexpr std::size_t kMaxNesting = 500;
 inline bool is_character_array(const qvx_field_definition& field) {
   return field.array_length > 1 && (field.type->id == kCharTypeId || field.type->id == kUnsignedCharTypeId);
 }
+
+// The values of one record may take together at most 16 × the record's size + 1,024 bytes; an object without
+// members counts for one byte. Otherwise fields that lie on top of each other would make a few bytes of
+// records cost any amount of time. Gives the smallest size that allows for the values of the type; nothing
+// when that is more than the type declares: such a type has no text in any form.
+std::optional<std::uint64_t> size_allowing_for_values(const qvx_type_definition& type);
 
 }  // namespace qvx
