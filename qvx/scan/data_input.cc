@@ -95,11 +95,13 @@ std::size_t DataInput::read_plain(std::span<std::byte> to) {
 }
 
 std::size_t DataInput::inflate_some(std::span<std::byte> to) {
-  if (buffered_.empty()) fill_buffer();
-  if (!fault_.empty()) return 0;
-  if (buffered_.empty()) {
-    fault_ = "unexpected end of file";
-    return 0;
+  if (buffered_.empty() && !output_held_back_) {
+    fill_buffer();
+    if (!fault_.empty()) return 0;
+    if (buffered_.empty()) {
+      fault_ = "unexpected end of file";
+      return 0;
+    }
   }
   const std::size_t room = std::min<std::size_t>(to.size(), std::numeric_limits<uInt>::max());
   stream_->next_in = reinterpret_cast<Bytef*>(const_cast<std::byte*>(buffered_.data()));
@@ -108,6 +110,7 @@ std::size_t DataInput::inflate_some(std::span<std::byte> to) {
   stream_->avail_out = static_cast<uInt>(room);
   const int result = inflate(&*stream_, Z_NO_FLUSH);
   buffered_ = buffered_.last(stream_->avail_in);
+  output_held_back_ = stream_->avail_out == 0;
   switch (result) {
     case Z_OK:
     case Z_BUF_ERROR:

@@ -71,6 +71,9 @@ class DataInput {
   Bytes buffered_;                  // read from the file and not used so far
   bool file_ended_ = false;         // nothing more can be read into the buffer
   std::optional<z_stream> stream_;  // from the first gzip member on
+  // The decompressor may hold output that had no room: it comes out before more is read, so that a fault of
+  // the file cannot stand before it.
+  bool output_held_back_ = false;
   bool at_end_ = false;
   int error_ = 0;
   std::string fault_;
