@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Makes the schemas and the first inputs of the reader's fuzz targets: fuzz/schema, and the files of
-fuzz/corpus/block_chain_fuzz and fuzz/corpus/whole_file_fuzz that this script names."""
+fuzz/corpus that this script names."""
 
 import gzip
+import json
 import pathlib
 import sys
 
@@ -64,16 +65,66 @@ def files():
     return made
 
 
+def typed_files():
+    """How to read, an event schema, a counters schema and the file, with a NUL behind each schema. They are small: the
+    fewer fields, the more inputs a second."""
+    pair = event_type("pair", 3, field("small", "uint8_t", 0, 1), field("large", "int16_t", 1, 2))
+    nested = event_type("nested", 18, field("text", "char", 0, 1, length=4), field("pairs", "pair", 4, 3, length=2),
+                        field("part", "double", 10, 8))
+    counters = counters_schema(group(counter("number"), counter("part", "FP64"), name="first"),
+                               group(counter("word", "STRING", length=8), granularity="CPU", sets=2))
+    texts = b"".join(json.dumps(schema, separators=(",", ":")).encode() + b"\0"
+                     for schema in (event_schema(pair, nested), counters))
+    events = events_block([pack("4sBhBhd", b"eth0", 1, -2, 3, -4, 0.5)] * 2, type_index=1)
+    values = counters_block(START, pack("Qd8s", 1, 0.5, b"abc"))
+    made = {}
+    for name, choice in (("ndjson", NDJSON), ("json", JSON), ("txt", TXT), ("influx", INFLUX)):
+        made[f"events_{name}"] = (choice, events)
+        made[f"counters_{name}"] = (choice, values)
+    made["gzip"] = (NDJSON, page_block(gzipped(events)))
+    made["snappy"] = (JSON, page_block(snappied(events), b"S"))
+    return {name: (choice, texts + usual_header() + unit(content)) for name, (choice, content) in made.items()}
+
+
+def path_templates():
+    when = pack("Q", START)
+    return {name: when + b"\0".join(parts) for name, parts in {
+        "default": (b"{{year}}/{{month}}{{day}}/{{source}}/{{tag}}{{id}}.bin", b"host-a", b"tag-a", b"node", b"_2"),
+        "date": (b"%Y/%m/%d/%H%M%S/{{source}}_/{{tag}}", b"..", b"%n%%", b"", b""),
+        "nested": (b"{{{{source}}}}{{", b"{{tag}}", b"{{source}}", b"n", b""),
+    }.items()}
+
+
+def command_lines():
+    return {name: b"\0".join(arguments) for name, arguments in {
+        "usual": (b"-f", b"ndjson", b"-v3", b"a.bin", b"b.bin"),
+        "long": (b"--format=txt", b"--timestamp-gt", b"5", b"--timestamp-lt=0x7", b"--sort-files=t", b"--", b"-x"),
+        "wrong": (b"--no-such", b"-v", b"9", b"-g", b"word", b"--verb"),
+    }.items()}
+
+
+def inputs_to_unpack():
+    plain = b"0123456789" * 20
+    packed = gzip.compress(plain, mtime=0)
+    return {"plain": b"\7" + plain, "one": b"\7" + packed, "joined": b"\0" + packed + packed + b"tail",
+            "cut": b"\x40" + packed[:-9], "wrong_sum": b"\xff" + packed[:-8] + bytes(8)}
+
+
 def main():
     for path, content in schemas().items():
         target = HERE / path
         target.parent.mkdir(exist_ok=True)
         target.write_bytes(content)
-    for target, inputs in (("block_chain_fuzz", chains()), ("whole_file_fuzz", files())):
+    chosen = {"block_chain_fuzz": chains(), "whole_file_fuzz": files(), "typed_file_fuzz": typed_files()}
+    made = {target: {f"{name}.bin": bytes([choice]) + content for name, (choice, content) in inputs.items()}
+            for target, inputs in chosen.items()}
+    made |= {"path_template_fuzz": path_templates(), "options_fuzz": command_lines(),
+             "data_input_fuzz": inputs_to_unpack()}
+    for target, inputs in made.items():
         folder = HERE / "corpus" / target
         folder.mkdir(parents=True, exist_ok=True)
-        for name, (choice, content) in inputs.items():
-            (folder / f"{name}.bin").write_bytes(bytes([choice]) + content)
+        for name, content in inputs.items():
+            (folder / name).write_bytes(content)
 
 
 if __name__ == "__main__":

@@ -2,20 +2,27 @@
 // schemas are those of the folder schema/ beside the targets.
 #pragma once
 
-#include <unistd.h>
-
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <string>
+#include <map>
 #include <string_view>
 
 #include "fuzz/quiet_log.h"
 #include "qvx/reader/options.h"
 #include "qvx/support/json_parse.h"
+#include "tests/support/file_in_memory.h"
 
 namespace qvx::fuzz {
+
+// Larger pages cost time and show nothing new.
+inline constexpr std::uint64_t kLargestPage = 1 << 18;
+
+inline constexpr std::uint8_t kHeaders = 8;
+inline constexpr std::uint8_t kTimeRange = 16;
+inline constexpr std::uint8_t kFree = 32;  // means something to one target only
+inline constexpr std::uint8_t kAllChoices = 63;
 
 inline void check(bool holds) {
   if (!holds) __builtin_trap();
@@ -34,13 +41,18 @@ inline ReaderOptions reader_options(std::uint8_t choice) {
   constexpr std::array kFormats = {OutputFormat::ndjson, OutputFormat::json, OutputFormat::txt,
                                    OutputFormat::influx, OutputFormat::csv,  OutputFormat::ndjson,
                                    OutputFormat::ndjson, OutputFormat::json};
-  ReaderOptions options;
-  check(reader_options_set_defaults(options) && append(options.include_counters, "*"));
-  options.schema_path = QVX_FUZZ_SCHEMA_DIR;
-  options.format = kFormats[choice & 7U];
-  options.print_headers = (choice & 8U) != 0;
-  if ((choice & 16U) != 0) options.timestamp_gt = 1'700'000'000'000'000;
+  ReaderOptions options = test::reader_options(kFormats[choice & 7U], QVX_FUZZ_SCHEMA_DIR);
+  options.print_headers = (choice & kHeaders) != 0;
+  if ((choice & kTimeRange) != 0) options.timestamp_gt = 1'700'000'000'000'000;
   return options;
+}
+
+// The reader that a choice stands for; it is kept.
+inline test::FilesInMemory& reader_of(std::uint8_t choice) {
+  static std::map<std::uint8_t, test::FilesInMemory> readers;
+  const auto known = readers.find(choice);
+  if (known != readers.end()) return known->second;
+  return readers.try_emplace(choice, reader_options(choice), kLargestPage).first->second;
 }
 
 // Every line of newline-delimited JSON must be a document.

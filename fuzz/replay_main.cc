@@ -1,39 +1,165 @@
-// Runs a fuzz target over the files, and the files of the folders, that are named on the command line.
+// Runs a fuzz target without libFuzzer.
+//
+//   TARGET_replay PATH...                       over the files, and the files of the folders
+//   TARGET_replay --seed=N --seconds=N PATH...  over inputs that are made from them by chance; prints how
+//   many
 #include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
+#include <string>
+#include <string_view>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+// A target may have a mutator of its own.
+extern "C" __attribute__((weak)) std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
+                                                                     std::size_t max_size, unsigned int seed);
 
-int main(int argc, char** argv) {
-  namespace fs = std::filesystem;
+namespace {
+
+namespace fs = std::filesystem;
+using Input = std::vector<std::uint8_t>;
+
+constexpr std::size_t kLargestInput = 8192;
+
+std::minstd_rand random_numbers;
+
+std::size_t below(std::size_t end) {
+  return end == 0 ? 0 : random_numbers() % end;
+}
+
+void change_bytes(Input& input, std::size_t max_size) {
+  constexpr std::uint8_t kOddBytes[] = {0, 1, 0x7F, 0x80, 0xFF};
+  const std::size_t at = below(input.size());
+  switch (below(6)) {
+    case 0:
+      if (!input.empty()) input[at] ^= static_cast<std::uint8_t>(1U << below(8));
+      break;
+    case 1:
+      if (!input.empty()) input[at] = static_cast<std::uint8_t>(random_numbers());
+      break;
+    case 2:
+      if (!input.empty()) input[at] = kOddBytes[below(std::size(kOddBytes))];
+      break;
+    case 3:
+      input.insert(input.begin() + static_cast<std::ptrdiff_t>(at), 1 + below(4),
+                   static_cast<std::uint8_t>(below(256)));
+      break;
+    case 4:
+      input.resize(input.size() - std::min(input.size(), below(16)));
+      break;
+    default: {
+      // A part once more at another place.
+      const std::size_t from = below(input.size());
+      const std::size_t count = std::min(below(32), std::min(input.size() - from, input.size() - at));
+      const Input part(input.begin() + static_cast<std::ptrdiff_t>(from),
+                       input.begin() + static_cast<std::ptrdiff_t>(from + count));
+      std::ranges::copy(part, input.begin() + static_cast<std::ptrdiff_t>(at));
+      break;
+    }
+  }
+  if (input.size() > max_size) input.resize(max_size);
+}
+
+Input read(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) {
+    std::fprintf(stderr, "cannot read %s\n", path.c_str());
+    std::exit(1);
+  }
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::vector<fs::path> files_of(const std::vector<std::string_view>& names) {
   std::vector<fs::path> paths;
-  for (int i = 1; i < argc; ++i) {
-    if (!fs::is_directory(argv[i])) {
-      paths.emplace_back(argv[i]);
+  for (const fs::path name : names) {
+    if (!fs::is_directory(name)) {
+      paths.push_back(name);
       continue;
     }
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(argv[i]))
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(name))
       if (entry.is_regular_file()) paths.push_back(entry.path());
   }
   std::ranges::sort(paths);
-  for (const fs::path& path : paths) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-      std::fprintf(stderr, "cannot read %s\n", path.c_str());
-      return 1;
+  return paths;
+}
+
+// Inputs become parents of others for a while, so that changes add up. A crash is repeated with the same
+// seed.
+void run_by_chance(const std::vector<fs::path>& paths, double seconds) {
+  std::vector<Input> parents;
+  for (const fs::path& path : paths)
+    parents.push_back(read(path));
+  const std::size_t first_made = parents.size();
+  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  std::uint64_t runs = 0;
+  while (runs % 64 != 0 || std::chrono::steady_clock::now() < end) {
+    Input input = parents[below(parents.size())];
+    for (std::size_t changes = 1 + below(4); changes > 0; --changes) {
+      if (LLVMFuzzerCustomMutator != nullptr) {
+        const std::size_t size = std::min(input.size(), kLargestInput);
+        input.resize(kLargestInput);
+        input.resize(LLVMFuzzerCustomMutator(input.data(), size, kLargestInput,
+                                             static_cast<unsigned>(random_numbers())));
+      } else {
+        change_bytes(input, kLargestInput);
+      }
     }
-    const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
+    LLVMFuzzerTestOneInput(input.data(), input.size());
+    ++runs;
+    if (parents.size() < first_made + 64) {
+      parents.push_back(input);
+    } else if (below(16) == 0) {
+      parents[first_made + below(64)] = input;
+    }
+  }
+  std::printf("%llu inputs\n", static_cast<unsigned long long>(runs));
+}
+
+}  // namespace
+
+// What a mutator asks for to change bytes.
+extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t max_size) {
+  Input input(data, data + size);
+  change_bytes(input, max_size);
+  std::ranges::copy(input, data);
+  return input.size();
+}
+
+int main(int argc, char** argv) {
+  double seconds = 0;
+  std::vector<std::string_view> names;
+  for (const std::string_view argument : std::vector<std::string_view>(argv + 1, argv + argc)) {
+    if (argument.starts_with("--seed=")) {
+      random_numbers.seed(static_cast<unsigned>(std::atoi(argument.data() + 7)));
+    } else if (argument.starts_with("--seconds=")) {
+      seconds = std::atof(argument.data() + 10);
+    } else {
+      names.push_back(argument);
+    }
+  }
+  const std::vector<fs::path> paths = files_of(names);
+  if (paths.empty()) {
+    std::fprintf(stderr, "nothing to run\n");
+    return 1;
+  }
+  if (seconds > 0) {
+    run_by_chance(paths, seconds);
+    return 0;
+  }
+  for (const fs::path& path : paths) {
+    const Input input = read(path);
     // Named first, so that a crash tells where.
     std::printf("%s\n", path.c_str());
     std::fflush(stdout);
-    LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+    LLVMFuzzerTestOneInput(input.data(), input.size());
   }
-  if (paths.empty()) std::fprintf(stderr, "nothing to run\n");
-  return paths.empty() ? 1 : 0;
+  return 0;
 }
