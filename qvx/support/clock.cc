@@ -1,5 +1,6 @@
 #include "qvx/support/clock.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -49,12 +50,12 @@ LocalTimeText::LocalTimeText() noexcept {
 
 std::size_t LocalTimeText::write(char* out, std::uint64_t microseconds) noexcept {
   if (microseconds - valid_from_ >= valid_size_ && !convert(microseconds)) return 0;
-  const auto offset = static_cast<std::uint32_t>(microseconds - valid_from_);
-  const std::uint32_t milliseconds = offset / 1000;
+  const auto microsecond = static_cast<std::uint32_t>(microseconds - valid_from_ + skipped_);
+  const std::uint32_t milliseconds = microsecond / 1000;
   const std::uint32_t millisecond = milliseconds % 1000;
   std::memcpy(out, text_, sizeof text_);
   char* const end = out + length_;
-  write_two_digits(end, first_second_ + milliseconds / 1000);
+  write_two_digits(end, milliseconds / 1000);
   end[2] = '.';
   end[3] = static_cast<char>('0' + millisecond / 100);
   write_two_digits(end + 4, millisecond % 100);
@@ -80,15 +81,18 @@ bool LocalTimeText::convert(std::uint64_t microseconds) noexcept {
   const auto first = static_cast<std::int64_t>(seconds) - local.tm_sec;
   if (local.tm_sec < 60 && is_second_of_minute(first, local, 0) &&
       is_second_of_minute(first + 59, local, 59)) {
-    valid_from_ = static_cast<std::uint64_t>(first) * kMicrosecondsPerSecond;
-    valid_size_ = 60 * kMicrosecondsPerSecond;
-    first_second_ = 0;
+    keep(first, 0, 60);
   } else {
-    valid_from_ = seconds * kMicrosecondsPerSecond;
-    valid_size_ = kMicrosecondsPerSecond;
-    first_second_ = static_cast<std::uint32_t>(local.tm_sec);
+    keep(static_cast<std::int64_t>(seconds), local.tm_sec, 1);
   }
   return true;
+}
+
+void LocalTimeText::keep(std::int64_t first, int second_of_minute, std::uint64_t count) noexcept {
+  const std::uint64_t before = first < 0 ? static_cast<std::uint64_t>(-first) : 0;  // of 1970, at most 59
+  valid_from_ = first < 0 ? 0 : static_cast<std::uint64_t>(first) * kMicrosecondsPerSecond;
+  skipped_ = (static_cast<std::uint64_t>(second_of_minute) + before) * kMicrosecondsPerSecond;
+  valid_size_ = std::min((count - before) * kMicrosecondsPerSecond, UINT64_MAX - valid_from_);
 }
 
 }  // namespace qvx

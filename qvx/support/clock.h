@@ -29,13 +29,14 @@ class LocalTimeText {
 
  private:
   bool convert(std::uint64_t microseconds) noexcept;
+  // Keeps the text for `count` seconds from `first` on, which is that second of its minute. A minute of local
+  // time may begin before 1970 or end behind the last time, and is then kept in part.
+  void keep(std::int64_t first, int second_of_minute, std::uint64_t count) noexcept;
 
-  // The times of the kept text: valid_size_ microseconds from valid_from_, counted modulo 2^64 since a minute
-  // of local time may begin before 1970.
-  std::uint64_t valid_from_ = 0;
+  std::uint64_t valid_from_ = 0;  // the kept text holds for valid_size_ microseconds from here on
   std::uint64_t valid_size_ = 0;
-  std::uint32_t first_second_ = 0;  // what the clock shows in seconds at valid_from_
-  std::size_t length_ = 0;          // of the text up to the minute and its colon
+  std::uint64_t skipped_ = 0;  // microseconds of the minute that lie before valid_from_
+  std::size_t length_ = 0;     // of the text up to the minute and its colon
   char text_[32] = {};
 };
 

@@ -149,5 +149,25 @@ TEST(LocalTimeText, AgreesWithThePlainConversion) {
   }
 }
 
+TEST(LocalTimeText, FirstAndLastTimeAreNotOfOneMinute) {
+  constexpr std::uint64_t kLast = UINT64_MAX;
+  const auto expect = [](const char* name, const std::string& first, const std::string& last) {
+    const TimeZoneGuard zone(name);
+    LocalTimeText from_last;
+    EXPECT_EQ(written(from_last, kLast), last) << name;
+    EXPECT_EQ(written(from_last, 0), first) << name;
+    EXPECT_EQ(written(from_last, kLast), last) << name;
+    LocalTimeText from_first;
+    EXPECT_EQ(written(from_first, 0), first) << name;
+    EXPECT_EQ(written(from_first, kLast), last) << name;
+    EXPECT_EQ(written(from_first, kLast - 1'000'000), plain_text(kLast - 1'000'000)) << name;
+    EXPECT_EQ(written(from_first, 29'999'999), plain_text(29'999'999)) << name;
+    EXPECT_EQ(written(from_first, 30'000'000), plain_text(30'000'000)) << name;
+  };
+  expect("UTC", "1970-01-01 00:00:00.000", "586524-01-19 08:01:49.551");
+  expect("ABC0:44:30", "1969-12-31 23:15:30.000", "586524-01-19 07:17:19.551");
+  expect("ABC-0:19:32", "1970-01-01 00:19:32.000", "586524-01-19 08:21:21.551");
+}
+
 }  // namespace
 }  // namespace qvx
