@@ -29,8 +29,8 @@ bool blob_page_fill(qvx_data_page& page, Bytes data) noexcept {
   std::array<char, kMagicSize> magic{};
   block_magic_set(magic, QVX_BLOB_BLOCK);
   std::memcpy(area.data(), magic.data(), magic.size());
-  store_le(area.data() + offset_of(kBlobHeaderLayout, "timestamp"), now_microseconds());
-  store_le(area.data() + offset_of(kBlobHeaderLayout, "data_size"), std::uint64_t{data.size()});
+  store_field<kBlobHeaderLayout, "timestamp">(area.data(), now_microseconds());
+  store_field<kBlobHeaderLayout, "data_size">(area.data(), std::uint64_t{data.size()});
   if (!data.empty()) std::memcpy(area.data() + kBlobHeaderSize, data.data(), data.size());
   return true;
 }
@@ -41,7 +41,7 @@ bool page_is_blob(const qvx_data_page& page) noexcept {
 }
 
 void page_mark_blob(qvx_data_page& page) noexcept {
-  store_le<std::uint64_t>(page_header(page).data() + offset_of(kPageLayout, "filled_bytes"), kPageHeaderSize);
+  store_field<kPageLayout, "filled_bytes">(page_header(page).data(), kPageHeaderSize);
   page_set_schema_id(page, kBlobSchemaId);
 }
 

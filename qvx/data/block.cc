@@ -43,30 +43,29 @@ std::array<char, 4> magic_of(const std::byte* header) {
 
 CountersHeader counters_header_decode(Bytes block) noexcept {
   const auto bytes = header_bytes<kCountersHeaderSize>(block);
-  return {magic_of(bytes.data()),
-          load_le<std::uint64_t>(bytes.data() + offset_of(kCountersBlockLayout, "timestamp"))};
+  return {magic_of(bytes.data()), load_field<kCountersBlockLayout, "timestamp">(bytes.data())};
 }
 
 EventHeader event_header_decode(Bytes block) noexcept {
   const auto bytes = header_bytes<kEventHeaderSize>(block);
   const std::byte* const from = bytes.data();
-  return {magic_of(from), load_le<std::uint64_t>(from + offset_of(kEventHeaderLayout, "timestamp")),
-          load_le<std::uint8_t>(from + offset_of(kEventHeaderLayout, "schema_index")),
-          load_le<std::uint16_t>(from + offset_of(kEventHeaderLayout, "type_index")),
-          load_le<std::uint8_t>(from + offset_of(kEventHeaderLayout, "num_events"))};
+  return {magic_of(from), load_field<kEventHeaderLayout, "timestamp">(from),
+          load_field<kEventHeaderLayout, "schema_index">(from),
+          load_field<kEventHeaderLayout, "type_index">(from),
+          load_field<kEventHeaderLayout, "num_events">(from)};
 }
 
 BlobHeader blob_header_decode(Bytes block) noexcept {
   const auto bytes = header_bytes<kBlobHeaderSize>(block);
   const std::byte* const from = bytes.data();
-  return {magic_of(from), load_le<std::uint64_t>(from + offset_of(kBlobHeaderLayout, "timestamp")),
-          load_le<std::uint64_t>(from + offset_of(kBlobHeaderLayout, "data_size"))};
+  return {magic_of(from), load_field<kBlobHeaderLayout, "timestamp">(from),
+          load_field<kBlobHeaderLayout, "data_size">(from)};
 }
 
 SchemasHeader schemas_header_decode(Bytes block) noexcept {
   const auto bytes = header_bytes<kSchemasHeaderSize>(block);
-  return {load_le<std::uint16_t>(bytes.data() + offset_of(kSchemasBlockLayout, "block_size")),
-          load_le<std::uint8_t>(bytes.data() + offset_of(kSchemasBlockLayout, "num_schemas"))};
+  return {load_field<kSchemasBlockLayout, "block_size">(bytes.data()),
+          load_field<kSchemasBlockLayout, "num_schemas">(bytes.data())};
 }
 
 qvx_schema_id schemas_block_id(Bytes block, std::size_t index) noexcept {
@@ -99,8 +98,8 @@ void counters_block_init(std::span<std::byte, kCountersHeaderSize> block) noexce
   std::array<char, 4> magic;
   block_magic_set(magic, QVX_COUNTERS_BLOCK);
   std::memcpy(block.data(), magic.data(), magic.size());
-  store_le(block.data() + offset_of(kCountersBlockLayout, "padding"), std::uint32_t{0});
-  store_le(block.data() + offset_of(kCountersBlockLayout, "timestamp"), now_microseconds());
+  store_field<kCountersBlockLayout, "padding">(block.data(), std::uint32_t{0});
+  store_field<kCountersBlockLayout, "timestamp">(block.data(), now_microseconds());
 }
 
 std::string counters_header_dump(const CountersHeader& header) {

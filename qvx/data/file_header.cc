@@ -19,22 +19,6 @@ constexpr std::uint8_t kFormatMajor = 1;
 constexpr std::uint8_t kFormatMinor = 7;
 constexpr std::size_t kDumpRoom = 1024;
 
-template <std::size_t kSize>
-consteval std::size_t at(const char (&name)[kSize]) {
-  return offset_of(kFileHeaderLayout, std::string_view(name, kSize - 1));
-}
-
-// Fields of plain bytes are copied between the record and the bytes of the header.
-template <typename Field>
-void take(Field& field, const std::byte* from) {
-  std::memcpy(&field, from, sizeof field);
-}
-
-template <typename Field>
-void put(std::byte* to, const Field& field) {
-  std::memcpy(to, &field, sizeof field);
-}
-
 // Points into the text, so that the excuse needs no memory.
 const char* or_excuse(const std::optional<std::string>& text) {
   return text ? text->c_str() : "Failed to get schema id string";
@@ -45,42 +29,42 @@ const char* or_excuse(const std::optional<std::string>& text) {
 qvx_data_file_header file_header_decode(std::span<const std::byte, kFileHeaderSize> bytes) noexcept {
   qvx_data_file_header header;
   const std::byte* const from = bytes.data();
-  take(header.magic, from + at("magic"));
-  header.version_major = load_le<std::uint8_t>(from + at("version"));
-  header.version_minor = load_le<std::uint8_t>(from + at("version") + 1);
-  header.version_patch = load_le<std::uint16_t>(from + at("version") + 2);
-  header.file_size = load_le<std::uint64_t>(from + at("file_size"));
-  take(header.source_id, from + at("source_id"));
-  take(header.source_tag, from + at("source_tag"));
-  header.first_timestamp = load_le<std::uint64_t>(from + at("first_timestamp"));
-  header.last_timestamp = load_le<std::uint64_t>(from + at("last_timestamp"));
-  header.block_size = load_le<std::uint32_t>(from + at("block_size"));
-  take(header.counters_schema_id, from + at("counters_schema_id"));
-  take(header.event_schema_ids, from + at("event_schema_ids"));
-  header.byte_order = load_le<std::uint8_t>(from + at("byte_order"));
-  take(header.padding, from + at("padding"));
-  take(header.magic_end, from + at("magic_end"));
+  load_field<kFileHeaderLayout, "magic">(from, header.magic);
+  const std::uint32_t version = load_field<kFileHeaderLayout, "version">(from);
+  header.version_major = static_cast<std::uint8_t>(version);
+  header.version_minor = static_cast<std::uint8_t>(version >> 8);
+  header.version_patch = static_cast<std::uint16_t>(version >> 16);
+  load_field<kFileHeaderLayout, "file_size">(from, header.file_size);
+  load_field<kFileHeaderLayout, "source_id">(from, header.source_id);
+  load_field<kFileHeaderLayout, "source_tag">(from, header.source_tag);
+  load_field<kFileHeaderLayout, "first_timestamp">(from, header.first_timestamp);
+  load_field<kFileHeaderLayout, "last_timestamp">(from, header.last_timestamp);
+  load_field<kFileHeaderLayout, "block_size">(from, header.block_size);
+  load_field<kFileHeaderLayout, "counters_schema_id">(from, header.counters_schema_id);
+  load_field<kFileHeaderLayout, "event_schema_ids">(from, header.event_schema_ids);
+  load_field<kFileHeaderLayout, "byte_order">(from, header.byte_order);
+  load_field<kFileHeaderLayout, "padding">(from, header.padding);
+  load_field<kFileHeaderLayout, "magic_end">(from, header.magic_end);
   return header;
 }
 
 FileHeaderBytes file_header_encode(const qvx_data_file_header& header) noexcept {
   FileHeaderBytes bytes;
   std::byte* const to = bytes.data();
-  put(to + at("magic"), header.magic);
-  store_le(to + at("version"), header.version_major);
-  store_le(to + at("version") + 1, header.version_minor);
-  store_le(to + at("version") + 2, header.version_patch);
-  store_le(to + at("file_size"), header.file_size);
-  put(to + at("source_id"), header.source_id);
-  put(to + at("source_tag"), header.source_tag);
-  store_le(to + at("first_timestamp"), header.first_timestamp);
-  store_le(to + at("last_timestamp"), header.last_timestamp);
-  store_le(to + at("block_size"), header.block_size);
-  put(to + at("counters_schema_id"), header.counters_schema_id);
-  put(to + at("event_schema_ids"), header.event_schema_ids);
-  store_le(to + at("byte_order"), header.byte_order);
-  put(to + at("padding"), header.padding);
-  put(to + at("magic_end"), header.magic_end);
+  store_field<kFileHeaderLayout, "magic">(to, header.magic);
+  store_field<kFileHeaderLayout, "version">(
+      to, pack_version(header.version_major, header.version_minor, header.version_patch));
+  store_field<kFileHeaderLayout, "file_size">(to, header.file_size);
+  store_field<kFileHeaderLayout, "source_id">(to, header.source_id);
+  store_field<kFileHeaderLayout, "source_tag">(to, header.source_tag);
+  store_field<kFileHeaderLayout, "first_timestamp">(to, header.first_timestamp);
+  store_field<kFileHeaderLayout, "last_timestamp">(to, header.last_timestamp);
+  store_field<kFileHeaderLayout, "block_size">(to, header.block_size);
+  store_field<kFileHeaderLayout, "counters_schema_id">(to, header.counters_schema_id);
+  store_field<kFileHeaderLayout, "event_schema_ids">(to, header.event_schema_ids);
+  store_field<kFileHeaderLayout, "byte_order">(to, header.byte_order);
+  store_field<kFileHeaderLayout, "padding">(to, header.padding);
+  store_field<kFileHeaderLayout, "magic_end">(to, header.magic_end);
   return bytes;
 }
 

@@ -16,34 +16,18 @@
 namespace qvx {
 namespace {
 
-template <std::size_t kSize>
-consteval std::size_t at(const char (&name)[kSize]) {
-  return offset_of(kPageLayout, std::string_view(name, kSize - 1));
-}
-
 // A number of the header, read once: behind the barrier the compiler cannot fetch it again from memory that
 // another process may have changed since it was checked.
-template <Scalar T>
-T load(const qvx_data_page& page, std::size_t offset) {
-  T value = load_le<T>(page.memory + offset);
+template <FieldName kName>
+auto load(const qvx_data_page& page) {
+  auto value = load_field<kPageLayout, kName>(page.memory);
   asm volatile("" : "+r"(value));
   return value;
 }
 
-template <Scalar T>
-void store(qvx_data_page& page, std::size_t offset, T value) {
-  store_le(page.memory + offset, value);
-}
-
-// A field of characters or opaque bytes.
-template <typename Field>
-void take(const qvx_data_page& page, std::size_t offset, Field& field) {
-  std::memcpy(field.data(), page.memory + offset, field.size());
-}
-
-template <typename Field>
-void put(qvx_data_page& page, std::size_t offset, const Field& field) {
-  std::memcpy(page.memory + offset, field.data(), field.size());
+template <FieldName kName, typename T>
+void store(qvx_data_page& page, const T& value) {
+  store_field<kPageLayout, kName>(page.memory, value);
 }
 
 void note_request(qvx_data_page& page, const qvx_page_alloc_params& params) {
@@ -60,15 +44,15 @@ void note_request(qvx_data_page& page, const qvx_page_alloc_params& params) {
 // The first timestamp is left alone: it is zero in fresh memory and keeps its value in an opened page. So is
 // the creator, which is its own process's to write.
 void fill_header(qvx_data_page& page, std::uint32_t data_size) {
-  store(page, at("version"), kProgramVersion);
-  store(page, at("page_size"), page.size);
-  store(page, at("data_size"), data_size);
-  store(page, at("kind"), page.kind);
-  store(page, at("number"), page.number);
+  store<"version">(page, kProgramVersion);
+  store<"page_size">(page, page.size);
+  store<"data_size">(page, data_size);
+  store<"kind">(page, page.kind);
+  store<"number">(page, page.number);
   std::array<char, kPageLayout[10].size> name{};
   static_assert(kPageLayout[10].name == "name");
   std::copy_n(page.name.begin(), name.size() - 1, name.begin());
-  put(page, at("name"), name);
+  store<"name">(page, name);
   page_reset(page);
 }
 
@@ -125,7 +109,7 @@ void PageDelete::operator()(qvx_data_page* page) const noexcept {
 void page_set_first_timestamp(qvx_data_page* page) noexcept {
   if (page == nullptr) return;
   const std::uint64_t now = now_microseconds();
-  store(*page, at("first_timestamp"), now);
+  store<"first_timestamp">(*page, now);
   QVX_LOG(QVX_LOG_DEBUG, "[data_page] set first_ts = %" PRIu64 " for page %p", now,
           static_cast<void*>(page->memory));
 }
@@ -133,13 +117,13 @@ void page_set_first_timestamp(qvx_data_page* page) noexcept {
 void page_update_last_timestamp(qvx_data_page* page) noexcept {
   if (page == nullptr) return;
   const std::uint64_t now = now_microseconds();
-  store(*page, at("last_timestamp"), now);
+  store<"last_timestamp">(*page, now);
   QVX_LOG(QVX_LOG_DEBUG, "[data_page] update last_ts = %" PRIu64 " for page %p", now,
           static_cast<void*>(page->memory));
 }
 
 std::uint64_t page_first_timestamp(const qvx_data_page& page) noexcept {
-  const auto first = load<std::uint64_t>(page, at("first_timestamp"));
+  const auto first = load<"first_timestamp">(page);
   QVX_LOG(QVX_LOG_DEBUG, "[data_page] page %p, first_timestamp = %" PRIu64, static_cast<void*>(page.memory),
           first);
   if (first != 0) return first;
@@ -149,12 +133,12 @@ std::uint64_t page_first_timestamp(const qvx_data_page& page) noexcept {
 }
 
 std::uint64_t page_last_timestamp(const qvx_data_page& page) noexcept {
-  return load<std::uint64_t>(page, at("last_timestamp"));
+  return load<"last_timestamp">(page);
 }
 
 void page_set_timestamps(qvx_data_page& page, std::uint64_t first, std::uint64_t last) noexcept {
-  store(page, at("first_timestamp"), first);
-  store(page, at("last_timestamp"), last);
+  store<"first_timestamp">(page, first);
+  store<"last_timestamp">(page, last);
 }
 
 bool page_consume_free_space(qvx_data_page& page, Bytes bytes) noexcept {
@@ -164,7 +148,7 @@ bool page_consume_free_space(qvx_data_page& page, Bytes bytes) noexcept {
   if (fits && !bytes.empty()) {
     std::memcpy(page.memory + filled, bytes.data(), bytes.size());
     filled += bytes.size();
-    store(page, at("filled_bytes"), filled);
+    store<"filled_bytes">(page, filled);
   }
   if (filled > page.size) {
     QVX_LOG(QVX_LOG_ERROR,
@@ -176,8 +160,8 @@ bool page_consume_free_space(qvx_data_page& page, Bytes bytes) noexcept {
 }
 
 void page_reset(qvx_data_page& page) noexcept {
-  store<std::uint64_t>(page, at("filled_bytes"), kPageHeaderSize);
-  store<std::uint64_t>(page, at("last_timestamp"), 0);
+  store<"filled_bytes">(page, std::uint64_t{kPageHeaderSize});
+  store<"last_timestamp">(page, std::uint64_t{0});
 }
 
 std::uint64_t page_size(const qvx_data_page& page) noexcept {
@@ -185,42 +169,42 @@ std::uint64_t page_size(const qvx_data_page& page) noexcept {
 }
 
 std::uint32_t page_version(const qvx_data_page& page) noexcept {
-  return load<std::uint32_t>(page, at("version"));
+  return load<"version">(page);
 }
 
 std::uint64_t page_filled_bytes(const qvx_data_page& page) noexcept {
-  return load<std::uint64_t>(page, at("filled_bytes"));
+  return load<"filled_bytes">(page);
 }
 
 std::uint32_t page_data_size(const qvx_data_page& page) noexcept {
-  return load<std::uint32_t>(page, at("data_size"));
+  return load<"data_size">(page);
 }
 
 qvx_schema_id page_schema_id(const qvx_data_page& page) noexcept {
   qvx_schema_id id;
-  take(page, at("schema_id"), id.bytes);
+  load_field<kPageLayout, "schema_id">(page.memory, id.bytes);
   return id;
 }
 
 void page_set_schema_id(qvx_data_page& page, const qvx_schema_id& id) noexcept {
-  put(page, at("schema_id"), id.bytes);
+  store<"schema_id">(page, id.bytes);
 }
 
 qvx_source page_source(const qvx_data_page& page) noexcept {
   qvx_source source;
-  take(page, at("source_id"), source.id);
-  take(page, at("source_tag"), source.tag);
+  load_field<kPageLayout, "source_id">(page.memory, source.id);
+  load_field<kPageLayout, "source_tag">(page.memory, source.tag);
   return source;
 }
 
 void page_set_source(qvx_data_page& page, const qvx_source& source) noexcept {
-  put(page, at("source_id"), source.id);
-  put(page, at("source_tag"), source.tag);
+  store<"source_id">(page, source.id);
+  store<"source_tag">(page, source.tag);
 }
 
 std::array<qvx_adapter_info, kPageAdapters> page_adapters(const qvx_data_page& page) noexcept {
   std::array<qvx_adapter_info, kPageAdapters> adapters;
-  const std::byte* from = page.memory + at("adapters[0]");
+  const std::byte* from = page.memory + offset_of(kPageLayout, "adapters[0]");
   for (qvx_adapter_info& adapter : adapters) {
     adapter = adapter_decode(std::span<const std::byte, kAdapterEntrySize>(from, kAdapterEntrySize));
     from += kAdapterEntrySize;
@@ -229,7 +213,7 @@ std::array<qvx_adapter_info, kPageAdapters> page_adapters(const qvx_data_page& p
 }
 
 void page_set_adapters(qvx_data_page& page, std::span<const qvx_adapter_info> adapters) noexcept {
-  std::byte* to = page.memory + at("adapters[0]");
+  std::byte* to = page.memory + offset_of(kPageLayout, "adapters[0]");
   for (std::size_t i = 0; i < kPageAdapters; ++i) {
     const AdapterBytes bytes = adapter_encode(i < adapters.size() ? adapters[i] : qvx_adapter_info{});
     std::memcpy(to, bytes.data(), bytes.size());

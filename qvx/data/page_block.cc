@@ -35,11 +35,11 @@ bool page_block_read(Bytes unit, PageBlock& block) noexcept {
   std::copy_n(unit.begin(), std::min(unit.size(), fixed.size()), fixed.begin());
   const std::byte* const from = fixed.data();
   qvxp_header& header = block.header;
-  header.header_size = load_le<std::uint8_t>(from + offset_of(kPageBlockLayout, "header_size"));
-  header.encoding = load_le<std::uint8_t>(from + offset_of(kPageBlockLayout, "encoding"));
-  header.encoded_size = load_le<std::uint32_t>(from + offset_of(kPageBlockLayout, "encoded_size"));
-  header.first_timestamp = load_le<std::uint64_t>(from + offset_of(kPageBlockLayout, "first_timestamp"));
-  header.last_timestamp = load_le<std::uint64_t>(from + offset_of(kPageBlockLayout, "last_timestamp"));
+  header.header_size = load_field<kPageBlockLayout, "header_size">(from);
+  header.encoding = load_field<kPageBlockLayout, "encoding">(from);
+  header.encoded_size = load_field<kPageBlockLayout, "encoded_size">(from);
+  header.first_timestamp = load_field<kPageBlockLayout, "first_timestamp">(from);
+  header.last_timestamp = load_field<kPageBlockLayout, "last_timestamp">(from);
 
   // The length test leaves the end magic out, deliberately; an end magic that is not wholly there does not
   // match.
