@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "qvx/support/bytes.h"
+#include "qvx/support/file_descriptor.h"
 #include "qvx/support/log.h"
 
 namespace qvx {
@@ -18,22 +19,6 @@ namespace {
 constexpr const char* kSharedRoutine = "qvx_allocate_shared_mem";
 constexpr mode_t kSharedMode = 0666;
 constexpr std::int32_t kNotCreator = -1;
-
-// A descriptor that is closed at the end of its scope.
-class Descriptor {
- public:
-  explicit Descriptor(int number) : number_(number) {}
-  ~Descriptor() {
-    if (number_ >= 0) close(number_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  int get() const { return number_; }
-
- private:
-  int number_;
-};
 
 // Opens the object of this name, or else creates it; the latter sets `created`. -1 on failure.
 int open_or_create(const char* name, bool& created) {
@@ -82,8 +67,8 @@ int map_shared(qvx_data_page& page) {
   const char* const name = page.name.data();
   QVX_LOG(QVX_LOG_DEBUG, "Creating shared-mem named %s", name);
   bool created = false;
-  const Descriptor descriptor(open_or_create(name, created));
-  if (descriptor.get() < 0) {
+  const FileDescriptor descriptor(open_or_create(name, created));
+  if (!descriptor) {
     const int error = errno;
     QVX_LOG(QVX_LOG_ERROR, "[%s] cannot create shared memory %s", kSharedRoutine, name);
     return error;
@@ -123,7 +108,7 @@ int allocate_shared(qvx_data_page& page) {
           static_cast<void*>(page.memory));
   if (page.creator > 0) {
     std::memset(page.memory, 0, kPageHeaderSize);
-    store_le(page.memory + offset_of(kPageLayout, "creator"), page.creator);
+    store_field<kPageLayout, "creator">(page.memory, page.creator);
   }
   return 0;
 }

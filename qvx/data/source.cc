@@ -14,6 +14,7 @@
 #include "qvx/host/client_id.h"
 #include "qvx/support/env.h"
 #include "qvx/support/log.h"
+#include "qvx/support/text.h"
 
 namespace qvx {
 namespace {

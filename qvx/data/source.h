@@ -23,13 +23,6 @@ struct qvx_source {
 
 namespace qvx {
 
-// The text of a NUL-padded field: up to the first NUL, or all of it. Views the field.
-template <std::size_t kSize>
-std::string_view field_text(const std::array<char, kSize>& field) noexcept {
-  const std::string_view all(field.data(), kSize);
-  return all.substr(0, all.find('\0'));
-}
-
 // A record of both texts, cut at 64 and 16 characters.
 qvx_source make_source(std::string_view id, std::string_view tag) noexcept;
 

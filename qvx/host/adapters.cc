@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 
+#include "qvx/support/file_descriptor.h"
 #include "qvx/support/log.h"
 #include "qvx/support/string_array.h"
 #include "qvx/support/text.h"
@@ -20,46 +21,19 @@
 namespace qvx {
 namespace {
 
-template <std::size_t kSize>
-consteval std::size_t at(const char (&name)[kSize]) {
-  return offset_of(kAdapterEntryLayout, std::string_view(name, kSize - 1));
+FileDescriptor open_to_read(const std::string& path) {
+  return FileDescriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC));
 }
 
-template <std::size_t kSize>
-void take(std::array<char, kSize>& field, const std::byte* from) {
-  std::memcpy(field.data(), from, kSize);
+// One read, since an attribute of the kernel comes whole. 0 at the end of the file, negative on failure.
+ssize_t read_once(const FileDescriptor& file, std::span<char> to) {
+  ssize_t count = 0;
+  do {
+    errno = 0;
+    count = read(file.get(), to.data(), to.size());
+  } while (count < 0 && errno == EINTR);
+  return count;
 }
-
-template <std::size_t kSize>
-void put(std::byte* to, const std::array<char, kSize>& field) {
-  std::memcpy(to, field.data(), kSize);
-}
-
-// An open file to read from, closed at the end of its scope.
-class InputFile {
- public:
-  explicit InputFile(const char* path) : descriptor_(open(path, O_RDONLY | O_CLOEXEC)) {}
-  ~InputFile() {
-    if (descriptor_ >= 0) close(descriptor_);
-  }
-  InputFile(const InputFile&) = delete;
-  InputFile& operator=(const InputFile&) = delete;
-
-  bool is_open() const { return descriptor_ >= 0; }
-
-  // One read, since an attribute of the kernel comes whole. 0 at the end of the file, negative on failure.
-  ssize_t read_once(std::span<char> to) const {
-    ssize_t count = 0;
-    do {
-      errno = 0;
-      count = read(descriptor_, to.data(), to.size());
-    } while (count < 0 && errno == EINTR);
-    return count;
-  }
-
- private:
-  int descriptor_;
-};
 
 // The matches of a pattern, freed at the end of their scope.
 class Matches {
@@ -138,22 +112,22 @@ void print_field(std::FILE* stream, int index, const char* label, std::span<cons
 qvx_adapter_info adapter_decode(std::span<const std::byte, kAdapterEntrySize> bytes) noexcept {
   const std::byte* const from = bytes.data();
   qvx_adapter_info adapter;
-  take(adapter.name, from + at("name"));
-  take(adapter.node_guid, from + at("node_guid"));
-  take(adapter.system_image_guid, from + at("system_image_guid"));
-  take(adapter.port_1_guid, from + at("port_1_guid"));
-  take(adapter.port_2_guid, from + at("port_2_guid"));
+  load_field<kAdapterEntryLayout, "name">(from, adapter.name);
+  load_field<kAdapterEntryLayout, "node_guid">(from, adapter.node_guid);
+  load_field<kAdapterEntryLayout, "system_image_guid">(from, adapter.system_image_guid);
+  load_field<kAdapterEntryLayout, "port_1_guid">(from, adapter.port_1_guid);
+  load_field<kAdapterEntryLayout, "port_2_guid">(from, adapter.port_2_guid);
   return adapter;
 }
 
 AdapterBytes adapter_encode(const qvx_adapter_info& adapter) noexcept {
   AdapterBytes bytes;
   std::byte* const to = bytes.data();
-  put(to + at("name"), adapter.name);
-  put(to + at("node_guid"), adapter.node_guid);
-  put(to + at("system_image_guid"), adapter.system_image_guid);
-  put(to + at("port_1_guid"), adapter.port_1_guid);
-  put(to + at("port_2_guid"), adapter.port_2_guid);
+  store_field<kAdapterEntryLayout, "name">(to, adapter.name);
+  store_field<kAdapterEntryLayout, "node_guid">(to, adapter.node_guid);
+  store_field<kAdapterEntryLayout, "system_image_guid">(to, adapter.system_image_guid);
+  store_field<kAdapterEntryLayout, "port_1_guid">(to, adapter.port_1_guid);
+  store_field<kAdapterEntryLayout, "port_2_guid">(to, adapter.port_2_guid);
   return bytes;
 }
 
@@ -181,10 +155,10 @@ bool read_guid_file(std::array<char, kGuidSize>& digits, const char* path_format
     QVX_LOG(QVX_LOG_WARNING, "HCA info: failed to expand template %s", path_format);
     return false;
   }
-  const InputFile file(path->c_str());
-  if (!file.is_open()) return false;
+  const FileDescriptor file = open_to_read(*path);
+  if (!file) return false;
   std::array<char, 40> content;
-  const ssize_t count = file.read_once(content);
+  const ssize_t count = read_once(file, content);
   if (count <= 0) {
     QVX_LOG(QVX_LOG_ERROR, "HCA info: failed to read file %s: %s", path->c_str(), std::strerror(errno));
     return false;
@@ -207,13 +181,13 @@ int has_smi(const char* root, const char* device, int port) noexcept {
   if (!path) return -1;
   struct stat status {};
   if (stat(path->c_str(), &status) != 0) return 0;
-  const InputFile file(path->c_str());
-  if (!file.is_open()) {
+  const FileDescriptor file = open_to_read(*path);
+  if (!file) {
     QVX_LOG(QVX_LOG_ERROR, "Failed to open has_smi file: %s with %s:%d", path->c_str(), device, port);
     return -1;
   }
   std::array<char, 1> value{};
-  if (file.read_once(value) <= 0) {
+  if (read_once(file, value) <= 0) {
     QVX_LOG(QVX_LOG_ERROR, "Failed to read has_smi file: %s with %s:%d", path->c_str(), device, port);
     return -1;
   }

@@ -16,6 +16,7 @@
 #include "qvx/scan/file_scan.h"
 #include "qvx/support/format.h"
 #include "qvx/support/log.h"
+#include "qvx/support/text.h"
 
 namespace qvx {
 namespace {
@@ -109,10 +110,10 @@ bool read_file_header(const char* path, qvx_data_file_header& header) {
   return false;
 }
 
-// The file's text fields end at their first NUL and lose their last byte.
+// A file's source is compared without the last byte of its fields.
 template <std::size_t kSize>
-std::string field_text(const std::array<char, kSize>& field) {
-  return std::string(field.data(), strnlen(field.data(), kSize - 1));
+std::string sort_text(const std::array<char, kSize>& field) {
+  return std::string(field_text(field).substr(0, kSize - 1));
 }
 
 // One entry per input file; nothing when a header cannot be had or memory is short.
@@ -131,7 +132,7 @@ std::optional<std::vector<FileEntry>> read_entries(Run& run) {
       return std::nullopt;
     }
     entries.push_back(
-        {field_text(header.source_id), field_text(header.source_tag), header.first_timestamp, path});
+        {sort_text(header.source_id), sort_text(header.source_tag), header.first_timestamp, path});
   }
   return entries;
 }

@@ -24,6 +24,8 @@
 #endif
 #include <rapidjson/memorystream.h>
 #include <rapidjson/reader.h>
+
+#include "qvx/support/file_descriptor.h"
 #ifdef __clang__
 #pragma clang attribute pop
 #endif
@@ -174,40 +176,23 @@ std::optional<Value> build(std::string_view text) {
   return builder.take_root();
 }
 
-class File {
- public:
-  explicit File(const char* path) : descriptor_(::open(path, O_RDONLY | O_CLOEXEC)) {}
-  ~File() {
-    const int error = errno;
-    if (descriptor_ >= 0) ::close(descriptor_);
-    errno = error;
+// The content up to the first NUL or the end; false, and errno set, when reading fails.
+bool read_text(const FileDescriptor& file, std::string& text) {
+  constexpr std::size_t kPiece = std::size_t{64} * 1024;
+  std::size_t size = 0;
+  for (;;) {
+    text.resize(size + kPiece);
+    const ssize_t count = ::read(file.get(), text.data() + size, kPiece);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return false;
+    const std::size_t end = size + static_cast<std::size_t>(count);
+    const bool has_nul = std::memchr(text.data() + size, '\0', static_cast<std::size_t>(count)) != nullptr;
+    size = end;
+    if (count == 0 || has_nul) break;
   }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-
-  bool is_open() const { return descriptor_ >= 0; }
-
-  // The content up to the first NUL or the end; false, and errno set, when reading fails.
-  bool read(std::string& text) {
-    constexpr std::size_t kPiece = std::size_t{64} * 1024;
-    std::size_t size = 0;
-    for (;;) {
-      text.resize(size + kPiece);
-      const ssize_t count = ::read(descriptor_, text.data() + size, kPiece);
-      if (count < 0 && errno == EINTR) continue;
-      if (count < 0) return false;
-      const std::size_t end = size + static_cast<std::size_t>(count);
-      const bool has_nul = std::memchr(text.data() + size, '\0', static_cast<std::size_t>(count)) != nullptr;
-      size = end;
-      if (count == 0 || has_nul) break;
-    }
-    text.resize(size);
-    return true;
-  }
-
- private:
-  int descriptor_;
-};
+  text.resize(size);
+  return true;
+}
 
 }  // namespace
 
@@ -221,9 +206,9 @@ std::optional<Value> parse(std::string_view text) noexcept {
 
 std::optional<Value> parse_file(const char* path) noexcept {
   try {
-    File file(path);
+    const FileDescriptor file(::open(path, O_RDONLY | O_CLOEXEC));
     std::string text;
-    if (!file.is_open() || !file.read(text)) return std::nullopt;
+    if (!file || !read_text(file, text)) return std::nullopt;
     auto value = build(text);
     errno = 0;
     return value;

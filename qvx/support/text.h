@@ -1,11 +1,13 @@
 // Small text utilities. No function throws; a missing text is a null result.
 #pragma once
 
+#include <array>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 // The text that the printf format gives with its arguments; nothing on failure, which is logged at level 3.
 std::optional<std::string> qvx_expand_template(const char* format, ...) noexcept
@@ -14,6 +16,13 @@ std::optional<std::string> qvx_expand_template_v(const char* format, va_list arg
     __attribute__((format(printf, 1, 0)));
 
 namespace qvx {
+
+// The text of a NUL-padded field: up to the first NUL, or all of it. Views the field.
+template <std::size_t kSize>
+std::string_view field_text(const std::array<char, kSize>& field) noexcept {
+  const std::string_view all(field.data(), kSize);
+  return all.substr(0, all.find('\0'));
+}
 
 // The token, after the accumulated text and a comma unless that text is null or empty.
 std::optional<std::string> string_concat_comma_separated_token(const char* accumulated,

@@ -11,6 +11,7 @@
 #include <functional>
 #include <string>
 
+#include "qvx/support/text.h"
 #include "tests/support/log_capture.h"
 
 namespace qvx {

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "qvx/support/text.h"
 #include "tests/support/env_guard.h"
 #include "tests/support/failing_allocations.h"
 #include "tests/support/fake_host_name.h"

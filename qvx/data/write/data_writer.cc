@@ -12,6 +12,7 @@
 #include "qvx/data/block.h"
 #include "qvx/data/source.h"
 #include "qvx/support/log.h"
+#include "qvx/support/text.h"
 
 namespace qvx {
 namespace {

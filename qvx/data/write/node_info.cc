@@ -19,6 +19,7 @@
 #include "qvx/support/json_value.h"
 #include "qvx/support/log.h"
 #include "qvx/support/md5.h"
+#include "qvx/support/text.h"
 
 namespace qvx {
 namespace {

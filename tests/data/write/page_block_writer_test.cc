@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "qvx/support/text.h"
 #include "tests/support/failing_allocations.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/log_capture.h"
