@@ -47,7 +47,7 @@ std::size_t DataInput::read(std::span<std::byte> to) {
     const std::span<std::byte> rest = to.subspan(filled);
     switch (form_) {
       case Form::unknown:
-        find_form();
+        find_form(rest.size());
         break;
       case Form::plain:
         filled += read_plain(rest);
@@ -61,10 +61,11 @@ std::size_t DataInput::read(std::span<std::byte> to) {
   return filled;
 }
 
-// At the start of the file, and behind each gzip member.
-void DataInput::find_form() {
+// At the start of the file, and behind each gzip member. Not more is read ahead than is wanted: a header read
+// with what follows it would put every data block at an odd place in the buffer.
+void DataInput::find_form(std::size_t wanted) {
   while (buffered_.size() < std::size(kGzipMagic) && !file_ended_ && fault_.empty())
-    fill_buffer();
+    fill_buffer(std::max(wanted, std::size(kGzipMagic)));
   if (begins_gzip_member(buffered_)) {
     form_ = Form::gzip;
     if (stream_) {
@@ -83,20 +84,23 @@ void DataInput::find_form() {
 }
 
 std::size_t DataInput::read_plain(std::span<std::byte> to) {
-  if (!buffered_.empty()) {
-    const std::size_t count = std::min(buffered_.size(), to.size());
-    std::copy_n(buffered_.begin(), count, to.begin());
-    buffered_ = buffered_.subspan(count);
+  // Large data blocks are read where they are wanted; small ones would cost a system call each.
+  if (buffered_.empty() && to.size() < kBufferSize) fill_buffer(kBufferSize);
+  if (!fault_.empty()) return 0;
+  if (buffered_.empty()) {
+    const std::size_t count = file_ended_ ? 0 : read_file(to);
+    at_end_ = file_ended_;
     return count;
   }
-  const std::size_t count = file_ended_ ? 0 : read_file(to);
-  at_end_ = file_ended_;
+  const std::size_t count = std::min(buffered_.size(), to.size());
+  std::memcpy(to.data(), buffered_.data(), count);
+  buffered_ = buffered_.subspan(count);
   return count;
 }
 
 std::size_t DataInput::inflate_some(std::span<std::byte> to) {
   if (buffered_.empty() && !output_held_back_) {
-    fill_buffer();
+    fill_buffer(kBufferSize);
     if (!fault_.empty()) return 0;
     if (buffered_.empty()) {
       fault_ = "unexpected end of file";
@@ -127,12 +131,13 @@ std::size_t DataInput::inflate_some(std::span<std::byte> to) {
   return room - stream_->avail_out;
 }
 
-// Adds to the buffer, which holds one byte at most.
-void DataInput::fill_buffer() {
+// Adds up to `most` bytes to the buffer, which holds one at most.
+void DataInput::fill_buffer(std::size_t most) {
   if (buffer_ == nullptr) buffer_ = std::make_unique_for_overwrite<std::byte[]>(kBufferSize);
   const std::size_t kept = buffered_.size();
   std::copy_n(buffered_.begin(), kept, buffer_.get());
-  const std::size_t count = file_ended_ ? 0 : read_file({buffer_.get() + kept, kBufferSize - kept});
+  const std::size_t count =
+      file_ended_ ? 0 : read_file({buffer_.get() + kept, std::min(most, kBufferSize - kept)});
   buffered_ = Bytes(buffer_.get(), kept + count);
 }
 

@@ -57,10 +57,10 @@ class DataInput {
 
   enum class Form { unknown, plain, gzip };
 
-  void find_form();
+  void find_form(std::size_t wanted);
   std::size_t read_plain(std::span<std::byte> to);
   std::size_t inflate_some(std::span<std::byte> to);
-  void fill_buffer();
+  void fill_buffer(std::size_t most);
   std::size_t read_file(std::span<std::byte> to);
 
   ReadHook read_hook_;

@@ -53,7 +53,7 @@ bool FileScan::load_types(ScanVisitor& visitor) {
 
 bool FileScan::next(ScanVisitor& visitor) {
   if (failed_) return false;
-  if (!walk_) return next_unit(visitor);
+  if (!walk_ && !next_unit(visitor)) return false;
   const WalkStep step = walk_->next(visitor);
   if (step == WalkStep::block) return true;
   walk_.reset();
