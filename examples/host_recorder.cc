@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "qvx/support/clock.h"
+#include "qvx/support/text.h"
 #include "qvx/support/version.h"
 
 namespace qvx::examples {
