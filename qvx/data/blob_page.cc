@@ -41,7 +41,7 @@ bool page_is_blob(const qvx_data_page& page) noexcept {
 }
 
 void page_mark_blob(qvx_data_page& page) noexcept {
-  store_field<kPageLayout, "filled_bytes">(page_header(page).data(), kPageHeaderSize);
+  page_set_filled_bytes(page, kPageHeaderSize);
   page_set_schema_id(page, kBlobSchemaId);
 }
 

@@ -24,6 +24,18 @@ const char* or_excuse(const std::optional<std::string>& text) {
   return text ? text->c_str() : "Failed to get schema id string";
 }
 
+bool has_magic(const qvx_data_file_header& header) {
+  return magic_is(header.magic, kFileKind);
+}
+
+bool has_known_version(const qvx_data_file_header& header) {
+  return header.version_major == kFormatMajor && header.version_minor <= kFormatMinor;
+}
+
+bool has_possible_size(const qvx_data_file_header& header) {
+  return header.file_size >= kFileHeaderSize;
+}
+
 }  // namespace
 
 qvx_data_file_header file_header_decode(std::span<const std::byte, kFileHeaderSize> bytes) noexcept {
@@ -80,21 +92,20 @@ std::unique_ptr<qvx_data_file_header> create_header() noexcept {
 }
 
 bool validate_header(const qvx_data_file_header& header) {
-  if (!magic_is(header.magic, kFileKind)) {
+  if (!has_magic(header)) {
     QVX_LOG(QVX_LOG_ERROR, "Wrong data page magic number.");
-    return false;
-  }
-  if (header.version_major != kFormatMajor || header.version_minor > kFormatMinor) {
+  } else if (!has_known_version(header)) {
     QVX_LOG(QVX_LOG_ERROR, "Version of data page %u.%u.%u is incompatible with Quorvex version %s",
             header.version_major, header.version_minor, header.version_patch, kProgramVersionText);
-    return false;
-  }
-  if (header.file_size < kFileHeaderSize) {
+  } else if (!has_possible_size(header)) {
     QVX_LOG(QVX_LOG_ERROR, "Wrong data file size %" PRId64 " is less then file header size %zu",
             static_cast<std::int64_t>(header.file_size), kFileHeaderSize);
-    return false;
   }
-  return true;
+  return header_is_valid(header);
+}
+
+bool header_is_valid(const qvx_data_file_header& header) noexcept {
+  return has_magic(header) && has_known_version(header) && has_possible_size(header);
 }
 
 std::optional<std::string> header_event_schema_id_text(const qvx_data_file_header& header,

@@ -78,7 +78,9 @@ std::unique_ptr<qvx_data_file_header> create_header() noexcept;
 
 // True when a file with this header may be read: magic, version and file size. Each fault is logged at
 // level 3. The closing magic, the byte order and the block size are not looked at.
-bool validate_header(const qvx_data_file_header& header);
+[[nodiscard]] bool validate_header(const qvx_data_file_header& header);
+// The same without a word.
+[[nodiscard]] bool header_is_valid(const qvx_data_file_header& header) noexcept;
 
 // The text of one event schema slot; none for an index above 6.
 std::optional<std::string> header_event_schema_id_text(const qvx_data_file_header& header,

@@ -176,6 +176,10 @@ std::uint64_t page_filled_bytes(const qvx_data_page& page) noexcept {
   return load<"filled_bytes">(page);
 }
 
+void page_set_filled_bytes(qvx_data_page& page, std::uint64_t filled) noexcept {
+  store<"filled_bytes">(page, filled);
+}
+
 std::uint32_t page_data_size(const qvx_data_page& page) noexcept {
   return load<"data_size">(page);
 }

@@ -98,6 +98,8 @@ std::uint64_t page_size(const qvx_data_page& page) noexcept;
 // What the header says, which in shared memory may be anything.
 std::uint32_t page_version(const qvx_data_page& page) noexcept;
 std::uint64_t page_filled_bytes(const qvx_data_page& page) noexcept;
+// What is appended next goes there; the header of the page is counted.
+void page_set_filled_bytes(qvx_data_page& page, std::uint64_t filled) noexcept;
 std::uint32_t page_data_size(const qvx_data_page& page) noexcept;
 
 qvx_schema_id page_schema_id(const qvx_data_page& page) noexcept;

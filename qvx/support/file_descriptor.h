@@ -25,11 +25,17 @@ class FileDescriptor {
   explicit operator bool() const noexcept { return number_ >= 0; }
   int get() const noexcept { return number_; }
 
+  // Closes it, if any. False with errno when the system tells only now that what was written through it is
+  // lost; an interruption is no such loss.
+  [[nodiscard]] bool close() noexcept {
+    return number_ < 0 || ::close(std::exchange(number_, -1)) == 0 || errno == EINTR;
+  }
+
   // Closes it, if any. Leaves errno alone.
   void reset() noexcept {
     if (number_ < 0) return;
     const int saved = errno;
-    close(std::exchange(number_, -1));
+    ::close(std::exchange(number_, -1));
     errno = saved;
   }
 

@@ -1,7 +1,6 @@
 #include "qvx/data/write/node_info.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -57,63 +56,92 @@ bool set_adapter(json::Object& root, const qvx_adapter_info& adapter) {
          (second_port.empty() || set_member(root, device, "port_2_guid", second_port));
 }
 
-bool write_all(int descriptor, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t count = write(descriptor, text.data(), text.size());
-    if (count < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    text.remove_prefix(static_cast<std::size_t>(count));
+// Where the text goes: the open folder, and its path for messages.
+struct Directory {
+  int descriptor;
+  const std::string& path;
+  const MakeRoom& make_room;
+};
+
+std::string path_in(const Directory& directory, const std::string& name) {
+  return directory.path + "/" + name;
+}
+
+bool fail_open(const std::string& path, int error) {
+  QVX_LOG(QVX_LOG_ERROR, "[nodeinfo_file] Failed to open file %s for writing: %s", path.c_str(),
+          std::strerror(error));
+  return false;
+}
+
+enum class Target { written, failed, taken };
+
+// With `replace` it writes over a file that has the name, otherwise it leaves that alone.
+Target write_file(const Directory& directory, const std::string& name, std::string_view text, bool replace) {
+  const std::string path = path_in(directory, name);
+  const auto open_with = [&](int flags) {
+    return open_in(directory.descriptor, name, O_WRONLY | flags, directory.make_room);
+  };
+  FileDescriptor file = open_with(O_CREAT | O_EXCL);
+  const bool is_new = static_cast<bool>(file);
+  if (!file && errno == EEXIST) {
+    if (!replace) return Target::taken;
+    file = open_with(O_TRUNC);
   }
+  if (!file) {
+    fail_open(path, errno);
+    return Target::failed;
+  }
+  const bool written = write_all(file.get(), text.data(), text.size()) == text.size();
+  int error = errno;
+  const bool closed = file.close();
+  if (written && closed) return Target::written;
+  if (written) error = errno;
+  QVX_LOG(QVX_LOG_ERROR, "[nodeinfo_file] Failed to write data to file %s: %s", path.c_str(),
+          std::strerror(error));
+  if (is_new) unlinkat(directory.descriptor, name.c_str(), 0);
+  return Target::failed;
+}
+
+bool may_write_another() {
+  const char* const allow = qvx_getenv("QVX_ALLOW_MULTIPLE_NODEINFO");
+  return allow == nullptr || *allow == '\0' || is_true_switch(allow);
+}
+
+// A path cut to its limit would name another place.
+bool is_too_long(const Directory& directory, const std::string& name) {
+  const std::string path = path_in(directory, name);
+  return path.size() > kMaxPathLength && !fail_open(path, ENAMETOOLONG);
+}
+
+bool write_into(const Directory& directory, const qvx_nodeinfo_cache& cache) {
+  const std::string first = "nodeinfo.json";
+  if (is_too_long(directory, first)) return false;
+  const Target target = write_file(directory, first, *cache.json_text, false);
+  if (target != Target::taken) return target == Target::written;
+  if (!may_write_another()) return true;
+  const std::string second = format_text("nodeinfo.%lu.json", cache.timestamp);
+  if (is_too_long(directory, second)) return false;
+  return write_file(directory, second, *cache.json_text, true) == Target::written;
+}
+
+// Rebuilds the text when the adapters changed; false when it cannot be made.
+bool bring_up_to_date(qvx_nodeinfo_cache& cache, const qvx_data_page& page) {
+  const auto adapters = page_adapters(page);
+  const std::array<std::byte, 16> digest = digest_of(used_entries(adapters));
+  if (cache.json_text && digest == cache.adapters_digest) return true;
+  const std::uint64_t timestamp = page_first_timestamp(page);
+  std::optional<std::string> text = nodeinfo_text(adapters, timestamp);
+  if (!text) return false;
+  cache.json_text = std::move(text);
+  cache.adapters_digest = digest;
+  cache.timestamp = timestamp;
+  cache.directory.reset();  // nothing of this text is written anywhere yet
   return true;
 }
 
-bool exists(const char* path) {
-  struct stat status {};
-  return lstat(path, &status) == 0;
-}
-
-bool write_file(const char* path, std::string_view text) {
-  const bool is_new = !exists(path);
-  const int descriptor = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
-  if (descriptor < 0) {
-    QVX_LOG(QVX_LOG_ERROR, "[nodeinfo_file] Failed to open file %s for writing: %s", path,
-            std::strerror(errno));
-    return false;
-  }
-  bool written = write_all(descriptor, text);
-  int error = errno;
-  if (close(descriptor) != 0 && written && errno != EINTR) {
-    written = false;
-    error = errno;
-  }
-  if (!written) {
-    QVX_LOG(QVX_LOG_ERROR, "[nodeinfo_file] Failed to write data to file %s: %s", path, std::strerror(error));
-    if (is_new) unlink(path);
-  }
-  return written;
-}
-
-// Where the text goes; empty when the setting forbids a second file.
-std::string target_path(const std::string& directory, std::uint64_t timestamp) {
-  const std::string first = directory + "/nodeinfo.json";
-  if (!exists(first.c_str())) return first;
-  const char* const allow = qvx_getenv("QVX_ALLOW_MULTIPLE_NODEINFO");
-  if (allow != nullptr && *allow != '\0' && !is_true_switch(allow)) return {};
-  return format_text("%s/nodeinfo.%lu.json", directory.c_str(), timestamp);
-}
-
-bool write_into(const std::string& directory, const qvx_nodeinfo_cache& cache) {
-  const std::string path = target_path(directory, cache.timestamp);
-  if (path.empty()) return true;
-  // A path cut to its limit would name another place.
-  if (path.size() > kMaxPathLength) {
-    QVX_LOG(QVX_LOG_ERROR, "[nodeinfo_file] Failed to open file %s for writing: %s", path.c_str(),
-            std::strerror(ENAMETOOLONG));
-    return false;
-  }
-  return write_file(path.c_str(), *cache.json_text);
+bool fail_allocation() {
+  QVX_LOG(QVX_LOG_ERROR, "HCA info: unable to allocate json value");
+  return false;
 }
 
 }  // namespace
@@ -140,26 +168,27 @@ std::optional<std::string> nodeinfo_text(std::span<const qvx_adapter_info> adapt
 
 bool nodeinfo_write(qvx_nodeinfo_cache& cache, const char* directory, const qvx_data_page& page) noexcept {
   try {
-    const auto adapters = page_adapters(page);
-    const std::array<std::byte, 16> digest = digest_of(used_entries(adapters));
+    const std::string path = directory;
+    if (!bring_up_to_date(cache, page)) return false;
+    const FileDescriptor folder(open(directory, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!folder) return fail_open(path + "/nodeinfo.json", errno);
+    return nodeinfo_write_in(cache, folder.get(), path, page);
+  } catch (const std::bad_alloc&) {
+    return fail_allocation();
+  }
+}
+
+bool nodeinfo_write_in(qvx_nodeinfo_cache& cache, int folder, const std::string& directory,
+                       const qvx_data_page& page, const MakeRoom& make_room) noexcept {
+  try {
+    if (!bring_up_to_date(cache, page)) return false;
+    if (cache.directory == directory) return true;
     std::string target = directory;
-    if (!cache.json_text || digest != cache.adapters_digest) {
-      const std::uint64_t timestamp = page_first_timestamp(page);
-      std::optional<std::string> text = nodeinfo_text(adapters, timestamp);
-      if (!text) return false;
-      cache.json_text = std::move(text);
-      cache.adapters_digest = digest;
-      cache.timestamp = timestamp;
-      cache.directory.reset();  // nothing of this text is written anywhere yet
-    } else if (target == cache.directory) {
-      return true;
-    }
-    if (!write_into(target, cache)) return false;
+    if (!write_into({folder, directory, make_room}, cache)) return false;
     cache.directory = std::move(target);
     return true;
   } catch (const std::bad_alloc&) {
-    QVX_LOG(QVX_LOG_ERROR, "HCA info: unable to allocate json value");
-    return false;
+    return fail_allocation();
   }
 }
 

@@ -216,8 +216,8 @@ TEST_F(DataFileFaults, LinkThatTookTheFilesPlaceIsNotWrittenThrough) {
   ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
   fs::remove(path_);
   fs::create_symlink(target, path_);
-  EXPECT_EQ(append("0123456789abcdef"), 0u);
-  EXPECT_FALSE(data_file_update_header(file_));
+  EXPECT_EQ(append("0123456789abcdef"), 16u) << "into the file that has no name any more";
+  EXPECT_FALSE(data_file_update_header(file_)) << "which is told";
   EXPECT_EQ(read_file(target), before);
 }
 

@@ -102,8 +102,8 @@ TEST_F(DataFile, PathOfATimeBeyondTheCalendarIsNone) {
 TEST_F(DataFile, NewFileIsItsHeader) {
   file_.source_tag = "tag";
   file_.counters_schema_id = test::id_of_byte(0xC1);
-  file_.event_schema_ids[0] = test::id_of_byte(0xE0);
-  file_.event_schema_ids[6] = test::id_of_byte(0xE6);
+  file_.schemas.ids[0] = test::id_of_byte(0xE0);
+  file_.schemas.ids[6] = test::id_of_byte(0xE6);
   ASSERT_TRUE(data_file_open_for(file_, kStart, kStart + 5));
   test::FileHeader expected;
   expected.source_id = "node1";
@@ -294,25 +294,65 @@ TEST_F(DataFile, ExistingFileIsAppendedTo) {
 
 TEST_F(DataFile, RestOfAnInterruptedAppendIsRemoved) {
   const std::string whole = test::sample_file({.block_size = 16}, {"old block"});
-  temp_.write_file("2023/1114/node1/1700000000000000.bin", whole + "half");
+  temp_.write_file("2023/1114/node1/1700000000000000.bin", whole + "hal");
   LogCapture log;
   ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
   EXPECT_EQ(log.texts(QVX_LOG_WARNING),
-            (Texts{"[data_file] Removed 4 bytes of an interrupted append from " + path_}));
+            (Texts{"[data_file] Removed 3 bytes of an interrupted append from " + path_}));
   EXPECT_EQ(append("0123456789abcdef"), 16u);
   EXPECT_EQ(read_file(path_), whole + "0123456789abcdef");
 }
 
-TEST_F(DataFile, ShortLastBlockThatTheHeaderCountsStays) {
+// Data behind them would be read as their end.
+TEST_F(DataFile, ShortLastBlockThatAReaderReadsStaysAndDataGoElsewhere) {
   test::FileHeader header;
   header.block_size = 16;
-  header.file_size = 260;
-  const std::string before = test::file_header(header) + "half";
-  temp_.write_file("2023/1114/node1/1700000000000000.bin", before);
-  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
-  EXPECT_EQ(append("0123456789abcdef"), 16u);
-  EXPECT_EQ(read_file(path_), before + "0123456789abcdef");
+  const std::string second = path_of("1700000000000000_2");
+  for (const std::string rest : {"QVXE", "QVXD56", "QVXS56", "QVXP5678", "CNTX5678"}) {
+    fs::remove_all(temp_.path() / "2023");
+    const std::string before = test::file_header(header) + rest;
+    temp_.write_file("2023/1114/node1/1700000000000000.bin", before);
+    qvx_data_file file;
+    file.root = temp_.path();
+    file.source_id = "node1";
+    file.block_size = 16;
+    ASSERT_TRUE(data_file_open_for(file, kStart, kStart));
+    EXPECT_EQ(data_file_append(file, as_bytes("0123456789abcdef")), 16u);
+    EXPECT_EQ(read_file(path_), before) << rest;
+    EXPECT_EQ(read_file(second).substr(256), "0123456789abcdef") << rest;
+  }
 }
+
+TEST_F(DataFile, BlockThatEndsEveryReadingStaysAndDataFollowIt) {
+  for (const std::string rest : {"half", "QVXB", "QVXZ567"}) {
+    const std::string before = test::sample_file({.block_size = 16}, {"old block"}) + rest;
+    temp_.write_file("2023/1114/node1/1700000000000000.bin", before);
+    qvx_data_file file;
+    file.root = temp_.path();
+    file.source_id = "node1";
+    file.block_size = 16;
+    ASSERT_TRUE(data_file_open_for(file, kStart, kStart));
+    EXPECT_EQ(data_file_append(file, as_bytes("0123456789abcdef")), 16u);
+    EXPECT_EQ(read_file(path_), before + "0123456789abcdef");
+  }
+}
+
+TEST_F(DataFile, BytesThatNoReaderReadsAreRemoved) {
+  test::FileHeader header;
+  header.block_size = 16;
+  for (const std::string rest : {"Q", "QV", "QVX"}) {
+    temp_.write_file("2023/1114/node1/1700000000000000.bin", test::file_header(header) + rest);
+    qvx_data_file file;
+    file.root = temp_.path();
+    file.source_id = "node1";
+    file.block_size = 16;
+    ASSERT_TRUE(data_file_open_for(file, kStart, kStart));
+    EXPECT_EQ(data_file_append(file, as_bytes("0123456789abcdef")), 16u);
+    EXPECT_EQ(read_file(path_).substr(256), "0123456789abcdef") << rest;
+  }
+}
+
+// -- Names that are taken
 
 TEST_F(DataFile, FolderInThePlaceOfTheFileCannotBeAppendedTo) {
   fs::create_directories(path_);
@@ -362,6 +402,7 @@ TEST_F(DataFile, FirstTimestampIsWrittenOnlyWhereThereIsNone) {
     qvx_data_file file;
     file.root = temp_.path();
     file.source_id = "node1";
+    file.block_size = 16;
     ASSERT_TRUE(data_file_open_for(file, kStart, kStart));
     EXPECT_TRUE(data_file_update_header(file));
     EXPECT_EQ(header_of(path_).first_timestamp, first == 0 ? kStart : 5);

@@ -53,6 +53,12 @@ class DataWriterTest : public testing::Test {
 
   bool write(const PageSpec& spec) { return data_writer_write_page(*writer_, *make_page(spec)); }
 
+  void forget_sources() {
+    EXPECT_TRUE(data_writer_finish(*writer_));
+    writer_->sources_by_key.clear();
+    writer_->sources.clear();
+  }
+
   std::filesystem::path folder() const { return temp_.path() / "2023/1114/node1"; }
   std::string path_of(std::string_view id) const { return folder() / (std::string(id) + ".bin"); }
 

@@ -69,8 +69,7 @@ TEST_F(DataWriter, OnlyMajor1WithMinorAbove6IsCompatible) {
     EXPECT_TRUE(data_writer_write_page(*writer_, *page));
     EXPECT_EQ(fs::remove_all(temp_.path() / "2023") > 0, saved) << version;
     EXPECT_EQ(log.has(QVX_LOG_WARNING, "[data_writer] Received incompatible data page. Skipping."), !saved);
-    writer_->sources.clear();
-    writer_->opened.clear();
+    forget_sources();
   }
 }
 
@@ -103,11 +102,15 @@ TEST_F(DataWriter, EventsPagesAndMetricsWarnThatTheyNameNoSchemas) {
 
 TEST_F(DataWriter, BlocksThatNoReaderAcceptsAreNotWritten) {
   LogCapture log;
+  EXPECT_FALSE(write({.data = "QVXE0123456789a"}));
+  EXPECT_TRUE(
+      log.has(QVX_LOG_DEBUG, "[data_writer] Blocks of 15 bytes could not be read. Cannot save to file."));
   EXPECT_FALSE(write({.room = 125829120}));
   EXPECT_TRUE(log.has(QVX_LOG_ERROR,
                       "[data_writer] Blocks of 125829120 bytes could not be read. Cannot save to file."));
   EXPECT_TRUE(fs::is_empty(temp_.path()));
-  EXPECT_TRUE(write({.room = 125829119}));
+  EXPECT_TRUE(write({.data = "QVXE0123456789ab"}));
+  EXPECT_TRUE(write({.room = 125829119, .first_timestamp = kStart + 1}));
 }
 
 // -- Blocks
@@ -220,12 +223,20 @@ TEST_F(DataWriter, OtherSchemasStartANewFile) {
   EXPECT_EQ(header_of(second).file_size, 256u + 2 * 256);
 }
 
-TEST_F(DataWriter, SchemasPageThatIsCutShortHasEmptyIdentifiersBehindItsEnd) {
-  writer_->event_schema_ids[1] = id_of_byte(9);
-  const std::string block = test::schemas_block({id_of_byte(1), id_of_byte(2)});
+TEST_F(DataWriter, SchemasPageThatIsCutShortHasZerosBehindItsEnd) {
+  writer_->event_schema_ids[2] = id_of_byte(9);
+  const std::string block = test::schemas_block({id_of_byte(1), id_of_byte(2), id_of_byte(3)});
   ASSERT_TRUE(write({.data = block.substr(0, 40)}));
   EXPECT_EQ(header_of(path_).event_schema_ids[0], id_of_byte(1));
-  EXPECT_EQ(header_of(path_).event_schema_ids[1], qvx_schema_id{});
+  EXPECT_EQ(header_of(path_).event_schema_ids[1], test::id_of("02020202020202020000000000000000"));
+  EXPECT_EQ(header_of(path_).event_schema_ids[2], qvx_schema_id{});
+}
+
+TEST_F(DataWriter, OfASchemasPageAsManyIdentifiersCountAsItStates) {
+  writer_->event_schema_ids[2] = id_of_byte(9);
+  ASSERT_TRUE(write({.data = test::schemas_block({id_of_byte(1), id_of_byte(2), id_of_byte(3)}, 256, 2)}));
+  EXPECT_EQ(header_of(path_).event_schema_ids[1], id_of_byte(2));
+  EXPECT_EQ(header_of(path_).event_schema_ids[2], qvx_schema_id{});
 }
 
 TEST_F(DataWriter, OtherCountersSchemaStartsANewFile) {
@@ -266,7 +277,7 @@ TEST_F(DataWriter, PageThatCannotBeSavedIsAFailureAndTheNextIsTriedAgain) {
 TEST_F(DataWriter, DestroyingTheWriterCompletesTheHeaders) {
   ASSERT_TRUE(write({}));
   ASSERT_TRUE(write({.source_id = "b"}));
-  for (auto& [key, source] : writer_->sources) {
+  for (auto& source : writer_->sources) {
     source.file.last_timestamp = kStart + 77;
     ASSERT_EQ(data_file_append(source.file, as_bytes("QVXE0123456789abcdef")), 20u);
   }
@@ -293,15 +304,14 @@ TEST_F(DataWriter, WhenMemoryIsShortAPageIsSavedWholeOrNotAtAll) {
   for (; short_of_memory; ++successes) {
     {
       const test::FailingAllocations few(successes);
-      data_writer_write_page(*writer_, *page);
+      static_cast<void>(data_writer_write_page(*writer_, *page));
       short_of_memory = few.any_failed();
     }
     for (const std::string& file : data_files()) {
       EXPECT_EQ(file, "2023/1114/node1/1700000000000000.bin");
       EXPECT_EQ((fs::file_size(temp_.path() / file) - 256) % 20, 0u);
     }
-    writer_->sources.clear();
-    writer_->opened.clear();
+    forget_sources();
     fs::remove_all(temp_.path() / "2023");
   }
   qvx_logger_register_callback(nullptr, 0);
