@@ -36,10 +36,14 @@ std::unique_ptr<BinOutput> BinOutput::create(const std::string& output_dir) {
   return std::unique_ptr<BinOutput>(new BinOutput(std::move(identity), std::move(writer)));
 }
 
-void BinOutput::set_header(const qvx_data_file_header& header) {
+void BinOutput::set_header(const qvx_data_file_header& header, TypeCache& types) {
   writer_->counters_schema_id = header.counters_schema_id;
-  writer_->event_schema_ids = header.event_schema_ids;
   counters_schema_id_ = header.counters_schema_id;
+  schemas_.emplace(types, header);
+}
+
+void BinOutput::set_schemas(std::span<const qvx_schema_id> ids) {
+  schemas_->set(ids);
 }
 
 bool BinOutput::process_page_block(const PageBlock& block) {
@@ -56,8 +60,14 @@ bool BinOutput::process_page_block(const PageBlock& block) {
   page_set_schema_id(*page_, counters_schema_id_);
   qvxp_header_source(block, *page_);
   page_set_timestamps(*page_, block.header.first_timestamp, block.header.last_timestamp);
-  if (!data_writer_write_page(*writer_, *page_)) failed_ = true;
+  const PageSchemas schemas = schemas_->follow(page_filled_data(*page_));
+  if (!data_writer_write_page(*writer_, *page_, schemas)) failed_ = true;
   return true;
+}
+
+bool BinOutput::finish() {
+  if (!data_writer_finish(*writer_)) failed_ = true;
+  return !failed_;
 }
 
 // Makes sure that the page has a data area of this size and is empty.
@@ -82,8 +92,7 @@ bool BinOutput::unpack(const PageBlock& block) {
   // padded to its block, and a size that is only claimed is not touched. A page of nothing but zeros, though,
   // is not an empty one.
   const std::size_t filled = std::min(std::max<std::size_t>(result.produced, 1), area.size());
-  store_le<std::uint64_t>(page_header(*page_).data() + offset_of(kPageLayout, "filled_bytes"),
-                          kPageHeaderSize + filled);
+  page_set_filled_bytes(*page_, kPageHeaderSize + filled);
   return true;
 }
 

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
+#include <span>
 #include <string>
 
 #include "qvx/data/file_header.h"
@@ -10,6 +12,7 @@
 #include "qvx/data/page_block.h"
 #include "qvx/data/write/data_writer.h"
 #include "qvx/host/client_id.h"
+#include "qvx/reader/page_schemas.h"
 
 namespace qvx {
 
@@ -19,15 +22,18 @@ class BinOutput {
   // Writes below `output_dir`. Null on failure, which is logged.
   static std::unique_ptr<BinOutput> create(const std::string& output_dir);
 
-  // The files of a new source begin with the schema identifiers of the file being read.
-  void set_header(const qvx_data_file_header& header);
+  // Of the file being read, before its first page.
+  void set_header(const qvx_data_file_header& header, TypeCache& types);
+
+  // A schemas block that stood outside the pages.
+  void set_schemas(std::span<const qvx_schema_id> ids);
 
   // Unpacks a page and saves it. False when it cannot be unpacked; that it could not be saved is told by
-  // failed(), since the pages behind it may still be.
-  bool process_page_block(const PageBlock& block);
+  // finish(), since the pages behind it may still be.
+  [[nodiscard]] bool process_page_block(const PageBlock& block);
 
-  // True when a page could not be saved.
-  bool failed() const { return failed_; }
+  // Completes the files. False when a page could not be saved.
+  [[nodiscard]] bool finish();
 
  private:
   BinOutput(ClientIdPtr identity, DataWriterPtr writer);
@@ -39,6 +45,7 @@ class BinOutput {
   DataWriterPtr writer_;
   PagePtr page_;  // kept while the next page has the same size
   qvx_schema_id counters_schema_id_;
+  std::optional<SchemasFollower> schemas_;
   bool failed_ = false;
 };
 

@@ -13,10 +13,18 @@ std::unique_ptr<BinVisitor> BinVisitor::create(Run& run, const char* path, FileS
   return std::unique_ptr<BinVisitor>(new BinVisitor(run, path, scan, std::move(output)));
 }
 
-PageUse BinVisitor::on_page(const PageBlock& block, const Place&) {
-  if (!has_header_) output_->set_header(scan_.header());
+BinOutput& BinVisitor::output() {
+  if (!has_header_) output_->set_header(scan_.header(), run_.types);
   has_header_ = true;
-  return output_->process_page_block(block) ? PageUse::done : PageUse::failed;
+  return *output_;
+}
+
+void BinVisitor::on_schemas(const SchemasBlock& block) {
+  output().set_schemas(block.ids);
+}
+
+PageUse BinVisitor::on_page(const PageBlock& block, const Place&) {
+  return output().process_page_block(block) ? PageUse::done : PageUse::failed;
 }
 
 }  // namespace qvx

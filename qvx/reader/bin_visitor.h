@@ -15,12 +15,15 @@ class BinVisitor final : public PrintVisitor {
   // Null on failure, which is logged. The scan and the path outlive the visitor.
   static std::unique_ptr<BinVisitor> create(Run& run, const char* path, FileScan& scan);
 
+  void on_schemas(const SchemasBlock& block) override;
   PageUse on_page(const PageBlock& block, const Place& place) override;
 
-  bool complete() const override { return !output_->failed(); }
+  bool complete() override { return output_->finish(); }
 
  private:
   BinVisitor(Run& run, const char* path, FileScan& scan, std::unique_ptr<BinOutput> output);
+
+  BinOutput& output();
 
   FileScan& scan_;
   std::unique_ptr<BinOutput> output_;

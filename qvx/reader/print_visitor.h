@@ -47,7 +47,7 @@ class PrintVisitor : public ScanVisitor, private metrics::MetricsRecordTarget {
   void file_error(const char* message) override;
 
   // Whether everything was saved that had to be; the file fails at its end if not.
-  virtual bool complete() const { return true; }
+  virtual bool complete() { return true; }
 
   // Records, counters and metrics blocks handled; 0: the next record is the first.
   std::uint32_t records_written() const { return records_written_; }
