@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "qvx/data/write/page_block_writer.h"
+#include "qvx/support/text.h"
 
 namespace qvx::examples {
 namespace {
