@@ -9,6 +9,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "bench/bench_data.h"
@@ -21,6 +22,7 @@
 #include "qvx/metrics/metrics_parser.h"
 #include "qvx/metrics/metrics_store.h"
 #include "qvx/reader/process_files.h"
+#include "qvx/scan/data_file_reader.h"
 
 namespace {
 
@@ -175,31 +177,96 @@ BENCHMARK_CAPTURE(page_inflate, snappy, std::uint8_t{QVX_ENCODING_SNAPPY})
     ->Arg(64 << 10)
     ->Arg(1 << 20);
 
-void whole_file(benchmark::State& state, qvx::bench::Payload payload) {
-  char folder[] = "/tmp/qvx_bench_XXXXXX";
-  if (mkdtemp(folder) == nullptr) {
-    state.SkipWithError("no temporary folder");
-    return;
+// A data file of 16 MiB in a folder of its own.
+class BenchFile {
+ public:
+  explicit BenchFile(qvx::bench::Payload payload) {
+    if (mkdtemp(folder_) != nullptr)
+      file_ = qvx::bench::make_data_file(folder_, payload, qvx::bench::Pages::plain, 16 << 20);
   }
-  const qvx::bench::DataFile file =
-      qvx::bench::make_data_file(folder, payload, qvx::bench::Pages::plain, 16 << 20);
+  ~BenchFile() {
+    [[maybe_unused]] const int removed = std::system(("rm -r " + std::string(folder_)).c_str());
+  }
+  BenchFile(const BenchFile&) = delete;
+  BenchFile& operator=(const BenchFile&) = delete;
+
+  const qvx::bench::DataFile& file() const { return file_; }
+  std::string schema_folder() const { return std::string(folder_) + "/schema"; }
+
+ private:
+  char folder_[32] = "/tmp/qvx_bench_XXXXXX";
+  qvx::bench::DataFile file_;
+};
+
+void whole_file(benchmark::State& state, qvx::bench::Payload payload) {
+  const BenchFile data(payload);
   qvx::ReaderOptions options;
   qvx::reader_options_set_defaults(options);
   options.format = qvx::OutputFormat::ndjson;
-  options.schema_path = std::string(folder) + "/schema";
-  qvx::append(options.input_files, file.path.c_str());
+  options.schema_path = data.schema_folder();
+  qvx::append(options.input_files, data.file().path.c_str());
   qvx::append(options.include_counters, "*");
   const int null = open("/dev/null", O_WRONLY);
   for (auto _ : state) {
     OutputSink sink(null);
     benchmark::DoNotOptimize(qvx::process_files(options, sink));
   }
-  report(state, file.values, file.bytes);
+  report(state, data.file().values, data.file().bytes);
   close(null);
-  [[maybe_unused]] const int removed = std::system(("rm -r " + std::string(folder)).c_str());
 }
 BENCHMARK_CAPTURE(whole_file, events, qvx::bench::Payload::events)->Name("whole file/events ndjson");
 BENCHMARK_CAPTURE(whole_file, metrics, qvx::bench::Payload::metrics)->Name("whole file/metrics ndjson");
 BENCHMARK_CAPTURE(whole_file, counters, qvx::bench::Payload::counters)->Name("whole file/counters ndjson");
+
+// Reads every field of every record; sums them up so that each one is needed.
+template <typename ReadRecord>
+void typed_records(benchmark::State& state, qvx::bench::Payload payload, ReadRecord read_record) {
+  const BenchFile data(payload);
+  qvx::DataFileReader reader(data.schema_folder());
+  for (auto _ : state) {
+    double sum = 0;
+    if (!reader.open(data.file().path)) return state.SkipWithError(reader.error().c_str());
+    for (const qvx::Record& record : reader.records())
+      sum += read_record(record);
+    benchmark::DoNotOptimize(sum);
+  }
+  report(state, data.file().values, data.file().bytes);
+}
+
+void typed_events(benchmark::State& state) {
+  qvx::FieldHandle time("timestamp"), node("node"), cpu("cpu"), device("device"), job("job_id"),
+      bytes("bytes_received"), packets("packets_received"), errors("errors"), status("state"),
+      load("load_average"), temperature("temperature"), use("utilisation");
+  typed_records(state, qvx::bench::Payload::events, [&](const qvx::Record& record) {
+    const std::uint64_t whole =
+        record.get<std::uint64_t>(time).value_or(0) + record.get<std::uint32_t>(node).value_or(0) +
+        record.get<std::uint16_t>(cpu).value_or(0) + record.get<std::uint64_t>(job).value_or(0) +
+        record.get<std::uint64_t>(bytes).value_or(0) + record.get<std::uint32_t>(packets).value_or(0) +
+        record.get<std::uint16_t>(errors).value_or(0) + record.get<std::uint8_t>(status).value_or(0) +
+        record.get<std::string_view>(device).value_or("").size();
+    return static_cast<double>(whole) + record.get<double>(load).value_or(0) +
+           record.get<double>(temperature).value_or(0) + record.get<double>(use).value_or(0);
+  });
+}
+BENCHMARK(typed_events)->Name("typed records/events");
+
+void typed_counters(benchmark::State& state) {
+  typed_records(state, qvx::bench::Payload::counters, [](const qvx::Record& record) {
+    std::uint64_t sum = record.time();
+    for (const qvx::Field& counter : record.type().fields())
+      sum += record.get<std::uint64_t>(counter).value_or(0);
+    return static_cast<double>(sum);
+  });
+}
+BENCHMARK(typed_counters)->Name("typed records/counters");
+
+void typed_metrics(benchmark::State& state) {
+  qvx::FieldHandle value("value");
+  typed_records(state, qvx::bench::Payload::metrics, [&](const qvx::Record& record) {
+    return static_cast<double>(record.get<std::uint64_t>(value).value_or(0) + record.metric().size() +
+                               record.labels().size());
+  });
+}
+BENCHMARK(typed_metrics)->Name("typed records/metrics");
 
 }  // namespace

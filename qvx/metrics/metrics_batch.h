@@ -41,6 +41,7 @@ class MetricSamples {
   explicit MetricSamples(Bytes bytes) : bytes_(bytes) {}  // a whole number of samples
 
   std::size_t size() const { return bytes_.size() / wire::kSampleSize; }
+  Bytes bytes() const { return bytes_; }
   MetricSample operator[](std::size_t index) const { return *Iterator(at(index)); }
 
   class Iterator {

@@ -132,6 +132,9 @@ void PrintVisitor::on_fault(const Fault& fault) {
     case FaultKind::schemas_block_invalid:
     case FaultKind::page_cut:
     case FaultKind::events_cut:
+    // Raised by other visitors only.
+    case FaultKind::record_cut:
+    case FaultKind::metrics_damaged:
       return;
   }
 }

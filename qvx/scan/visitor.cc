@@ -36,6 +36,10 @@ const char* fault_kind_name(FaultKind kind) noexcept {
       return "page_cut";
     case FaultKind::events_cut:
       return "events_cut";
+    case FaultKind::record_cut:
+      return "record_cut";
+    case FaultKind::metrics_damaged:
+      return "metrics_damaged";
   }
   return "unknown";
 }

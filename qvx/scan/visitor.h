@@ -45,6 +45,10 @@ enum class FaultKind {
   // Reading goes on; something was passed over.
   page_cut,    // does not fit its data block or has no end magic: the rest of the data block
   events_cut,  // fewer records than the block states
+  // Told by readers of typed records: fields that lie behind the end of what there is, a block that is
+  // damaged from somewhere on.
+  record_cut,
+  metrics_damaged,
 };
 
 const char* fault_kind_name(FaultKind kind) noexcept;

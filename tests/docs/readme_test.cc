@@ -1,4 +1,4 @@
-// The program in the README is the one that tests/install builds and runs.
+// The programs in the README are the ones that tests/install and tests/examples build and run.
 
 #include <gtest/gtest.h>
 
@@ -16,6 +16,12 @@ std::string file_text(const std::string& path) {
 
 TEST(Readme, ShowsTheProgramThatTheInstallTestRuns) {
   const std::string program = file_text("install/consumer/print_record.cc");
+  ASSERT_NE(program, "");
+  EXPECT_NE(file_text("../README.md").find("```cpp\n" + program + "```\n"), std::string::npos);
+}
+
+TEST(Readme, ShowsTheProgramThatTheExampleTestRuns) {
+  const std::string program = file_text("../examples/job_list.cc");
   ASSERT_NE(program, "");
   EXPECT_NE(file_text("../README.md").find("```cpp\n" + program + "```\n"), std::string::npos);
 }
