@@ -8,7 +8,6 @@
 #include "qvx/data/block.h"
 #include "qvx/data/schema/builtin_types.h"
 #include "qvx/data/schema/record_text.h"
-#include "qvx/metrics/metrics_text.h"
 #include "qvx/metrics/wire.h"
 #include "qvx/support/saturate.h"
 
@@ -70,7 +69,11 @@ FieldKind kind_of(const qvx_counter_info& counter) {
 
 // Sets `end` to what the rest says.
 void close(FieldPlace& place) {
-  const std::uint64_t last = saturating_multiply(place.stride, std::max<std::uint32_t>(place.count, 1) - 1);
+  if (place.count == 0) {
+    place.end = std::numeric_limits<std::uint64_t>::max();
+    return;
+  }
+  const std::uint64_t last = saturating_multiply(place.stride, std::uint64_t{place.count} - 1);
   place.end = saturating_add(saturating_add(place.offset, last), place.size);
 }
 
@@ -225,7 +228,7 @@ std::string_view Record::metric() const {
   if (batch_ == nullptr) return {};
   const std::size_t id = load_le<std::uint16_t>(data_ + metrics::wire::kSampleIdAt);
   const metrics::StringTable& names = *batch_->metric_names;
-  return id < names.size() ? metrics::up_to_nul(names[id]) : std::string_view();
+  return id < names.size() ? names[id] : std::string_view();
 }
 
 std::string_view Record::label(std::string_view name) const {

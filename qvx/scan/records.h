@@ -58,7 +58,7 @@ enum class FieldKind : std::uint8_t {
 struct FieldPlace {
   std::uint64_t record_type = 0;  // serial() of that type
   std::uint64_t offset = 0;       // bytes from the start of the record
-  std::uint64_t end = 0;          // behind the last value
+  std::uint64_t end = 0;          // behind the last value; without values the largest number
   std::uint64_t stride = 0;       // from one value to the next; 0: they all stand in one place
   std::uint32_t count = 1;        // of values; more than one makes an array
   std::uint32_t size = 0;         // bytes of one value
@@ -303,10 +303,13 @@ class Record {
   // field's type; text is a std::string_view, and `bool` is for boolean fields. Nothing when there is no such
   // field in records of this type, it is something else, or the record ends before it.
   template <typename T>
-  std::optional<T> get(const FieldPlace& field) const;
+  std::optional<T> get(const FieldPlace& field) const {
+    if (field.record_type != type_->serial()) return std::nullopt;
+    return value_at<T>(field);
+  }
   template <typename T>
   std::optional<T> get(FieldHandle& field) const {
-    return get<T>(field.in(*type_));
+    return value_at<T>(field.in(*type_));
   }
 
   // All values of a field of exactly that type; a single value is an array of one. Empty when there are none.
@@ -340,8 +343,10 @@ class Record {
   friend class DataFileReader;
 
   bool has(const FieldPlace& field) const {
-    return field.record_type == type_->serial() && field.end <= size_ && field.count != 0;
+    return field.record_type == type_->serial() && field.end <= size_;
   }
+  template <typename T>
+  std::optional<T> value_at(const FieldPlace& field) const;
 
   const RecordType* type_ = nullptr;
   const std::byte* data_ = nullptr;
@@ -351,9 +356,9 @@ class Record {
 };
 
 template <typename T>
-std::optional<T> Record::get(const FieldPlace& field) const {
+std::optional<T> Record::value_at(const FieldPlace& field) const {
   static_assert(detail::RecordNumber<T> || std::same_as<T, bool> || std::same_as<T, std::string_view>);
-  if (!has(field)) return std::nullopt;
+  if (field.end > size_) return std::nullopt;
   const std::byte* const from = data_ + field.offset;
   if constexpr (std::same_as<T, std::string_view>) {
     if (field.kind != FieldKind::characters && field.kind != FieldKind::string) return std::nullopt;

@@ -18,7 +18,9 @@ void SampleReader::open(Bytes block) {
   section_ = {};
   const std::uint32_t size = metrics::QvxMetricsParser::total_size(block.data(), block.data() + block.size());
   block = block.first(std::min<std::size_t>(size, block.size()));
-  if (!tables_.repeat_in(block, section_)) {
+  tables_repeat_ = tables_.repeat_in(block, section_);
+  if (!tables_repeat_) {
+    labels_made_of_.clear();
     const std::byte* const names_end = read_names(tables_.read_labels(block), block.data() + block.size());
     section_ = metrics::find_data_section(block, metrics::has_output_trailer);
     tables_.read_constants(block);
@@ -36,7 +38,7 @@ const std::byte* SampleReader::read_names(const std::byte* from, const std::byte
   const std::string_view table = as_text({from, table_end});
   names_text_ = table;
   for (std::string_view& name : names_)
-    name = {names_text_.data() + (name.data() - table.data()), name.size()};
+    name = up_to_nul({names_text_.data() + (name.data() - table.data()), name.size()});
   return table_end;
 }
 
@@ -49,14 +51,36 @@ bool SampleReader::next() {
   if (!header.is_counter_or_gauge()) throw std::runtime_error("invalid metric type");
   decoded_.timestamp = header.timestamp;
   decoded_.samples = metrics::read_record_samples(record, section_.block_end, header);
-  const std::size_t length = metrics::read_record_labels(section_, record, header, nullptr, decoded_);
+  const std::size_t length = read_labels(record, header);
   value_type_ = header.value_type;
   batch_.kind = header.kind;
   batch_.metric_names = &names_;
-  make_labels();
   check_sample_ids();
   offset_ = static_cast<std::size_t>(record - section_.area) + length;
   return true;
+}
+
+// Reads the labels of a record, unless they repeat those at hand, and returns the record's length.
+std::size_t SampleReader::read_labels(const std::byte* record, const metrics::MetricsRecordHeader& header) {
+  const std::size_t labels_at = header.labels_at();
+  const Bytes reach = metrics::reach_of_record(section_, record);
+  if (!labels_made_of_.empty() && labels_at < reach.size() &&
+      as_text(reach.subspan(labels_at)).starts_with(labels_made_of_))
+    return labels_at + labels_made_of_.size();
+  labels_made_of_.clear();
+  const std::size_t length = metrics::read_record_labels(section_, record, header, nullptr, decoded_);
+  make_labels();
+  keep_labels({record + labels_at, record + length});
+  return length;
+}
+
+// The labels stay as long as the tables do, unless texts of them stand in the block itself.
+void SampleReader::keep_labels(Bytes made_of) {
+  const bool stay = tables_repeat_ && std::all_of(decoded_.label_values.begin(), decoded_.label_values.end(),
+                                                  [](const metrics::EncodedLabelValue& value) {
+                                                    return value.type == value.kReference;
+                                                  });
+  if (stay) labels_made_of_ = as_text(made_of);
 }
 
 // The constant labels, with the values that the batch's own give to their names, then its other ones. A batch

@@ -30,11 +30,14 @@ class SampleReader {
 
  private:
   const std::byte* read_names(const std::byte* from, const std::byte* end);
+  std::size_t read_labels(const std::byte* record, const metrics::MetricsRecordHeader& header);
   void make_labels();
+  void keep_labels(Bytes made_of);
   void check_sample_ids() const;
 
   metrics::KeptTables tables_;
-  std::string names_text_;  // the table of metric names, as long as blocks repeat it
+  bool tables_repeat_ = false;  // from the block before
+  std::string names_text_;      // the table of metric names, as long as blocks repeat it
   metrics::StringTable names_;
   metrics::MetricsDataSection section_;
   std::size_t offset_ = 0;  // of the next record in the section
@@ -42,6 +45,7 @@ class SampleReader {
   metrics::LabelMap own_labels_;
   std::uint8_t value_type_ = 0;
   SampleBatch batch_;
+  std::string labels_made_of_;  // the labels block of the batch's labels; empty when they are about to go
 };
 
 }  // namespace qvx
