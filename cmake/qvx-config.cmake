@@ -1,7 +1,6 @@
-# find_package(qvx): the library as the target qvx::qvx.
+# find_package(qvx): the library as the targets qvx::qvx, which is shared, and qvx::qvx_static.
 include(CMakeFindDependencyMacro)
 find_dependency(ZLIB)
-find_dependency(OpenSSL COMPONENTS Crypto)
-find_dependency(Boost 1.74 COMPONENTS filesystem date_time)
+find_dependency(Boost 1.74)
 
 include("${CMAKE_CURRENT_LIST_DIR}/qvx-targets.cmake")

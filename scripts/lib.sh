@@ -3,9 +3,9 @@
 
 # What building, testing and the demo need, as Debian 12 and Ubuntu 24.04 name it.
 readonly QVX_PACKAGES=(
-  g++ cmake ninja-build git python3
+  g++ cmake ninja-build git python3 pkg-config
   zlib1g-dev libdeflate-dev libsnappy-dev libssl-dev
-  libboost-filesystem-dev libboost-date-time-dev rapidjson-dev
+  libboost-dev rapidjson-dev
   libgtest-dev libbenchmark-dev
 )
 

@@ -1,13 +1,14 @@
 #include "qvx/data/schema/schema_writer.h"
 
-#include <boost/filesystem/operations.hpp>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <optional>
 #include <stdexcept>
+#include <system_error>
 
 #include "qvx/data/schema/type_system.h"
 #include "qvx/support/env.h"
@@ -103,8 +104,8 @@ void SchemaWriter::write_schema(const json::Value& schema) {
   if (!enabled_) return;
   const std::optional<std::string> text = json::to_text(schema, json::Style::pretty);
   if (!text) throw std::runtime_error("[data] Failed to serialize JSON schema");
-  boost::system::error_code ignored;
-  if (!boost::filesystem::is_directory(directory_, ignored))
+  std::error_code ignored;
+  if (!std::filesystem::is_directory(directory_, ignored))
     throw std::runtime_error("Inaccessible data path " + directory_);
   const std::optional<std::string> path = schema_file_path(directory_.c_str(), {md5(*text)});
   if (!path) throw std::bad_alloc();

@@ -1,6 +1,5 @@
 #include "qvx/data/write/output_folder.h"
 
-#include <boost/filesystem.hpp>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -10,6 +9,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <filesystem>
+#include <system_error>
 #include <utility>
 
 #include "qvx/support/format.h"
@@ -50,8 +51,8 @@ FileDescriptor open_root(const std::string& root, bool create, const MakeRoom& m
   const auto open_it = [&] { return open(path, kFolderFlags); };
   FileDescriptor folder = opened_by(make_room, open_it);
   if (folder || !create || errno != ENOENT) return folder;
-  boost::system::error_code fault;
-  boost::filesystem::create_directories(path, fault);
+  std::error_code fault;
+  std::filesystem::create_directories(path, fault);
   return opened_by(make_room, open_it);
 }
 
