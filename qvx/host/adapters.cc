@@ -1,6 +1,5 @@
 #include "qvx/host/adapters.h"
 
-#include <fcntl.h>
 #include <glob.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,10 +19,6 @@
 
 namespace qvx {
 namespace {
-
-FileDescriptor open_to_read(const std::string& path) {
-  return FileDescriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-}
 
 // One read, since an attribute of the kernel comes whole. 0 at the end of the file, negative on failure.
 ssize_t read_once(const FileDescriptor& file, std::span<char> to) {
@@ -155,7 +150,7 @@ bool read_guid_file(std::array<char, kGuidSize>& digits, const char* path_format
     QVX_LOG(QVX_LOG_WARNING, "HCA info: failed to expand template %s", path_format);
     return false;
   }
-  const FileDescriptor file = open_to_read(*path);
+  const FileDescriptor file = open_to_read(path->c_str());
   if (!file) return false;
   std::array<char, 40> content;
   const ssize_t count = read_once(file, content);
@@ -181,7 +176,7 @@ int has_smi(const char* root, const char* device, int port) noexcept {
   if (!path) return -1;
   struct stat status {};
   if (stat(path->c_str(), &status) != 0) return 0;
-  const FileDescriptor file = open_to_read(*path);
+  const FileDescriptor file = open_to_read(path->c_str());
   if (!file) {
     QVX_LOG(QVX_LOG_ERROR, "Failed to open has_smi file: %s with %s:%d", path->c_str(), device, port);
     return -1;

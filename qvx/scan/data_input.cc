@@ -1,6 +1,5 @@
 #include "qvx/scan/data_input.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -28,13 +27,8 @@ DataInput::~DataInput() {
 }
 
 bool DataInput::open(const char* path) {
-  int number = -1;
-  do {
-    number = ::open(path, O_RDONLY | O_CLOEXEC);
-  } while (number < 0 && errno == EINTR);
-  if (number < 0) return false;
-  file_ = FileDescriptor(number);
-  return true;
+  file_ = open_to_read(path);
+  return static_cast<bool>(file_);
 }
 
 void DataInput::open(Bytes memory) {

@@ -1,6 +1,7 @@
 // A file descriptor that is closed with its owner.
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -42,5 +43,14 @@ class FileDescriptor {
  private:
   int number_ = -1;
 };
+
+// Opens a file to read it, again when a signal interrupts that. None, and errno set, on failure.
+inline FileDescriptor open_to_read(const char* path, int more_flags = 0) noexcept {
+  int number = -1;
+  do {
+    number = open(path, O_RDONLY | O_CLOEXEC | more_flags);
+  } while (number < 0 && errno == EINTR);
+  return FileDescriptor(number);
+}
 
 }  // namespace qvx

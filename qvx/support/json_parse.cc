@@ -1,6 +1,5 @@
 #include "qvx/support/json_parse.h"
 
-#include <fcntl.h>
 #include <locale.h>
 #include <unistd.h>
 
@@ -206,7 +205,7 @@ std::optional<Value> parse(std::string_view text) noexcept {
 
 std::optional<Value> parse_file(const char* path) noexcept {
   try {
-    const FileDescriptor file(::open(path, O_RDONLY | O_CLOEXEC));
+    const FileDescriptor file = open_to_read(path);
     std::string text;
     if (!file || !read_text(file, text)) return std::nullopt;
     auto value = build(text);
