@@ -6,7 +6,7 @@ readonly QVX_PACKAGES=(
   g++ cmake ninja-build git python3 pkg-config
   zlib1g-dev libdeflate-dev libsnappy-dev libssl-dev
   libboost-dev rapidjson-dev
-  libgtest-dev libbenchmark-dev
+  libgtest-dev libbenchmark-dev valgrind
 )
 
 QVX_SCRATCH=$(mktemp -d)
