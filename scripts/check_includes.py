@@ -26,6 +26,7 @@ ROOMS = {
     "data/write": ("support", "host", "data", "plan", "counters", "data/schema"),
     "metrics": ("support",),
     "scan": ("support", "host", "data", "plan", "counters", "data/schema", "data/write", "metrics"),
+    "columns": ("support", "host", "data", "plan", "counters", "data/schema", "data/write", "metrics", "scan"),
     "reader": ("support", "host", "data", "plan", "counters", "data/schema", "data/write", "metrics", "scan"),
 }
 

@@ -1,16 +1,15 @@
 #include "qvx/reader/options.h"
 
 #include <getopt.h>
-#include <libgen.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstring>
 
 #include "qvx/reader/build_info.h"
 #include "qvx/reader/input_files.h"
+#include "qvx/scan/schema_folder.h"
 #include "qvx/support/format.h"
 #include "qvx/support/log.h"
 #include "qvx/support/number_parse.h"
@@ -21,8 +20,6 @@ namespace qvx {
 namespace {
 
 constexpr std::uint32_t kMaxVerbosity = 7;
-constexpr int kSchemaSearchLevels = 5;
-constexpr const char* kSchemaFolderName = "schema";
 constexpr const char* kDefaultsFailed = "Failed to initialize options default values";
 
 // Only the long form sets the output folder: 'o' is, deliberately, no short option, although the usage text
@@ -215,19 +212,6 @@ std::optional<std::string> usage_text() {
 std::string version_output() {
   return format_text("Quorvex binary data reader %s\nQuorvex build info: %s\n", kProgramVersionText,
                      build_info_text().c_str());
-}
-
-std::optional<std::string> find_schema_folder(const char* file) {
-  std::string path = file;
-  char* directory = dirname(path.data());
-  for (int level = 0; level < kSchemaSearchLevels; ++level) {
-    char candidate[PATH_MAX];
-    std::snprintf(candidate, sizeof candidate, "%s/%s", directory, kSchemaFolderName);
-    if (access(candidate, F_OK) == 0) return candidate;
-    directory = dirname(directory);
-    if (std::strcmp(directory, "/") == 0) break;
-  }
-  return std::nullopt;
 }
 
 }  // namespace qvx

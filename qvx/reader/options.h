@@ -47,7 +47,4 @@ std::optional<std::string> usage_text();
 // The program's version and what it was built from.
 std::string version_output();
 
-// The folder "schema" next to the file or up to four folders above it; "/schema" is never tried.
-std::optional<std::string> find_schema_folder(const char* file);
-
 }  // namespace qvx

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "qvx/scan/schema_folder.h"
 #include "tests/reader/reader_files.h"
 
 namespace qvx {

@@ -1,0 +1,53 @@
+// Turns what a walk over a file finds wrong, and what is logged meanwhile, into entries of a list.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "qvx/columns/faults.h"
+#include "qvx/scan/visitor.h"
+#include "qvx/support/log_recorder.h"
+
+namespace qvx::columns {
+
+// Lives as long as one step of a walk, on its thread: errors and warnings of the library are taken from the
+// logger, so that nothing goes to standard error. They become the details of the fault that follows them;
+// those that nothing follows are entries of their own.
+class FaultRecorder {
+ public:
+  FaultRecorder(FaultList& list, const std::string& file)
+      : list_(list), file_(file), recorder_(QVX_LOG_WARNING) {}
+  FaultRecorder(const FaultRecorder&) = delete;
+  FaultRecorder& operator=(const FaultRecorder&) = delete;
+  ~FaultRecorder() = default;
+
+  void fault(const Fault& fault) { add(fault.place, fault_kind_name(fault.kind), fault.words); }
+
+  void add(const Place& place, const char* kind, const std::string& words) {
+    std::string text = words;
+    for (const std::string& said : unused())
+      text += (text.empty() ? "" : ": ") + said;
+    list_.add(file_, place.offset, kind, std::move(text));
+  }
+
+  // Lists what was logged and explains no fault.
+  void finish(const Place& place) {
+    for (std::string& said : unused())
+      list_.add(file_, place.offset, "warning", std::move(said));
+  }
+
+ private:
+  std::vector<std::string> unused() {
+    std::vector<std::string> texts;
+    for (; used_ < recorder_.messages().size(); ++used_)
+      texts.push_back(recorder_.messages()[used_].text);
+    return texts;
+  }
+
+  FaultList& list_;
+  const std::string& file_;
+  LogRecorder recorder_;
+  std::size_t used_ = 0;
+};
+
+}  // namespace qvx::columns

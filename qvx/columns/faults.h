@@ -1,0 +1,44 @@
+// What was found wrong while files were read.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace qvx::columns {
+
+struct DataFault {
+  std::string file;
+  std::uint64_t offset = 0;  // in the file, unpacked if the whole file is compressed
+  std::string kind;          // that of FaultKind, or "warning"
+  std::string words;         // one line, UTF-8
+};
+
+// Shared by everything that reads the same files; any thread may add. A fault that is found again is not
+// added again, and of one file only the first kMostOfFile are kept.
+class FaultList {
+ public:
+  static constexpr std::size_t kMostOfFile = 1000;
+
+  // Throws std::bad_alloc.
+  void add(const std::string& file, std::uint64_t offset, std::string kind, std::string words);
+
+  // In the order of files' names and offsets.
+  std::vector<DataFault> list() const;
+  // Those beyond kMostOfFile.
+  std::uint64_t left_out() const;
+
+ private:
+  using Key = std::tuple<std::uint64_t, std::string, std::string>;
+
+  mutable std::mutex mutex_;
+  std::map<std::string, std::set<Key>> by_file_;
+  std::uint64_t left_out_ = 0;
+};
+
+}  // namespace qvx::columns

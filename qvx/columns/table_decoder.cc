@@ -1,0 +1,532 @@
+#include "qvx/columns/table_decoder.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+#include <new>
+#include <stdexcept>
+#include <utility>
+
+#include "qvx/columns/counters_columns.h"
+#include "qvx/columns/event_columns.h"
+#include "qvx/data/block.h"
+#include "qvx/support/json_text.h"
+
+namespace qvx::columns {
+namespace {
+
+// A batch is not larger, unless a single row is.
+constexpr std::uint64_t kMostBatchBytes = std::uint64_t{64} << 20;
+// Counters blocks that are staged together, and how long they may be. Few columns are read faster in place.
+constexpr std::size_t kStagedBlocks = 64;
+constexpr std::size_t kMostStagedBlock = 4096;
+constexpr std::size_t kFewColumns = 4;
+
+class EventBindings final : public SchemaNotes {
+ public:
+  explicit EventBindings(std::size_t types) : bindings(types) {}
+  std::size_t bytes() const override { return sizeof *this + bindings.size() * sizeof bindings[0]; }
+  std::vector<std::unique_ptr<Binding>> bindings;  // by type; null: not made so far
+};
+
+class CountersBinding final : public SchemaNotes {
+ public:
+  std::size_t bytes() const override {
+    return sizeof *this + binding->plans.size() * (sizeof(ColumnPlan) + sizeof(Binding::Bound));
+  }
+  std::shared_ptr<const Binding> binding;
+};
+
+std::size_t rows_within(const std::vector<ColumnType>& columns, std::size_t wanted) {
+  std::uint64_t bytes = 1;
+  for (const ColumnType& column : columns)
+    bytes += std::min(row_bytes(column), kMostBatchBytes);
+  return std::max<std::size_t>(1, std::min<std::size_t>(std::max<std::size_t>(1, wanted),
+                                                        static_cast<std::size_t>(kMostBatchBytes / bytes)));
+}
+
+std::string_view up_to_nul(std::string_view text) {
+  return text.substr(0, text.find('\0'));
+}
+
+}  // namespace
+
+TableDecoder::TableDecoder(const Dataset& dataset, const ResolvedQuery& query)
+    : dataset_(dataset),
+      query_(query),
+      most_batch_rows_(rows_within(query.columns, query.query.batch_rows)) {}
+
+void TableDecoder::open(std::size_t file) {
+  flush_staged();
+  events_.reset();
+  counters_.reset();
+  has_metrics_ = false;
+  columns_.clear();
+  rows_ = 0;
+  scan_.reset();
+  file_ = &dataset_.files()[file];
+  page_source_id_.clear();
+  page_source_tag_.clear();
+  place_ = {};
+  const auto* const patterns = query_.patterns_for("_file");
+  is_file_selected_ = file_->readable && (patterns == nullptr || matches_any(file_->path, *patterns));
+  if (!is_file_selected_) return;
+  const std::string& folder = dataset_.schema_folder_of(file);
+  std::unique_ptr<TypeCache>& cache = caches_[folder];
+  if (cache == nullptr) cache = std::make_unique<TypeCache>(folder);
+  FaultRecorder recorder(dataset_.faults(), file_->path);
+  recorder_ = &recorder;
+  scan_.emplace(*cache);
+  if (!scan_->open(file_->path.c_str(), *this) || !scan_->read_header(*this) || !scan_->load_types(*this))
+    scan_.reset();
+  recorder.finish(place_);
+  recorder_ = nullptr;
+}
+
+void TableDecoder::begin_batch() {
+  columns_.clear();
+  columns_.reserve(query_.columns.size());
+  for (const ColumnType& type : query_.columns)
+    columns_.emplace_back(type);
+  rows_ = 0;
+}
+
+bool TableDecoder::next(std::uint64_t limit, ArrowArray* out) {
+  last_rows_ = 0;
+  if (!scan_ || limit == 0) return false;
+  batch_rows_ = static_cast<std::size_t>(std::min<std::uint64_t>(most_batch_rows_, limit));
+  begin_batch();
+  FaultRecorder recorder(dataset_.faults(), file_->path);
+  recorder_ = &recorder;
+  bool more = true;
+  try {
+    while (rows_ < batch_rows_) {
+      drain();
+      if (rows_ >= batch_rows_) break;
+      more = scan_->next(*this);
+      if (!more && !events_ && !counters_ && !has_metrics_) break;
+    }
+  } catch (const std::bad_alloc&) {
+    recorder_ = nullptr;
+    scan_.reset();
+    throw;
+  }
+  flush_staged();
+  recorder.finish(place_);
+  recorder_ = nullptr;
+  if (!more) scan_.reset();
+  if (rows_ == 0) return false;
+  last_rows_ = rows_;
+  export_batch(columns_, rows_, out);
+  columns_.clear();
+  rows_ = 0;
+  return true;
+}
+
+void TableDecoder::drain() {
+  if (events_) {
+    drain_events();
+  } else if (counters_) {
+    drain_counters();
+  } else if (has_metrics_) {
+    drain_metrics();
+  }
+}
+
+PageUse TableDecoder::on_page(const PageBlock& page, const Place& place) {
+  place_ = place;
+  const Query& query = query_.query;
+  const std::uint64_t first = page.header.first_timestamp;
+  const std::uint64_t last = page.header.last_timestamp;
+  if (query.trust_page_times && first > 0 && first <= last && (last < query.since || first > query.until)) {
+    ++pages_passed_over_;
+    return PageUse::done;
+  }
+  page_source_id_ = utf8_text(up_to_nul(page.source_id));
+  page_source_tag_ = utf8_text(up_to_nul(page.source_tag));
+  return PageUse::unpack;
+}
+
+void TableDecoder::choose_source(const Place& place) {
+  place_ = place;
+  source_id_ = place.in_page ? std::string_view(page_source_id_) : file_->source_id;
+  source_tag_ = place.in_page ? std::string_view(page_source_tag_) : file_->source_tag;
+  is_source_selected_ = true;
+  if (query_.query.where.empty()) return;
+  const auto* const ids = query_.patterns_for("_source_id");
+  const auto* const tags = query_.patterns_for("_source_tag");
+  is_source_selected_ = (ids == nullptr || matches_any(std::string(source_id_), *ids)) &&
+                        (tags == nullptr || matches_any(std::string(source_tag_), *tags));
+}
+
+void TableDecoder::on_fault(const Fault& fault) {
+  place_ = fault.place;
+  recorder_->fault(fault);
+}
+
+void TableDecoder::fault(const Place& place, FaultKind kind, const std::string& words) {
+  recorder_->fault({kind, place, words});
+}
+
+// -- Binding
+
+void TableDecoder::bind(Binding& binding, const std::vector<ColumnType>& types, std::size_t first_column,
+                        const std::string& schema_id, const std::vector<std::uint32_t>* sets) {
+  std::vector<bool> filled(query_.columns.size());
+  for (std::size_t i = 0; i < types.size(); ++i) {
+    const std::optional<std::size_t> column = find_merged(query_.table.columns, types[i], schema_id);
+    if (!column) {
+      fault(place_, FaultKind::types_failed,
+            "Column " + types[i].name + " of schema " + schema_id + " is not in table " + query_.table.name +
+                ": it became known too late");
+      continue;
+    }
+    const std::optional<std::size_t> place = query_.place_of(*column);
+    if (!place || filled[*place]) continue;
+    filled[*place] = true;
+    binding.bound.push_back({*place, &binding.plans[i], sets != nullptr ? (*sets)[i] : 1});
+  }
+  for (std::size_t place = 0; place < query_.columns.size(); ++place) {
+    const ResolvedQuery::Source& source = query_.sources[place];
+    if (!filled[place] && !source.is_extra && source.index >= first_column) binding.missing.push_back(place);
+  }
+}
+
+const Binding& TableDecoder::event_binding(LoadedSchema& schema, std::size_t type_index) {
+  if (schema.notes == nullptr) schema.notes = std::make_unique<EventBindings>(schema.events->types.size());
+  std::unique_ptr<Binding>& made = static_cast<EventBindings&>(*schema.notes).bindings[type_index];
+  if (made != nullptr) [[likely]]
+    return *made;
+  auto binding = std::make_unique<Binding>();
+  const qvx_type_definition& type = *schema.events->types[type_index];
+  binding->is_asked_for = query_.table.kind == TableKind::events &&
+                          utf8_text(type.name) == query_.table.type &&
+                          utf8_text(schema.events->name.value_or("")) == query_.table.provider;
+  if (binding->is_asked_for) {
+    std::string why_not;
+    const std::string id = schema_id_text(schema.id).value_or("");
+    if (auto columns = compile_event_columns(type, id, why_not)) {
+      binding->plans = std::move(columns->plans);
+      binding->reach = columns->reach;
+      binding->time_offset = columns->time_offset;
+      bind(*binding, columns->types, 0, id, nullptr);
+    } else {
+      binding->is_asked_for = false;
+      fault(place_, FaultKind::types_failed,
+            "Type " + query_.table.type + " of schema " + id + " has no columns: " + why_not);
+    }
+  }
+  made = std::move(binding);
+  return *made;
+}
+
+const std::shared_ptr<const Binding>& TableDecoder::counters_binding(LoadedSchema& schema) {
+  if (schema.notes != nullptr) [[likely]]
+    return static_cast<CountersBinding&>(*schema.notes).binding;
+  auto notes = std::make_unique<CountersBinding>();
+  const auto made = std::make_shared<Binding>();
+  Binding& binding = *made;
+  notes->binding = made;
+  std::string why_not;
+  const std::string id = schema_id_text(schema.id).value_or("");
+  if (auto columns = compile_counters_columns(*schema.counters, id, why_not)) {
+    binding.is_asked_for = true;
+    binding.plans = std::move(columns->plans);
+    binding.reach = std::max<std::uint64_t>(columns->reach, kCountersHeaderSize);
+    binding.rows = columns->rows;
+    bind(binding, columns->types, counters_row_columns().size(), id, &columns->sets);
+  } else {
+    fault(place_, FaultKind::types_failed, "Counters schema " + id + " has no columns: " + why_not);
+  }
+  schema.notes = std::move(notes);
+  return static_cast<CountersBinding&>(*schema.notes).binding;
+}
+
+// -- Rows
+
+void TableDecoder::add_times(std::size_t column, std::uint64_t time, std::size_t count) {
+  std::byte bytes[sizeof time];
+  store_le(bytes, time);
+  ColumnPlan plan;
+  plan.kind = ColumnKind::timestamp;
+  columns_[column].append(plan, bytes, 0, count);
+}
+
+void TableDecoder::add_constant(ExtraColumn column, std::string_view text, std::size_t count) {
+  const std::optional<std::size_t> place = query_.place_of(column);
+  if (place) columns_[*place].append_index(columns_[*place].index_of(text), count);
+}
+
+// Those but the time.
+void TableDecoder::add_extras(const Place& place, std::size_t count) {
+  add_constant(ExtraColumn::source_id, source_id_, count);
+  add_constant(ExtraColumn::source_tag, source_tag_, count);
+  if (query_.place_of(ExtraColumn::file)) add_constant(ExtraColumn::file, utf8_text(file_->path), count);
+  if (const auto block = query_.place_of(ExtraColumn::block)) {
+    const std::uint64_t offset = place.offset - std::min<std::uint64_t>(place.offset, kFileHeaderSize);
+    for (std::size_t i = 0; i < count; ++i)
+      columns_[*block].append_value(offset / scan_->header().block_size);
+  }
+}
+
+bool TableDecoder::on_events(const EventsBlock& block) {
+  place_ = block.place;
+  const Binding& binding = event_binding(block.schema, block.type_index);
+  if (!binding.is_asked_for) return true;
+  choose_source(block.place);
+  if (!is_source_selected_) return true;
+  std::size_t count = block.count;
+  const std::size_t size = block.type.size;
+  // Fields may lie behind their record: then the last records may lack some bytes.
+  if (binding.reach > size) {
+    const std::size_t left = block.records.size();
+    const std::size_t whole =
+        left < binding.reach ? 0 : 1 + static_cast<std::size_t>((left - binding.reach) / size);
+    if (whole < count)
+      fault(block.place, FaultKind::block_failed,
+            std::to_string(count - whole) + " of " + std::to_string(count) +
+                " records have fields outside the bytes at hand");
+    count = std::min(count, whole);
+  }
+  if (!binding.time_offset && !is_in_range(block.header.timestamp)) return true;
+  if (count == 0) return true;
+  events_.emplace(block);
+  binding_ = &binding;
+  next_row_ = 0;
+  end_row_ = count;
+  return true;
+}
+
+void TableDecoder::add_events(std::size_t first, std::size_t count) {
+  const std::size_t size = events_->type.size;
+  const std::byte* const from = events_->records.data() + first * size;
+  for (const Binding::Bound& bound : binding_->bound)
+    columns_[bound.place].append(*bound.plan, from, size, count);
+  for (const std::size_t missing : binding_->missing)
+    columns_[missing].append_nulls(count);
+  add_extras(events_->place, count);
+  if (const auto time = query_.place_of(ExtraColumn::time)) {
+    if (binding_->time_offset) {
+      ColumnPlan plan;
+      plan.kind = ColumnKind::timestamp;
+      plan.offset = *binding_->time_offset;
+      columns_[*time].append(plan, from, size, count);
+    } else {
+      add_times(*time, events_->header.timestamp, count);
+    }
+  }
+  rows_ += count;
+}
+
+void TableDecoder::drain_events() {
+  const std::size_t end = next_row_ + std::min(end_row_ - next_row_, room());
+  const bool is_whole = query_.query.since == 0 && query_.query.until == Query::kNoEnd;
+  if (is_whole || !binding_->time_offset) {
+    add_events(next_row_, end - next_row_);
+    next_row_ = end;
+  } else {
+    const std::size_t size = events_->type.size;
+    const std::byte* const times = events_->records.data() + *binding_->time_offset;
+    const auto is_wanted = [&](std::size_t row) {
+      return is_in_range(load_le<std::uint64_t>(times + row * size));
+    };
+    while (next_row_ < end_row_ && room() > 0) {
+      if (!is_wanted(next_row_)) {
+        ++next_row_;
+        continue;
+      }
+      const std::size_t first = next_row_;
+      const std::size_t most = first + std::min(end_row_ - first, room());
+      while (next_row_ < most && is_wanted(next_row_))
+        ++next_row_;
+      add_events(first, next_row_ - first);
+    }
+  }
+  if (next_row_ == end_row_) events_.reset();
+}
+
+bool TableDecoder::on_counters(const CountersBlock& block) {
+  place_ = block.place;
+  if (query_.table.kind != TableKind::counters || !is_in_range(block.header.timestamp)) return true;
+  choose_source(block.place);
+  if (!is_source_selected_) return true;
+  const std::shared_ptr<const Binding>& shared = counters_binding(block.schema);
+  const Binding& binding = *shared;
+  if (!binding.is_asked_for || binding.rows == 0) return true;
+  if (block.block.size() < binding.reach) {
+    fault(block.place, FaultKind::block_failed,
+          "Counters block of " + std::to_string(block.block.size()) + " bytes, its values take " +
+              std::to_string(binding.reach));
+    return true;
+  }
+  if (stage_counters(block, shared)) return true;
+  counters_.emplace(block);
+  binding_ = &binding;
+  next_row_ = 0;
+  end_row_ = binding.rows;
+  return true;
+}
+
+// Takes a block of one row whose columns are worth being read together with those of others.
+bool TableDecoder::stage_counters(const CountersBlock& block, const std::shared_ptr<const Binding>& shared) {
+  const Binding& binding = *shared;
+  if (binding.rows != 1 || binding.bound.size() <= kFewColumns || binding.reach > kMostStagedBlock)
+    return false;
+  if (staged_binding_ != shared || staged_count_ == kStagedBlocks) flush_staged();
+  staged_binding_ = shared;
+  const auto size = static_cast<std::size_t>(binding.reach);
+  std::memcpy(staged_.extend(size), block.block.data(), size);
+  staged_.commit(size);
+  ++staged_count_;
+  add_extras(block.place, 1);
+  if (const auto time = query_.place_of(ExtraColumn::time)) add_times(*time, block.header.timestamp, 1);
+  if (const auto time = query_.place_of(std::size_t{0})) add_times(*time, block.header.timestamp, 1);
+  if (const auto set = query_.place_of(std::size_t{1})) columns_[*set].append_value(std::uint32_t{0});
+  ++rows_;
+  return true;
+}
+
+void TableDecoder::flush_staged() {
+  if (staged_count_ == 0) return;
+  const auto size = static_cast<std::size_t>(staged_binding_->reach);
+  for (const Binding::Bound& bound : staged_binding_->bound) {
+    const std::size_t valid = bound.sets > 0 ? staged_count_ : 0;
+    columns_[bound.place].append(*bound.plan, staged_.data(), size, valid);
+    columns_[bound.place].append_nulls(staged_count_ - valid);
+  }
+  for (const std::size_t missing : staged_binding_->missing)
+    columns_[missing].append_nulls(staged_count_);
+  staged_.clear();
+  staged_count_ = 0;
+  staged_binding_.reset();
+}
+
+// All sets of a group show the same values.
+void TableDecoder::drain_counters() {
+  flush_staged();
+  const std::size_t count = std::min(end_row_ - next_row_, room());
+  for (const Binding::Bound& bound : binding_->bound) {
+    const std::size_t valid =
+        std::min<std::size_t>(count, bound.sets - std::min<std::size_t>(bound.sets, next_row_));
+    columns_[bound.place].append(*bound.plan, counters_->block.data(), 0, valid);
+    columns_[bound.place].append_nulls(count - valid);
+  }
+  for (const std::size_t missing : binding_->missing)
+    columns_[missing].append_nulls(count);
+  add_extras(counters_->place, count);
+  const std::uint64_t timestamp = counters_->header.timestamp;
+  if (const auto time = query_.place_of(ExtraColumn::time)) add_times(*time, timestamp, count);
+  if (const auto time = query_.place_of(std::size_t{0})) add_times(*time, timestamp, count);
+  if (const auto set = query_.place_of(std::size_t{1}))
+    for (std::size_t row = next_row_; row < next_row_ + count; ++row)
+      columns_[*set].append_value(static_cast<std::uint32_t>(row));
+  rows_ += count;
+  next_row_ += count;
+  if (next_row_ == end_row_) counters_.reset();
+}
+
+void TableDecoder::on_metrics(const MetricsBlock& block) {
+  place_ = block.place;
+  if (query_.table.kind != TableKind::metrics) return;
+  choose_source(block.place);
+  if (!is_source_selected_) return;
+  try {
+    metrics_.open(block.block);
+    has_metrics_ = true;
+    has_samples_ = false;
+  } catch (const std::runtime_error& error) {
+    recorder_->add(block.place, "metrics_failed", std::string("Metrics block: ") + error.what());
+  }
+}
+
+// False when a label value is no UTF-8: it is then null.
+bool TableDecoder::add_labels(Column& column) {
+  if (!metrics_.has_labels()) {
+    column.append_null();
+    return true;
+  }
+  bool ok = true;
+  for (const auto& [name, value] : metrics_.labels()) {
+    const std::string_view text = up_to_nul(value);
+    column.label_names().append_text(utf8_text(up_to_nul(name)));
+    if (json::is_valid_utf8(text)) {
+      column.label_values().append_index(column.label_values().index_of(text));
+    } else {
+      column.label_values().append_null();
+      ok = false;
+    }
+  }
+  column.end_labels();
+  return ok;
+}
+
+void TableDecoder::drain_metrics() {
+  enum Own : std::size_t { kTimestamp, kMetric, kKind, kLabels, kValue, kUnsigned, kSigned };
+  const auto place = [this](Own own) { return query_.place_of(static_cast<std::size_t>(own)); };
+  const auto* const patterns = query_.patterns_for("metric");
+  while (room() > 0) {
+    if (!has_samples_) {
+      try {
+        has_metrics_ = metrics_.next();
+      } catch (const std::runtime_error& error) {
+        recorder_->add(place_, "metrics_failed", std::string("Metrics block: ") + error.what());
+        has_metrics_ = false;
+      }
+      if (!has_metrics_) return;
+      if (!is_in_range(metrics_.timestamp())) continue;
+      has_samples_ = true;
+      next_sample_ = 0;
+    }
+    bool labels_ok = true;
+    const metrics::MetricSamples& samples = metrics_.samples();
+    for (; next_sample_ < samples.size() && room() > 0; ++next_sample_) {
+      const metrics::MetricSample sample = samples[next_sample_];
+      const std::string_view name = up_to_nul(metrics_.metric(sample.sample_id));
+      if (patterns != nullptr) {
+        const auto [selected, is_new] = selected_metrics_.try_emplace(std::string(name), false);
+        if (is_new) selected->second = matches_any(selected->first, *patterns);
+        if (!selected->second) continue;
+      }
+      if (const auto at = place(kTimestamp)) add_times(*at, metrics_.timestamp(), 1);
+      if (const auto at = query_.place_of(ExtraColumn::time)) add_times(*at, metrics_.timestamp(), 1);
+      if (const auto at = place(kMetric))
+        columns_[*at].append_index(
+            columns_[*at].index_of(json::is_valid_utf8(name) ? name : std::string_view(utf8_text(name))));
+      if (const auto at = place(kKind))
+        columns_[*at].append_index(columns_[*at].index_of(metrics_.is_counter() ? "counter" : "gauge"));
+      if (const auto at = place(kLabels)) {
+        labels_ok = add_labels(columns_[*at]) && labels_ok;
+        // Labels are as long as a block says; a batch of many ends early.
+        if (columns_[*at].text_bytes() > kMostBatchBytes) batch_rows_ = rows_ + 1;
+      }
+      const bool is_float = metrics_.value_type() == metrics::MetricValueType::floating;
+      const bool is_signed = metrics_.value_type() == metrics::MetricValueType::int64;
+      if (const auto at = place(kValue)) {
+        columns_[*at].append_value(is_float ? std::bit_cast<double>(sample.sample_value)
+                                   : is_signed
+                                       ? static_cast<double>(static_cast<std::int64_t>(sample.sample_value))
+                                       : static_cast<double>(sample.sample_value));
+      }
+      if (const auto at = place(kUnsigned)) {
+        if (is_float || is_signed) {
+          columns_[*at].append_null();
+        } else {
+          columns_[*at].append_value(sample.sample_value);
+        }
+      }
+      if (const auto at = place(kSigned)) {
+        if (is_signed) {
+          columns_[*at].append_value(static_cast<std::int64_t>(sample.sample_value));
+        } else {
+          columns_[*at].append_null();
+        }
+      }
+      add_extras(place_, 1);
+      ++rows_;
+    }
+    if (!labels_ok) recorder_->add(place_, "metrics_failed", "Metrics block: a label value is not UTF-8");
+    if (next_sample_ == samples.size()) has_samples_ = false;
+  }
+}
+
+}  // namespace qvx::columns

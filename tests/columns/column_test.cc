@@ -1,0 +1,112 @@
+#include "qvx/columns/column.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/columns/arrow_rows.h"
+
+namespace qvx::columns {
+namespace {
+
+using test::ArrowValues;
+using test::Numbers;
+
+// The values of a column, exported with its type.
+std::vector<std::string> values(Column& column) {
+  const std::vector<ColumnType> types{column.type()};
+  const test::OwnedSchema schema(new ArrowSchema{});
+  export_schema(types, {}, schema.get());
+  const test::OwnedArray array(new ArrowArray{});
+  const std::size_t rows = column.rows();
+  column.export_to(array.get());
+  EXPECT_EQ(array->length, static_cast<std::int64_t>(rows));
+  const ArrowValues read(*schema->children[0], *array, Numbers::exact);
+  std::vector<std::string> texts;
+  for (std::size_t row = 0; row < rows; ++row)
+    texts.push_back(read.text(static_cast<std::int64_t>(row)));
+  return texts;
+}
+
+ColumnPlan plan_of(ColumnKind kind) {
+  ColumnPlan plan;
+  plan.kind = kind;
+  return plan;
+}
+
+TEST(ColumnTest, ValuesThatFollowNullsAreNotNull) {
+  const ColumnType type{"v", ColumnKind::u16, 0, {}, {}};
+  Column column(type);
+  const std::byte records[]{std::byte{1}, std::byte{0}, std::byte{2}, std::byte{0}};
+  column.append(plan_of(ColumnKind::u16), records, 2, 2);
+  column.append_nulls(9);
+  column.append(plan_of(ColumnKind::u16), records, 2, 2);
+  column.append_value(std::uint16_t{3});
+  EXPECT_EQ(values(column), (std::vector<std::string>{"1", "2", "null", "null", "null", "null", "null",
+                                                      "null", "null", "null", "null", "1", "2", "3"}));
+}
+
+TEST(ColumnTest, BooleansKeepTheirPlacesAcrossBytesAndPieces) {
+  const ColumnType type{"v", ColumnKind::boolean, 0, {}, {}};
+  Column column(type);
+  const std::byte records[]{std::byte{0}, std::byte{1}, std::byte{255}, std::byte{0}, std::byte{2}};
+  std::vector<std::string> expected;
+  for (int piece = 0; piece < 7; ++piece) {
+    column.append(plan_of(ColumnKind::boolean), records, 1, 5);
+    expected.insert(expected.end(), {"false", "true", "true", "false", "true"});
+  }
+  EXPECT_EQ(values(column), expected);
+}
+
+TEST(ColumnTest, DictionaryStoresEachTextOnce) {
+  const ColumnType type{"v", ColumnKind::dictionary, 0, {}, {}};
+  Column column(type);
+  column.append_index(column.index_of("a"), 2);
+  column.append_nulls(1);
+  column.append_index(column.index_of(""));
+  column.append_index(column.index_of("a"));
+  EXPECT_EQ(column.text_bytes(), 1u);
+  EXPECT_EQ(values(column), (std::vector<std::string>{R"("a")", R"("a")", "null", R"("")", R"("a")"}));
+}
+
+TEST(ColumnTest, ListsAndRecordsOfNothingHaveNulls) {
+  const ColumnType item{"item", ColumnKind::u8, 0, {}, {}};
+  const ColumnType list{"l", ColumnKind::list, 3, {item}, {}};
+  const ColumnType type{"v", ColumnKind::record, 0, {list}, {}};
+  Column column(type);
+  column.append_nulls(2);
+  EXPECT_EQ(values(column), (std::vector<std::string>{"null", "null"}));
+}
+
+TEST(ColumnTest, TextsThatAreNoUtf8AreReplacedInNames) {
+  EXPECT_EQ(utf8_text("plain"), "plain");
+  EXPECT_EQ(utf8_text("\xC3\xA9"), "\xC3\xA9");
+  EXPECT_EQ(utf8_text("a\xFF"
+                      "b"),
+            "a\xEF\xBF\xBD"
+            "b");
+  EXPECT_EQ(utf8_text(std::string_view("a\0b", 3)),
+            "a\xEF\xBF\xBD"
+            "b");
+  EXPECT_EQ(utf8_text("\xE2\x82"), "\xEF\xBF\xBD\xEF\xBF\xBD");
+}
+
+TEST(BufferTest, MemoryIsAlignedGrowsAndKeepsWhatItHolds) {
+  Buffer buffer;
+  for (std::uint32_t value = 0; value < 100'000; ++value)
+    buffer.push(value);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(buffer.data()) % 64, 0u);
+  ASSERT_EQ(buffer.size(), 400'000u);
+  for (std::uint32_t value = 0; value < 100'000; ++value) {
+    std::uint32_t read;
+    std::memcpy(&read, buffer.data() + 4 * value, sizeof read);
+    ASSERT_EQ(read, value);
+  }
+  const Buffer other = std::move(buffer);
+  EXPECT_EQ(buffer.data(), nullptr);
+  EXPECT_EQ(other.size(), 400'000u);
+}
+
+}  // namespace
+}  // namespace qvx::columns
