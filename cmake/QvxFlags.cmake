@@ -14,8 +14,16 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
   target_compile_options(qvx_flags INTERFACE -Wno-restrict)
 endif()
 
-if(QVX_SANITIZE)
+if(QVX_SANITIZE OR QVX_BUILD_FUZZERS)
   set(qvx_sanitizers -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
   target_compile_options(qvx_flags INTERFACE ${qvx_sanitizers})
   target_link_options(qvx_flags INTERFACE ${qvx_sanitizers})
+endif()
+
+# What libFuzzer steers by.
+if(QVX_BUILD_FUZZERS)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "QVX_BUILD_FUZZERS needs clang")
+  endif()
+  target_compile_options(qvx_flags INTERFACE -fsanitize=fuzzer-no-link)
 endif()

@@ -1,6 +1,7 @@
 #include "qvx/reader/print_plans.h"
 
 #include <memory>
+#include <utility>
 
 #include "qvx/counters/counters_block.h"
 #include "qvx/data/schema/record_influx.h"
@@ -36,11 +37,12 @@ const EventPrint& EventPrints::of(LoadedSchema& schema, std::size_t type_index,
   if (print) [[likely]]
     return *print;
   const qvx_type_definition& type = *schema.events->types[type_index];
-  print.emplace();
-  print->selected =
-      qvx_name_matches(type.name.c_str(), options.include_counters.get(), MatchMode::kWildcard) &&
-      !qvx_name_matches(type.name.c_str(), options.exclude_counters.get(), MatchMode::kWildcard);
-  if (print->selected) print->plan = compile(type, output_format_row(options.format).events);
+  // Kept when it is whole: memory may run out while it is compiled.
+  EventPrint made;
+  made.selected = qvx_name_matches(type.name.c_str(), options.include_counters.get(), MatchMode::kWildcard) &&
+                  !qvx_name_matches(type.name.c_str(), options.exclude_counters.get(), MatchMode::kWildcard);
+  if (made.selected) made.plan = compile(type, output_format_row(options.format).events);
+  print = std::move(made);
   prints.bytes_ += sizeof *print + (print->plan ? print->plan->bytes() : 0);
   return *print;
 }
