@@ -20,10 +20,13 @@ struct HistogramBucket {
   friend bool operator==(const HistogramBucket&, const HistogramBucket&) = default;
 };
 
-// The label set's ordinal in its block and the decoded values.
+// The label set's ordinal in its block and the decoded values. The names, of which each belongs to the value
+// of the same place, are in the block's tables: without them the labels mean something within their block
+// only.
 struct HistogramLabels {
   std::uint64_t label_set_id = 0;
   std::vector<std::string> values;
+  std::vector<std::string> names = {};
 };
 
 // Owns its texts; nothing of it refers to the block that it was read from.

@@ -2,6 +2,8 @@
 
 #include <boost/container_hash/hash.hpp>
 
+#include <algorithm>
+#include <limits>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -11,14 +13,6 @@
 
 namespace qvx::metrics {
 namespace {
-
-std::uint64_t identity_of(std::string_view name, const HistogramLabels& labels) {
-  std::size_t seed = boost::hash<std::string_view>{}(name);
-  boost::hash_combine(seed, labels.label_set_id);
-  for (const std::string& value : labels.values)
-    boost::hash_combine(seed, value);
-  return seed;
-}
 
 void update(Histogram& stored, Histogram&& record) {
   if (stored.timestamp == record.timestamp) return;
@@ -32,6 +26,32 @@ void update(Histogram& stored, Histogram&& record) {
 
 }  // namespace
 
+HistogramStore::Identity HistogramStore::identity_of(std::string_view name, const HistogramLabels& labels) {
+  Identity identity;
+  identity.name = name;
+  if (labels.names.empty()) {
+    identity.label_set_id = labels.label_set_id;
+    for (const std::string& value : labels.values)
+      identity.labels.emplace_back("", value);
+    return identity;
+  }
+  const std::size_t count = std::min(labels.names.size(), labels.values.size());
+  for (std::size_t i = 0; i < count; ++i)
+    identity.labels.emplace_back(labels.names[i], labels.values[i]);
+  std::sort(identity.labels.begin(), identity.labels.end());
+  return identity;
+}
+
+std::size_t HistogramStore::IdentityHash::operator()(const Identity& identity) const {
+  std::size_t seed = boost::hash<std::string>{}(identity.name);
+  boost::hash_combine(seed, identity.label_set_id);
+  for (const auto& [name, value] : identity.labels) {
+    boost::hash_combine(seed, name);
+    boost::hash_combine(seed, value);
+  }
+  return seed;
+}
+
 std::uint64_t HistogramStore::add_histogram(std::string_view name, const HistogramLabels& labels,
                                             std::span<const double> bounds) {
   for (std::size_t i = 1; i < bounds.size(); ++i) {
@@ -40,8 +60,7 @@ std::uint64_t HistogramStore::add_histogram(std::string_view name, const Histogr
       throw std::runtime_error("Histogram buckets must be monotonically increasing");
     }
   }
-  const std::uint64_t identity = identity_of(name, labels);
-  const auto known = id_by_identity_.find(identity);
+  const auto known = id_by_identity_.find(identity_of(name, labels));
   if (known != id_by_identity_.end()) {
     QVX_LOG(QVX_LOG_DEBUG,
             "[qvx metrics histograms] Histogram with timeseries_id for '%.*s' already exists with id %lu",
@@ -60,16 +79,32 @@ std::uint64_t HistogramStore::add_histogram(std::string_view name, const Histogr
   return id;
 }
 
-void HistogramStore::insert_or_update(std::uint64_t id, Histogram histogram) {
-  const std::uint64_t identity = identity_of(histogram.name, histogram.labels);
+std::uint64_t HistogramStore::insert_or_update(std::uint64_t id, Histogram histogram) {
+  Identity identity = identity_of(histogram.name, histogram.labels);
   const auto known = id_by_identity_.find(identity);
   if (known != id_by_identity_.end()) {
     update(histograms_.at(known->second), std::move(histogram));
-    return;
+    return known->second;
   }
+  const bool may_have_been_forgotten = largest_forgotten_id_ && id <= *largest_forgotten_id_;
+  if (may_have_been_forgotten || histograms_.contains(id)) id = next_id();
   histogram.id = id;
-  histograms_.insert_or_assign(id, std::move(histogram));
-  id_by_identity_.emplace(identity, id);
+  const auto at = id_by_identity_.emplace(std::move(identity), id).first;
+  try {
+    histograms_.emplace(id, std::move(histogram));
+  } catch (...) {
+    id_by_identity_.erase(at);
+    throw;
+  }
+  largest_id_ = std::max(largest_id_.value_or(0), id);
+  return id;
+}
+
+std::uint64_t HistogramStore::next_id() const {
+  if (!largest_id_) return 0;
+  if (*largest_id_ == std::numeric_limits<std::uint64_t>::max())
+    throw std::runtime_error("Histogram ids are used up");
+  return *largest_id_ + 1;
 }
 
 const Histogram& HistogramStore::at(std::uint64_t id) const {
@@ -81,9 +116,24 @@ const Histogram& HistogramStore::at(std::uint64_t id) const {
   return found->second;
 }
 
+void HistogramStore::forget_before(std::uint64_t timestamp) {
+  for (auto at = histograms_.begin(); at != histograms_.end();) {
+    const Histogram& histogram = at->second;
+    if (histogram.timestamp >= timestamp) {
+      ++at;
+      continue;
+    }
+    largest_forgotten_id_ = std::max(largest_forgotten_id_.value_or(0), at->first);
+    id_by_identity_.erase(identity_of(histogram.name, histogram.labels));
+    at = histograms_.erase(at);
+  }
+}
+
 void HistogramStore::clear() {
   histograms_.clear();
   id_by_identity_.clear();
+  largest_id_.reset();
+  largest_forgotten_id_.reset();
 }
 
 const std::byte* parse_histograms(const std::byte* pos, const std::byte* end, const StringTable& label_values,

@@ -110,6 +110,66 @@ TEST(HistogramStore, NewIdIsOneMoreThanTheLargest) {
   EXPECT_EQ(store.at(41).id, 41u);
 }
 
+TEST(HistogramStore, IdOfAnotherHistogramIsNotTakenOver) {
+  HistogramStore store;
+  Histogram histogram;
+  histogram.name = "first";
+  EXPECT_EQ(store.insert_or_update(7, histogram), 7u);
+  histogram.name = "second";
+  EXPECT_EQ(store.insert_or_update(7, histogram), 8u);
+  histogram.name = "third";
+  EXPECT_EQ(store.insert_or_update(5, histogram), 5u);
+  EXPECT_EQ(store.at(7).name, "first");
+  EXPECT_EQ(store.at(8).name, "second");
+  EXPECT_EQ(store.next_id(), 9u);
+  EXPECT_EQ(store.insert_or_update(1, store.at(7)), 7u) << "known already";
+}
+
+TEST(HistogramStore, IdsDoNotWrap) {
+  HistogramStore store;
+  Histogram histogram;
+  histogram.name = "last";
+  store.insert_or_update(18446744073709551615u, histogram);
+  EXPECT_EQ(store.add_histogram("last", {}, {}), 18446744073709551615u);
+  try {
+    store.add_histogram("one more", {}, {});
+    FAIL();
+  } catch (const std::runtime_error& fault) {
+    EXPECT_STREQ(fault.what(), "Histogram ids are used up");
+  }
+  EXPECT_EQ(store.size(), 1u);
+}
+
+TEST(HistogramStore, ForgottenIdsAreNotGivenAgain) {
+  HistogramStore store;
+  Histogram histogram;
+  for (const char* const name : {"a", "b", "c"}) {
+    histogram.name = name;
+    histogram.timestamp += 10;
+    store.insert_or_update(store.next_id(), histogram);
+  }
+  store.forget_before(21);
+  EXPECT_EQ(store.size(), 1u);
+  EXPECT_EQ(store.at(2).name, "c");
+  histogram.name = "a";
+  EXPECT_EQ(store.insert_or_update(1, histogram), 3u);
+  store.forget_before(31);
+  EXPECT_TRUE(store.empty());
+  EXPECT_EQ(store.add_histogram("c", {}, {}), 4u);
+  store.clear();
+  EXPECT_EQ(store.add_histogram("c", {}, {}), 0u);
+}
+
+TEST(HistogramStore, LabelsWithNamesAreComparedInTheOrderOfNames) {
+  HistogramStore store;
+  EXPECT_EQ(store.add_histogram("a", {0, {"x", "1"}, {"host", "port"}}, {}), 0u);
+  EXPECT_EQ(store.add_histogram("a", {5, {"1", "x"}, {"port", "host"}}, {}), 0u);
+  EXPECT_EQ(store.add_histogram("a", {0, {"1", "x"}, {"host", "port"}}, {}), 1u);
+  EXPECT_EQ(store.add_histogram("a", {0, {"x", "1"}}, {}), 2u);
+  EXPECT_EQ(store.add_histogram("a", {1, {"x", "1"}}, {}), 3u);
+  EXPECT_EQ(store.add_histogram("b", {0, {"x", "1"}, {"host", "port"}}, {}), 4u);
+}
+
 TEST(HistogramStore, UnknownIdIsAFault) {
   LogCapture log;
   const HistogramStore store;
