@@ -21,7 +21,9 @@ class BatchStorer {
         store_(store),
         metrics_(store.resolved_metrics(tables.metric_names_bytes, tables.metric_names.size())) {}
 
-  void store_batch(const MetricsRecordHeader& header, const MetricsBatch& batch) {
+  // Into the series of that label set, or of all.
+  void store_batch(const MetricsRecordHeader& header, const MetricsBatch& batch, std::uint64_t label_set_id) {
+    label_set_id_ = label_set_id;
     switch (static_cast<MetricValueType>(header.value_type)) {
       case MetricValueType::floating:
         return store_samples<double>(header, batch);
@@ -61,8 +63,13 @@ class BatchStorer {
     ResolvedMetric& metric = metrics_[id];
     if (metric.reference_count != nullptr) [[likely]] {
       ++*metric.reference_count;
+      if (metric.label_set_id != label_set_id_) {
+        metric.series = {};
+        metric.label_set_id = label_set_id_;
+      }
       return metric;
     }
+    metric.label_set_id = label_set_id_;
     metric.symbol = store_.symbols().intern(names_[id]);
     metric.reference_count = &store_.symbols().reference_count(metric.symbol);
     return metric;
@@ -78,7 +85,8 @@ class BatchStorer {
     try {
       if (log_storing<T>(header, sample)) {
         TimeSeries<T>*& series = metric.of_type<T>();
-        if (series == nullptr) series = &store_.series<T>(metric.symbol, names_[sample.sample_id]);
+        if (series == nullptr)
+          series = &store_.series<T>(metric.symbol, names_[sample.sample_id], label_set_id_);
         series->set_kind(header.kind);
         const auto value = std::bit_cast<T>(sample.sample_value);
         if (filter_ != nullptr && filter_->changes_only()) {
@@ -144,6 +152,7 @@ class BatchStorer {
   const MetricFilter* filter_;
   MetricsStore& store_;
   ResolvedMetric* metrics_;
+  std::uint64_t label_set_id_ = MetricsStore::kAllLabelSets;
 };
 
 void register_histograms(const MetricsBlockTables& tables, MetricsStore& store) {
@@ -280,12 +289,17 @@ void QvxMetricsParser::parse_metrics(const std::byte* block_begin, const std::by
     const std::size_t length = read_record_labels(section, record, header, "unknown", batch);
 
     const std::vector<std::string_view> values = decode_label_values(batch.label_values, tables.label_values);
-    labels.clear();
+    if (store.has_series_per_label_set()) {
+      labels = tables.constant_labels;
+    } else {
+      labels.clear();
+    }
     if (const StringTable* const names = tables.label_names.find(batch.label_set_id))
       set_labels(*names, values, labels);
-    store.label_sets().id_of(labels);
+    const std::uint64_t label_set_id = store.label_sets().id_of(labels, header.timestamp);
 
-    storer.store_batch(header, batch);
+    storer.store_batch(header, batch,
+                       store.has_series_per_label_set() ? label_set_id : MetricsStore::kAllLabelSets);
     offset += length;
   }
 }

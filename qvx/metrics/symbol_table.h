@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -28,27 +29,42 @@ class SymbolTable {
     explicit SymbolNotFoundError(std::uint64_t symbol);
   };
 
+  SymbolTable() = default;
+  SymbolTable(const SymbolTable&) = delete;
+  SymbolTable& operator=(const SymbolTable&) = delete;
+
   // The boost string hash.
   static std::uint64_t symbol_of(std::string_view name) { return NameHash{}(name); }
 
-  // The symbol of the name, whose reference count grows by one.
+  // The symbol of the name, whose reference count grows by one. Throws std::bad_alloc.
   std::uint64_t intern(std::string_view name);
 
   // The symbol of a name that was interned.
   std::optional<std::uint64_t> find(std::string_view name) const;
 
-  // Throws SymbolNotFoundError. The reference stays valid until a name of the same symbol is interned.
+  // Throws SymbolNotFoundError. The reference stays valid until the symbol is forgotten.
   const std::string& name_of(std::uint64_t symbol) const;
 
   // How often a name of the symbol was interned. Whoever keeps an interned symbol may count a further use of
-  // it through this reference, which lives as long as the table. Throws SymbolNotFoundError.
+  // it through the reference, which is valid until the symbol is forgotten. Throw SymbolNotFoundError.
   std::uint64_t& reference_count(std::uint64_t symbol);
+  std::uint64_t reference_count(std::uint64_t symbol) const;
+
+  // Takes one use of an interned name back; the last one forgets it.
+  void release(std::string_view name);
+
+  // Forgets the symbol and its name, however often it was interned.
+  void forget(std::uint64_t symbol);
 
   std::size_t size() const { return symbols_.size(); }
 
+  // All names with their symbols.
+  auto begin() const { return symbols_.begin(); }
+  auto end() const { return symbols_.end(); }
+
  private:
   std::unordered_map<std::string, std::uint64_t, NameHash, std::equal_to<>> symbols_;
-  std::unordered_map<std::uint64_t, std::string> names_;
+  std::unordered_map<std::uint64_t, const std::string*> names_;  // keys of symbols_
   std::unordered_map<std::uint64_t, std::uint64_t> reference_counts_;
 };
 

@@ -1,6 +1,7 @@
 // The most recent values of one metric.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -13,18 +14,17 @@ namespace qvx::metrics {
 enum class Bit64 : std::uint64_t {};
 
 // Two rings of equal capacity, times and values. Once they are full, a new pair takes the place of the
-// oldest. The rings are allocated when the series is made, which throws std::bad_alloc; a capacity of 0 keeps
-// nothing.
+// oldest. The rings grow as they fill, as most series of a large store have few pairs; append then throws
+// std::bad_alloc, and nothing is appended. A capacity of 0 keeps nothing.
 template <typename T>
 class TimeSeries {
  public:
-  explicit TimeSeries(std::size_t capacity) : capacity_(capacity) {
-    timestamps_.reserve(capacity);
-    values_.reserve(capacity);
-  }
+  explicit TimeSeries(std::size_t capacity) : capacity_(capacity) {}
 
   void append(std::uint64_t timestamp, T value) {
+    last_seen_ = timestamp;
     if (values_.size() < capacity_) {
+      if (values_.size() == values_.capacity()) grow();
       timestamps_.push_back(timestamp);
       values_.push_back(value);
     } else if (capacity_ != 0) {
@@ -36,8 +36,12 @@ class TimeSeries {
 
   // Appends unless the last value equals this one.
   void append_if_changed(std::uint64_t timestamp, T value) {
-    if (empty() || !(last_value() == value)) append(timestamp, value);
+    if (empty() || !(last_value() == value)) return append(timestamp, value);
+    last_seen_ = timestamp;
   }
+
+  // The time of the last call, whether it appended or not.
+  std::uint64_t last_seen() const { return last_seen_; }
 
   std::size_t capacity() const { return capacity_; }
   std::size_t size() const { return values_.size(); }
@@ -60,7 +64,15 @@ class TimeSeries {
     return index < behind_head ? head_ + index : index - behind_head;
   }
 
+  void grow() {
+    constexpr std::size_t kFirst = 2;
+    const std::size_t room = std::min(capacity_, std::max(kFirst, 2 * values_.size()));
+    timestamps_.reserve(room);
+    values_.reserve(room);
+  }
+
   MetricKind kind_ = MetricKind::untyped;
+  std::uint64_t last_seen_ = 0;
   std::size_t capacity_;
   std::size_t head_ = 0;  // the oldest pair, once the rings are full
   std::vector<std::uint64_t> timestamps_;

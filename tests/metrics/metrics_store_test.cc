@@ -31,6 +31,25 @@ TEST(SymbolTable, SymbolIsTheBoostStringHash) {
   EXPECT_EQ(table.find("tx_bytes"), std::nullopt);
 }
 
+TEST(SymbolTable, LastUseThatIsReleasedForgetsTheName) {
+  SymbolTable table;
+  const std::uint64_t symbol = table.intern("rx");
+  table.intern("rx");
+  table.intern("tx");
+  table.release("rx");
+  table.release("unknown");
+  EXPECT_EQ(table.reference_count(symbol), 1u);
+  table.release("rx");
+  EXPECT_EQ(table.find("rx"), std::nullopt);
+  EXPECT_THROW(static_cast<void>(table.name_of(symbol)), SymbolTable::SymbolNotFoundError);
+  EXPECT_EQ(table.size(), 1u);
+  EXPECT_EQ(table.intern("rx"), symbol);
+  EXPECT_EQ(table.reference_count(symbol), 1u);
+  table.forget(symbol);
+  table.forget(symbol);
+  EXPECT_EQ(table.find("rx"), std::nullopt);
+}
+
 TEST(SymbolTable, UnknownSymbolIsNamedInTheError) {
   SymbolTable table;
   try {
@@ -62,14 +81,43 @@ TEST(ReverseIndex, OneIdPerLabelSet) {
   EXPECT_EQ(index.find(id)->sequence, 0u);
   EXPECT_EQ(index.find(other)->sequence, 1u);
   EXPECT_EQ(index.find(none)->sequence, 2u);
-  EXPECT_EQ(index.find(id + 1), nullptr);
+  EXPECT_EQ(index.find(3), nullptr);
 }
 
-TEST(ReverseIndex, IdsAreTheSameInEveryIndex) {
-  ReverseIndex first;
-  ReverseIndex second;
-  second.id_of(labels_of({{"a", "b"}}));
-  EXPECT_EQ(first.id_of(labels_of({{"host", "x"}})), second.id_of(labels_of({{"host", "x"}})));
+TEST(ReverseIndex, IdOfAForgottenLabelSetIsNotGivenAgain) {
+  ReverseIndex index;
+  const LabelMap first = labels_of({{"host", "a"}});
+  const LabelMap second = labels_of({{"host", "b"}});
+  EXPECT_EQ(index.id_of(first, 10), 0u);
+  EXPECT_EQ(index.id_of(second, 20), 1u);
+  EXPECT_EQ(index.id_of(second, 5), 1u);
+  EXPECT_EQ(index.find(1)->last_seen, 5u);
+  index.forget_if([](std::uint64_t id, const ReverseIndex::Entry&) { return id == 1; });
+  EXPECT_EQ(index.find(1), nullptr);
+  EXPECT_EQ(index.find(0)->label_set, (LabelSet{{"host", "a"}}));
+  EXPECT_EQ(index.symbols().find("b"), std::nullopt);
+  EXPECT_EQ(index.symbols().reference_count(*index.symbols().find("host")), 1u);
+  EXPECT_EQ(index.id_of(labels_of({{"host", "c"}}), 30), 2u);
+  EXPECT_EQ(index.id_of(second, 40), 3u);
+  EXPECT_EQ(index.size(), 3u);
+}
+
+TEST(ReverseIndex, IdsDoNotWrap) {
+  ReverseIndex index;
+  index.insert(18446744073709551614u, 0, labels_of({{"a", "b"}}));
+  EXPECT_EQ(index.id_of(labels_of({{"a", "b"}})), 18446744073709551614u);
+  EXPECT_THROW(index.id_of(labels_of({{"a", "c"}})), std::runtime_error);
+  EXPECT_THROW(index.insert(18446744073709551615u, 1, labels_of({{"a", "c"}})), std::runtime_error);
+  EXPECT_EQ(index.size(), 1u);
+  EXPECT_EQ(index.symbols().find("c"), std::nullopt);
+}
+
+TEST(ReverseIndex, LabelSetThatIsKnownIsADuplicate) {
+  ReverseIndex index;
+  index.insert(1, 10, labels_of({{"a", "b"}}));
+  EXPECT_THROW(index.insert(2, 11, labels_of({{"a", "b"}})), std::runtime_error);
+  EXPECT_EQ(index.id_of(labels_of({{"x", "y"}})), 2u);
+  EXPECT_EQ(index.find(2)->sequence, 11u);
 }
 
 TEST(ReverseIndex, NamesAndValuesAreInternedOncePerEntry) {
@@ -77,7 +125,7 @@ TEST(ReverseIndex, NamesAndValuesAreInternedOncePerEntry) {
   index.id_of(labels_of({{"host", "node7"}}));
   index.id_of(labels_of({{"host", "node7"}}));
   index.id_of(labels_of({{"host", "node8"}}));
-  SymbolTable symbols = index.symbols();
+  const SymbolTable& symbols = index.symbols();
   EXPECT_EQ(symbols.size(), 3u);
   EXPECT_EQ(symbols.reference_count(*symbols.find("host")), 2u);
   EXPECT_EQ(symbols.reference_count(*symbols.find("node7")), 1u);
@@ -136,6 +184,17 @@ TEST(TimeSeries, UnchangedValuesAreNotAppended) {
   EXPECT_EQ(pairs_of(series), (std::vector<std::pair<std::uint64_t, double>>{{1, 0.0}, {3, 1.5}, {5, 0.0}}));
 }
 
+TEST(TimeSeries, IsSeenWhetherItChangesOrNot) {
+  TimeSeries<double> series(8);
+  series.append_if_changed(1, 0.5);
+  EXPECT_EQ(series.last_seen(), 1u);
+  series.append_if_changed(9, 0.5);
+  EXPECT_EQ(series.last_seen(), 9u);
+  EXPECT_EQ(series.size(), 1u);
+  series.append(4, 0.5);
+  EXPECT_EQ(series.last_seen(), 4u);
+}
+
 TEST(TimeSeries, CapacityOfNothingKeepsNothing) {
   TimeSeries<std::uint64_t> series(0);
   series.append(1, 1);
@@ -180,6 +239,26 @@ TEST(MetricsStore, CapacityIsTheMetricsOwnOrTheDefault) {
   store.set_capacity("own", 2);
   EXPECT_EQ(store.series<double>(store.symbols().intern("own"), "own").capacity(), 2u);
   EXPECT_EQ(store.series<double>(store.symbols().intern("other"), "other").capacity(), 7u);
+}
+
+TEST(MetricsStore, SeriesPerLabelSetAreApart) {
+  MetricsStore store;
+  const std::uint64_t symbol = store.symbols().intern("rx");
+  store.series<double>(symbol, "rx", 3).append(1, 2.5);
+  store.series<double>(symbol, "rx", 4).append(1, 7.5);
+  EXPECT_EQ(store.find_series<double>(symbol), nullptr);
+  EXPECT_EQ(store.find_series<double>(symbol, 5), nullptr);
+  EXPECT_EQ(store.find_series<double>(symbol, 4)->last_value(), 7.5);
+  EXPECT_TRUE(store.has_series(symbol));
+  double sum = 0;
+  store.for_each_series<double>(
+      [&](std::uint64_t seen, std::uint64_t label_set_id, const TimeSeries<double>& series) {
+        EXPECT_EQ(seen, symbol);
+        sum += static_cast<double>(label_set_id) * series.last_value();
+      });
+  EXPECT_EQ(sum, 3 * 2.5 + 4 * 7.5);
+  EXPECT_THROW(store.series<std::uint64_t>(symbol, "rx", 9), std::runtime_error)
+      << "the type is the metric's";
 }
 
 TEST(MetricsStore, SwitchingRegistrationForgetsWhatWasResolved) {
