@@ -79,6 +79,19 @@ MetricsDataSection find_data_section(Bytes block, bool (*has_trailer)(Bytes), st
   return section;
 }
 
+void fail_metric_id(std::size_t id, std::size_t names) {
+  QVX_LOG(QVX_LOG_ERROR, "[qvx metrics parser] invalid metric id: %lu, total metric names size: %lu", id,
+          names);
+  throw std::runtime_error("invalid metric id");
+}
+
+void check_sample_ids(const MetricSamples& samples, std::size_t names) {
+  if (samples.ids_are_below(names)) return;
+  for (const MetricSample sample : samples) {
+    if (sample.sample_id >= names) fail_metric_id(sample.sample_id, names);
+  }
+}
+
 void fail_record_size() {
   throw std::runtime_error("Insufficient data for metrics samples");
 }

@@ -121,6 +121,11 @@ MetricsDataSection find_data_section(Bytes block, bool (*has_trailer)(Bytes), st
 // The section whose marker stands at `marker`; its trailer has been found.
 MetricsDataSection data_section_at(const std::byte* marker, const std::byte* block_end);
 
+// Both throw std::runtime_error "invalid metric id", with a log line: for that sample id, and for the first
+// one that is not below the number of metric names.
+[[noreturn]] void fail_metric_id(std::size_t id, std::size_t names);
+void check_sample_ids(const MetricSamples& samples, std::size_t names);
+
 // Throws std::runtime_error "Insufficient data for metrics samples".
 [[noreturn]] void fail_record_size();
 

@@ -98,7 +98,6 @@ class MetricsWriter::Impl {
   bool build_record();
   bool add_batch();
   bool add_labels(const StringTable& names);
-  void check_sample_ids() const;
   void make_labels_text();
   void write_record(OutputSink& sink);
   void write_member(Record::Member member, OutputSink& sink);
@@ -246,7 +245,7 @@ bool MetricsWriter::Impl::add_batch() {
     if (!add_labels(*names)) return false;
     record_.set(Record::kLabels);
   }
-  check_sample_ids();
+  check_sample_ids(batch_.samples, name_texts_.size());
   record_.samples = batch_.samples;
   record_.set(Record::kMetrics);
   return true;
@@ -265,18 +264,6 @@ bool MetricsWriter::Impl::add_labels(const StringTable& names) {
          faulty_constants.size() <= labels.size() &&
          std::all_of(faulty_constants.begin(), faulty_constants.end(),
                      [&labels](std::string_view name) { return labels.contains(name); });
-}
-
-void MetricsWriter::Impl::check_sample_ids() const {
-  const std::size_t names = name_texts_.size();
-  if (batch_.samples.ids_are_below(names)) return;
-  for (const MetricSample sample : batch_.samples) {
-    const std::size_t id = sample.sample_id;
-    if (id < names) continue;
-    QVX_LOG(QVX_LOG_ERROR, "[qvx metrics parser] invalid metric id: %lu, total metric names size: %lu", id,
-            names);
-    throw std::runtime_error("invalid metric id");
-  }
 }
 
 void MetricsWriter::Impl::make_labels_text() {

@@ -42,7 +42,7 @@ class BatchStorer {
     const std::size_t count = batch.samples.size();
     for (std::size_t i = 0; i < count; ++i) {
       const MetricSample sample = batch.samples[i];
-      if (sample.sample_id >= names_.size()) fail_metric_id(sample.sample_id);
+      if (sample.sample_id >= names_.size()) fail_metric_id(sample.sample_id, names_.size());
       ResolvedMetric& metric = resolve(sample.sample_id);
       if (!is_accepted(metric, names_[sample.sample_id])) continue;
       if (!store_sample<T>(header, metric, sample)) continue;
@@ -50,12 +50,6 @@ class BatchStorer {
               std::uint64_t{sample.sample_id}, header.timestamp, name_size(sample), name_text(sample),
               sample.sample_value);
     }
-  }
-
-  [[noreturn]] void fail_metric_id(std::uint64_t id) const {
-    QVX_LOG(QVX_LOG_ERROR, "[qvx metrics parser] invalid metric id: %lu, total metric names size: %lu", id,
-            names_.size());
-    throw std::runtime_error("invalid metric id");
   }
 
   // Every sample counts as a use of its metric's symbol.
