@@ -153,7 +153,8 @@ void MetricsWriter::Impl::check_records() {
     batch_.timestamp = header.timestamp;
     batch_.samples = read_record_samples(record, section_.block_end, header);
     offset += read_labels(record, header, "QvxMetricsParser::parse_metrics");
-    dump_metrics_batch(batch_, tables_.tables().label_values);
+    // Tables that repeat are not read for want of a dump.
+    if (QVX_LOG_IS_ENABLED(QVX_LOG_DEBUG)) dump_metrics_batch(batch_, tables_.tables().label_values);
     ++records_;
   }
 }

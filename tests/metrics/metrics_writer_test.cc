@@ -368,6 +368,24 @@ TEST(MetricsWriter, TablesTooLargeToKeep) {
     EXPECT_NE(sequence.print(one), "");
 }
 
+TEST(MetricsWriter, BlockThatRepeatsTablesAndLabelsAllocatesNothing) {
+  MetricsWriter writer;
+  TestBlock block = full_block();
+  const std::string first = block.bytes();
+  block.records = {record({.timestamp = kBatchTime + 1,
+                           .samples = {{2, 71}, {0, 6}, {2, 72}},
+                           .labels = labels_m(0, {mixed_id(0), mixed_text("1")})})};
+  const std::string second = block.bytes();
+  RecordingTarget target(Format::ndjson);
+  writer.output_metrics_block(target, as_bytes(first));
+  {
+    const FailingAllocations none(0);
+    writer.output_metrics_block(target, as_bytes(second));
+    EXPECT_FALSE(none.any_failed());
+  }
+  EXPECT_NE(target.text().find(R"("metrics":[{"err":71},{"rx":6},{"err":72}]})"), std::string::npos);
+}
+
 TEST(MetricsWriter, ShortMemoryLeavesTheWriterUsable) {
   TestBlock other = full_block();
   other.metric_names = metric_names({"a", "b", "c"});
