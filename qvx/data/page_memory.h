@@ -14,13 +14,17 @@ struct qvx_data_page {
   std::uint32_t number = 0;
   std::int32_t creator = 0;
   std::array<char, qvx::kPageNameSize> name{};
+  // Of the shared-memory object; its number is nobody else's while it is mapped.
+  std::uint64_t object_device = 0;
+  std::uint64_t object_number = 0;
 };
 
 namespace qvx {
 
 // Gets the memory that size, kind, name and number ask for, cleared unless an existing shared-memory object
-// was opened. 0, or the error number of what failed; the page then has no memory.
-int page_memory_allocate(qvx_data_page& page) noexcept;
+// was opened. An object that a process died over before it was sized, or whose creator died and that is too
+// small, counts as none. 0, or the error number of what failed; the page then has no memory.
+[[nodiscard]] int page_memory_allocate(qvx_data_page& page) noexcept;
 void page_memory_release(qvx_data_page& page) noexcept;
 
 }  // namespace qvx

@@ -4,69 +4,23 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <functional>
 #include <string>
 
 #include "qvx/support/text.h"
+#include "tests/data/shared_object.h"
 #include "tests/support/log_capture.h"
 
 namespace qvx {
 namespace {
 
+using test::in_another_process;
 using test::LogCapture;
 using test::LogMessage;
-
-// A shared-memory name of this test alone, whose object is removed in any case.
-class ObjectName {
- public:
-  ObjectName()
-      : base_("qvx_page_test_" + std::to_string(getpid()) + "_" +
-              testing::UnitTest::GetInstance()->current_test_info()->name()),
-        object_(base_ + "_7") {}
-  ~ObjectName() { shm_unlink(object_.c_str()); }
-
-  PagePtr allocate(std::uint64_t size = 4096, std::uint32_t data_size = 16) const {
-    return page_alloc(data_size, size, {QVX_SHARED_PAGE, base_.c_str(), 7});
-  }
-
-  // The name as the system knows it.
-  const std::string& object() const { return object_; }
-
-  bool exists() const {
-    const int descriptor = shm_open(object_.c_str(), O_RDONLY, 0);
-    if (descriptor >= 0) close(descriptor);
-    return descriptor >= 0;
-  }
-
-  void make(off_t size) const {
-    const int descriptor = shm_open(object_.c_str(), O_RDWR | O_CREAT, 0600);
-    ASSERT_GE(descriptor, 0);
-    ASSERT_EQ(ftruncate(descriptor, size), 0);
-    close(descriptor);
-  }
-
- private:
-  std::string base_;
-  std::string object_;
-};
-
-std::string text_of_pointer(const void* pointer) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%p", pointer);
-  return text;
-}
-
-// Runs in a child process; true when it returned true.
-bool in_another_process(const std::function<bool()>& run) {
-  const pid_t child = fork();
-  if (child == 0) _exit(run() ? 0 : 1);
-  int status = 0;
-  return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
+using test::ObjectName;
+using test::text_of_pointer;
 
 TEST(SharedPage, IsCreatedSizedAndCleared) {
   const ObjectName name;
@@ -196,16 +150,18 @@ TEST(SharedPage, OtherProcessMayScribbleOverTheHeader) {
   EXPECT_EQ(field_text(page_source(*page).id).size(), 64u);
 }
 
-TEST(SharedPage, ObjectSmallerThanThePageIsNotMapped) {
+TEST(SharedPage, ObjectOfALivingCreatorThatIsTooSmallIsNotMappedAndBothSizesAreTold) {
   const ObjectName name;
-  name.make(4095);
+  const PagePtr small = name.allocate(4095);
+  ASSERT_NE(small, nullptr);
   const LogCapture log;
-  EXPECT_EQ(name.allocate(), nullptr);
+  EXPECT_EQ(name.allocate(4096), nullptr);
   EXPECT_EQ(log.messages(), (std::vector<LogMessage>{
                                 {7, "Creating shared-mem named " + name.object()},
-                                {6, "shared memory was opened: " + name.object()},
+                                {3, "[qvx_allocate_shared_mem] shared memory " + name.object() +
+                                        " has 4095 bytes, the page needs 4096"},
                                 {3, "FAILED to allocate shared_page: " + name.object() + " of size: 4096 "},
-                                {3, "[data_page] Data page allocation failed: Invalid argument"}}));
+                                {3, "[data_page] Data page allocation failed: No buffer space available"}}));
   EXPECT_TRUE(name.exists()) << "what others made is not removed";
 }
 

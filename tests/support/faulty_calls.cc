@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/uio.h>
@@ -56,9 +57,9 @@ Function* next(const char* name) {
 }  // namespace
 
 const char* call_name(Call call) {
-  constexpr std::array<const char*, kCalls> kNames{"open",      "open_nameless", "mkdirat", "linkat",
-                                                   "renameat2", "write",         "writev",  "ftruncate",
-                                                   "lseek",     "flock",         "close",   "unlinkat"};
+  constexpr std::array<const char*, kCalls> kNames{
+      "open",  "open_nameless", "mkdirat", "linkat",   "renameat2", "write",    "writev",    "ftruncate",
+      "lseek", "flock",         "close",   "unlinkat", "fallocate", "shm_open", "shm_unlink"};
   return kNames[static_cast<std::size_t>(call)];
 }
 
@@ -181,6 +182,21 @@ int close(int descriptor) {
   const int result = real(descriptor);
   if (fails) errno = error;
   return fails ? -1 : result;
+}
+
+int fallocate(int descriptor, int mode, off_t offset, off_t size) {
+  static auto* const real = next<int(int, int, off_t, off_t)>("fallocate");
+  return strikes(Call::fallocate, true) ? -1 : real(descriptor, mode, offset, size);
+}
+
+int shm_open(const char* name, int flags, mode_t mode) {
+  static auto* const real = next<int(const char*, int, mode_t)>("shm_open");
+  return strikes(Call::shm_open, (flags & O_CREAT) != 0) ? -1 : real(name, flags, mode);
+}
+
+int shm_unlink(const char* name) {
+  static auto* const real = next<int(const char*)>("shm_unlink");
+  return strikes(Call::shm_unlink, true) ? -1 : real(name);
 }
 
 int unlinkat(int folder, const char* path, int flags) noexcept {

@@ -23,8 +23,11 @@ enum class Call {
   flock,
   close,
   unlinkat,
+  fallocate,
+  shm_open,
+  shm_unlink,
 };
-inline constexpr std::size_t kCalls = 12;
+inline constexpr std::size_t kCalls = 15;
 const char* call_name(Call call);
 
 // What happens to the calls of one kind: after `first` that go through, `count` fail with `error`; with

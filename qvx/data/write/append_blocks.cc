@@ -9,6 +9,7 @@
 #include <optional>
 
 #include "qvx/data/write/output_folder.h"
+#include "qvx/support/file_lock.h"
 
 namespace qvx {
 namespace {

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "qvx/data/write/append_blocks.h"
+#include "qvx/support/file_lock.h"
 #include "qvx/support/format.h"
 #include "qvx/support/log.h"
 

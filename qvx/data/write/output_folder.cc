@@ -1,14 +1,12 @@
 #include "qvx/data/write/output_folder.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
-#include <ctime>
 #include <filesystem>
 #include <system_error>
 #include <utility>
@@ -238,22 +236,6 @@ std::size_t write_all(int descriptor, const void* bytes, std::size_t size) noexc
     written += static_cast<std::size_t>(count);
   }
   return written;
-}
-
-FileLock::FileLock(int descriptor) noexcept : descriptor_(descriptor) {
-  constexpr int kAttempts = 2000;
-  constexpr timespec kPause{0, 1000000};
-  for (int attempt = 0; attempt < kAttempts && !locked_; ++attempt) {
-    if (attempt != 0) nanosleep(&kPause, nullptr);
-    locked_ = retried([&] { return flock(descriptor_, LOCK_EX | LOCK_NB); }) == 0;
-    if (!locked_ && errno != EWOULDBLOCK) return;
-  }
-}
-
-FileLock::~FileLock() {
-  const int saved = errno;
-  if (locked_) flock(descriptor_, LOCK_UN);
-  errno = saved;
 }
 
 }  // namespace qvx

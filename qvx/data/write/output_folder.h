@@ -86,22 +86,4 @@ struct FileStatus {
 // are fewer.
 [[nodiscard]] std::size_t write_all(int descriptor, const void* bytes, std::size_t size) noexcept;
 
-// Keeps a file to one writer, of this process or another, until the end of the scope. Those that write data
-// files take it in turns. No lock is kept for long, so it gives up after two seconds; and some file systems
-// know none.
-class FileLock {
- public:
-  explicit FileLock(int descriptor) noexcept;
-  ~FileLock();
-  FileLock(const FileLock&) = delete;
-  FileLock& operator=(const FileLock&) = delete;
-
-  // False when the file may have another writer.
-  explicit operator bool() const { return locked_; }
-
- private:
-  int descriptor_;
-  bool locked_ = false;
-};
-
 }  // namespace qvx
