@@ -22,6 +22,7 @@ set(QVX_PUBLIC_HEADERS
   qvx/data/schema/type_system.h
   qvx/data/schema_id.h
   qvx/data/source.h
+  qvx/data/source_list.h
   qvx/data/write/data_file.h
   qvx/data/write/data_writer.h
   qvx/data/write/existing_file.h
