@@ -39,7 +39,8 @@ void walk(std::uint8_t choice, Bytes chain) {
     }
   };
   if (block_type_of(chain) == QVX_PAGE_BLOCK) {
-    go_through(UnitWalk(types, chain, 0));
+    Decompressor decompressor;
+    go_through(UnitWalk(types, decompressor, chain, 0));
   } else {
     go_through(ChainWalk(types, chain, Place{0, (choice & 32U) != 0, 0}));
   }

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <limits>
-#include <memory>
 
 #include "qvx/support/log.h"
 
@@ -18,29 +17,6 @@ constexpr std::size_t kGzipTrailerSize = 4;
 
 bool has_gzip_signature(Bytes data) {
   return data.size() >= 2 && data[0] == std::byte{0x1F} && data[1] == std::byte{0x8B};
-}
-
-struct LibdeflateFree {
-  void operator()(libdeflate_decompressor* decompressor) const { libdeflate_free_decompressor(decompressor); }
-};
-
-// The fast way. It decides nothing: whatever it does not take goes to zlib, which words the failure. A header
-// that carries its own checksum or reserved flags is not checked by it, so such streams are zlib's from the
-// start.
-Decompressed gzip_fast(Bytes data, std::span<std::byte> to) {
-  constexpr std::size_t kFlagsOffset = 3;
-  constexpr std::byte kHeaderChecksumOrReserved{0xE2};
-  if (data.size() <= kFlagsOffset || (data[kFlagsOffset] & kHeaderChecksumOrReserved) != std::byte{0})
-    return {};
-  static thread_local const std::unique_ptr<libdeflate_decompressor, LibdeflateFree> decompressor(
-      libdeflate_alloc_decompressor());
-  if (decompressor == nullptr) return {};
-  std::size_t consumed = 0;
-  std::size_t produced = 0;
-  const libdeflate_result result = libdeflate_gzip_decompress_ex(decompressor.get(), data.data(), data.size(),
-                                                                 to.data(), to.size(), &consumed, &produced);
-  if (result != LIBDEFLATE_SUCCESS) return {};
-  return {true, produced};
 }
 
 Decompressed gzip_exact(Bytes data, std::span<std::byte> to) {
@@ -106,7 +82,16 @@ std::uint64_t encoded_uncompressed_size(std::uint8_t encoding, Bytes data) {
   }
 }
 
-Decompressed encoded_decompress_into(std::uint8_t encoding, Bytes data, std::span<std::byte> to) {
+Decompressor::Decompressor() noexcept = default;
+Decompressor::~Decompressor() = default;
+Decompressor::Decompressor(Decompressor&&) noexcept = default;
+Decompressor& Decompressor::operator=(Decompressor&&) noexcept = default;
+
+void Decompressor::Free::operator()(libdeflate_decompressor* decompressor) const noexcept {
+  libdeflate_free_decompressor(decompressor);
+}
+
+Decompressed Decompressor::decompress(std::uint8_t encoding, Bytes data, std::span<std::byte> to) {
   switch (encoding) {
     case QVX_ENCODING_GZIP: {
       const Decompressed fast = gzip_fast(data, to);
@@ -119,8 +104,26 @@ Decompressed encoded_decompress_into(std::uint8_t encoding, Bytes data, std::spa
   }
 }
 
+// The fast way. It decides nothing: whatever it does not take goes to zlib, which words the failure. A header
+// that carries its own checksum or reserved flags is not checked by it, so such streams are zlib's from the
+// start.
+Decompressed Decompressor::gzip_fast(Bytes data, std::span<std::byte> to) {
+  constexpr std::size_t kFlagsOffset = 3;
+  constexpr std::byte kHeaderChecksumOrReserved{0xE2};
+  if (data.size() <= kFlagsOffset || (data[kFlagsOffset] & kHeaderChecksumOrReserved) != std::byte{0})
+    return {};
+  if (gzip_ == nullptr) gzip_.reset(libdeflate_alloc_decompressor());
+  if (gzip_ == nullptr) return {};
+  std::size_t consumed = 0;
+  std::size_t produced = 0;
+  const libdeflate_result result = libdeflate_gzip_decompress_ex(gzip_.get(), data.data(), data.size(),
+                                                                 to.data(), to.size(), &consumed, &produced);
+  if (result != LIBDEFLATE_SUCCESS) return {};
+  return {true, produced};
+}
+
 bool encoded_decompress(std::uint8_t encoding, Bytes data, std::span<std::byte> to) {
-  const Decompressed result = encoded_decompress_into(encoding, data, to);
+  const Decompressed result = Decompressor().decompress(encoding, data, to);
   if (result.ok) std::fill(to.begin() + static_cast<std::ptrdiff_t>(result.produced), to.end(), std::byte{0});
   return result.ok;
 }

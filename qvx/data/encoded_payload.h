@@ -3,9 +3,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 
 #include "qvx/support/bytes.h"
+
+struct libdeflate_decompressor;
 
 enum qvx_encoding : std::uint8_t {
   QVX_ENCODING_GZIP = 'G',
@@ -25,12 +28,30 @@ struct Decompressed {
   std::size_t produced = 0;  // bytes written; fewer than the buffer's when the stream ended early
 };
 
-// Decompresses into `to`. The bytes behind those produced may hold anything afterwards.
-[[nodiscard]] Decompressed encoded_decompress_into(std::uint8_t encoding, Bytes data,
-                                                   std::span<std::byte> to);
+// Decompresses one stream after another and keeps what that takes, which it gets when it is first needed.
+// Used by one thread at a time.
+class Decompressor {
+ public:
+  Decompressor() noexcept;
+  ~Decompressor();
+  Decompressor(Decompressor&&) noexcept;
+  Decompressor& operator=(Decompressor&&) noexcept;
 
-// The same, with the bytes behind those produced set to zero: a stream that ends early, such as the first of
-// two joined gzip members, is a success.
+  // Decompresses into `to`. The bytes behind those produced may hold anything afterwards.
+  [[nodiscard]] Decompressed decompress(std::uint8_t encoding, Bytes data, std::span<std::byte> to);
+
+ private:
+  struct Free {
+    void operator()(libdeflate_decompressor* decompressor) const noexcept;
+  };
+
+  Decompressed gzip_fast(Bytes data, std::span<std::byte> to);
+
+  std::unique_ptr<libdeflate_decompressor, Free> gzip_;
+};
+
+// Decompresses one stream. The bytes behind those produced are set to zero: a stream that ends early, such as
+// the first of two joined gzip members, is a success.
 [[nodiscard]] bool encoded_decompress(std::uint8_t encoding, Bytes data, std::span<std::byte> to);
 
 }  // namespace qvx

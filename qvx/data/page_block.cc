@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "qvx/data/encoded_payload.h"
 #include "qvx/data/file_header.h"
 #include "qvx/support/log.h"
 
@@ -64,14 +63,20 @@ bool qvxp_uncompress(const PageBlock& block, std::span<std::byte> to) {
   return has_uncompressed_size(block, to.size()) && encoded_decompress(block.header.encoding, block.data, to);
 }
 
-bool qvxp_uncompress(const PageBlock& block, PageBuffer& to) {
+bool qvxp_uncompress(const PageBlock& block, PageBuffer& to, Decompressor& decompressor) {
   if (!has_uncompressed_size(block, to.bytes().size())) return false;
-  const Decompressed result = encoded_decompress_into(block.header.encoding, block.data, to.bytes());
+  const Decompressed result = decompressor.decompress(block.header.encoding, block.data, to.bytes());
   if (result.ok) to.clear_from(result.produced);
   return result.ok;
 }
 
 PageBuffer qvxp_uncompress_alloc(const PageBlock& block, std::uint64_t* out_size) {
+  Decompressor decompressor;
+  return qvxp_uncompress_alloc(block, out_size, decompressor);
+}
+
+PageBuffer qvxp_uncompress_alloc(const PageBlock& block, std::uint64_t* out_size,
+                                 Decompressor& decompressor) {
   if (out_size == nullptr) {
     QVX_LOG(QVX_LOG_ERROR, "'uncompressed_size' must be allocated");
     return {};
@@ -83,7 +88,7 @@ PageBuffer qvxp_uncompress_alloc(const PageBlock& block, std::uint64_t* out_size
     QVX_LOG(QVX_LOG_ERROR, "Failed to allocate data block of size %lu: %s", size, std::strerror(errno));
     return {};
   }
-  if (!qvxp_uncompress(block, buffer)) return {};
+  if (!qvxp_uncompress(block, buffer, decompressor)) return {};
   return buffer;
 }
 

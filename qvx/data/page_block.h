@@ -7,6 +7,7 @@
 #include <span>
 #include <string_view>
 
+#include "qvx/data/encoded_payload.h"
 #include "qvx/data/page_buffer.h"
 #include "qvx/support/bytes.h"
 #include "qvx/support/layout_table.h"
@@ -56,10 +57,13 @@ struct PageBlock {
 
 // Decompresses into a buffer of exactly the uncompressed size. False on failure, which is logged.
 [[nodiscard]] bool qvxp_uncompress(const PageBlock& block, std::span<std::byte> to);
-[[nodiscard]] bool qvxp_uncompress(const PageBlock& block, PageBuffer& to);
+[[nodiscard]] bool qvxp_uncompress(const PageBlock& block, PageBuffer& to, Decompressor& decompressor);
 
 // Allocates the buffer itself, after storing the uncompressed size in `out_size`, and calls qvxp_uncompress;
 // empty on failure, which is logged. Why a stream has no size is therefore logged twice, deliberately.
 [[nodiscard]] PageBuffer qvxp_uncompress_alloc(const PageBlock& block, std::uint64_t* out_size);
+// For those who unpack many.
+[[nodiscard]] PageBuffer qvxp_uncompress_alloc(const PageBlock& block, std::uint64_t* out_size,
+                                               Decompressor& decompressor);
 
 }  // namespace qvx

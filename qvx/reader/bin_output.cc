@@ -7,7 +7,6 @@
 #include <new>
 #include <utility>
 
-#include "qvx/data/encoded_payload.h"
 #include "qvx/data/write/page_block_writer.h"
 #include "qvx/support/log.h"
 
@@ -86,7 +85,7 @@ bool BinOutput::make_page(std::uint64_t size) {
 // Unpacks into the page itself: a second copy would double the memory that a large page needs.
 bool BinOutput::unpack(const PageBlock& block) {
   const std::span<std::byte> area = page_data(*page_);
-  const Decompressed result = encoded_decompress_into(block.header.encoding, block.data, area);
+  const Decompressed result = decompressor_.decompress(block.header.encoding, block.data, area);
   if (!result.ok) return false;
   // Behind a stream that ends early the page reads as zero. Those zeros are not filled in: the page is saved
   // padded to its block, and a size that is only claimed is not touched. A page of nothing but zeros, though,

@@ -7,6 +7,7 @@
 #include <span>
 #include <string>
 
+#include "qvx/data/encoded_payload.h"
 #include "qvx/data/file_header.h"
 #include "qvx/data/page.h"
 #include "qvx/data/page_block.h"
@@ -43,6 +44,7 @@ class BinOutput {
 
   ClientIdPtr identity_;
   DataWriterPtr writer_;
+  Decompressor decompressor_;
   PagePtr page_;  // kept while the next page has the same size
   qvx_schema_id counters_schema_id_;
   std::optional<SchemasFollower> schemas_;

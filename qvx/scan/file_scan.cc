@@ -76,7 +76,7 @@ bool FileScan::next_unit(ScanVisitor& visitor) {
   const std::uint64_t start = input_.position();
   const std::size_t size = input_.read({unit_.get(), header_.block_size});
   if (size < kMagicSize) return end_of_file(visitor, size);
-  walk_.emplace(types_, Bytes(unit_.get(), size), start);
+  walk_.emplace(types_, decompressor_, Bytes(unit_.get(), size), start);
   return true;
 }
 

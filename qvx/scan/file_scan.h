@@ -17,6 +17,7 @@
 #include <optional>
 #include <string>
 
+#include "qvx/data/encoded_payload.h"
 #include "qvx/data/file_header.h"
 #include "qvx/scan/chain_walk.h"
 #include "qvx/scan/data_input.h"
@@ -70,6 +71,7 @@ class FileScan {
   TypesInForce types_;
   bool failed_ = false;
 
+  Decompressor decompressor_;
   std::unique_ptr<std::byte, FreeBytes> unit_;
   std::optional<UnitWalk> walk_;  // over the unit at hand
 };

@@ -8,8 +8,9 @@
 
 namespace qvx {
 
-UnitWalk::UnitWalk(TypesInForce& types, Bytes unit, std::uint64_t start)
+UnitWalk::UnitWalk(TypesInForce& types, Decompressor& decompressor, Bytes unit, std::uint64_t start)
     : types_(types),
+      decompressor_(decompressor),
       start_(start),
       unit_(unit),
       in_pages_(block_type_of(unit) == QVX_PAGE_BLOCK),
@@ -48,7 +49,7 @@ WalkStep UnitWalk::next_page(ScanVisitor& visitor) {
   }
   page_ = PageBuffer();  // before the next one is allocated
   std::uint64_t size = 0;
-  page_ = qvxp_uncompress_alloc(block, &size);
+  page_ = qvxp_uncompress_alloc(block, &size, decompressor_);
   if (page_) {
     chain_.emplace(types_, page_.bytes(), Place{place.offset, true, 0});
   } else {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "qvx/data/encoded_payload.h"
 #include "qvx/data/page_buffer.h"
 #include "qvx/scan/chain_walk.h"
 #include "qvx/scan/visitor.h"
@@ -16,8 +17,8 @@ namespace qvx {
 // walk when it comes to the next one or to the end.
 class UnitWalk {
  public:
-  // `start` is the unit's offset in the file. The unit and the types outlive the walk.
-  UnitWalk(TypesInForce& types, Bytes unit, std::uint64_t start);
+  // `start` is the unit's offset in the file. All that is given outlives the walk.
+  UnitWalk(TypesInForce& types, Decompressor& decompressor, Bytes unit, std::uint64_t start);
 
   // The bytes of a block that is handed over stay as they are until the next call, and are there for as long
   // as this walk. Throws what the visitor throws, and std::bad_alloc.
@@ -27,6 +28,7 @@ class UnitWalk {
   WalkStep next_page(ScanVisitor& visitor);
 
   TypesInForce& types_;
+  Decompressor& decompressor_;
   std::uint64_t start_;
   Bytes unit_;
   bool in_pages_;

@@ -253,7 +253,7 @@ TEST(Gzip, WritingAheadDoesNotShow) {
 TEST(Gzip, TellsHowMuchItProduced) {
   std::array<std::byte, 64> out;
   const auto produced = [&](const std::string& stream) {
-    const Decompressed result = encoded_decompress_into('G', as_bytes(stream), out);
+    const Decompressed result = Decompressor().decompress('G', as_bytes(stream), out);
     return result.ok ? result.produced : 999;
   };
   EXPECT_EQ(produced(kStored), 5u);
@@ -269,7 +269,7 @@ TEST(Gzip, CountsRightInMoreThanFourGigabytesOfRoom) {
   if (room == MAP_FAILED) GTEST_SKIP() << "no address space";
   const std::span<std::byte> to(static_cast<std::byte*>(room), kRoom);
   const std::string stream = gzip("hello", 6, Z_DEFAULT_STRATEGY, {.header_checksum = true});
-  const Decompressed result = encoded_decompress_into('G', as_bytes(stream), to);
+  const Decompressed result = Decompressor().decompress('G', as_bytes(stream), to);
   EXPECT_TRUE(result.ok);
   EXPECT_EQ(result.produced, 5u);
   EXPECT_EQ(as_text(to.first(6)), std::string_view("hello\0", 6));

@@ -173,7 +173,8 @@ void expect_uncompressed(const std::string& unit, std::size_t size, bool ok, con
   PageBuffer to = PageBuffer::allocate(size);
   ASSERT_TRUE(to);
   LogCapture log;
-  EXPECT_EQ(qvxp_uncompress(block, to), ok);
+  Decompressor decompressor;
+  EXPECT_EQ(qvxp_uncompress(block, to, decompressor), ok);
   EXPECT_EQ(log.messages(), messages);
 }
 

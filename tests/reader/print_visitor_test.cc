@@ -32,7 +32,8 @@ class PrintVisitorTest : public testing::Test {
     });
   }
   bool pages(const std::string& bytes) {
-    return print(bytes, [](TypesInForce& types, Bytes data) { return UnitWalk(types, data, 0); });
+    return print(bytes,
+                 [this](TypesInForce& types, Bytes data) { return UnitWalk(types, decompressor_, data, 0); });
   }
 
   template <typename MakeWalk>
@@ -64,6 +65,7 @@ class PrintVisitorTest : public testing::Test {
 
   const ReaderFiles files_;
   ReaderOptions options_ = files_.options();
+  Decompressor decompressor_;
   LogCapture log_;
   std::string out_;
   std::string err_;
