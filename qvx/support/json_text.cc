@@ -6,6 +6,7 @@
 #include <exception>
 
 #include "qvx/support/bytes.h"
+#include "qvx/support/md5.h"
 #include "qvx/support/number.h"
 
 namespace qvx::json {
@@ -67,7 +68,11 @@ char* write_escape(char* out, unsigned char byte) {
 
 class Writer {
  public:
-  explicit Writer(Style style) : pretty_(style == Style::pretty) {}
+  using Take = std::function<void(std::string_view)>;
+
+  Writer(Style style, const Take& take) : pretty_(style == Style::pretty), take_(take) {}
+
+  void finish() { hand_out(); }
 
   // One frame a level of the value.
   void write(const Value& value, std::size_t level) {
@@ -111,9 +116,14 @@ class Writer {
     }
   }
 
-  std::string take() { return std::move(text_); }
-
  private:
+  static constexpr std::size_t kPiece = std::size_t{4} * 1024;
+
+  void hand_out() {
+    take_(text_);
+    text_.clear();
+  }
+
   void write_number(double number) {
     char digits[kNumberRoom];
     text_.append(digits, write_json_number(digits, number));
@@ -126,13 +136,14 @@ class Writer {
   }
 
   void break_line(std::size_t level) {
+    if (text_.size() >= kPiece) hand_out();
     if (!pretty_) return;
     text_ += '\n';
-    for (std::size_t i = 0; i < level; ++i)
-      text_ += kIndentation;
+    text_.append(level * kIndentation.size(), kIndentation[0]);
   }
 
   bool pretty_;
+  const Take& take_;
   std::string text_;
 };
 
@@ -155,13 +166,27 @@ std::size_t character_size(const unsigned char* at, std::size_t left) {
 }  // namespace
 
 std::optional<std::string> to_text(const Value& value, Style style) noexcept {
+  std::string text;
+  if (!write_text(value, style, [&text](std::string_view piece) { text += piece; })) return std::nullopt;
+  return text;
+}
+
+bool write_text(const Value& value, Style style, const std::function<void(std::string_view)>& take) noexcept {
   try {
-    Writer writer(style);
+    Writer writer(style, take);
     writer.write(value, 0);
-    return writer.take();
+    writer.finish();
+    return true;
   } catch (const std::exception&) {
-    return std::nullopt;
+    return false;
   }
+}
+
+std::optional<std::array<std::byte, 16>> pretty_text_md5(const Value& value) noexcept {
+  Md5 md5;
+  if (!write_text(value, Style::pretty, [&md5](std::string_view piece) { md5.add(piece); }))
+    return std::nullopt;
+  return md5.digest();
 }
 
 char* write_escaped(char* out, std::string_view text) {

@@ -2,7 +2,9 @@
 // byte. The document model and the record writers share the pieces below.
 #pragma once
 
+#include <array>
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,6 +22,14 @@ inline constexpr std::string_view kIndentation = "    ";
 
 // The text of the value. Nothing when memory is short.
 [[nodiscard]] std::optional<std::string> to_text(const Value& value, Style style) noexcept;
+
+// Hands the text out in order, in pieces that are small beside the whole: a deep document of 100 KB has a
+// pretty text of 400 MB. False when memory is short or `take` threw.
+[[nodiscard]] bool write_text(const Value& value, Style style,
+                              const std::function<void(std::string_view)>& take) noexcept;
+
+// The MD5 digest of the pretty text. Nothing when memory is short.
+[[nodiscard]] std::optional<std::array<std::byte, 16>> pretty_text_md5(const Value& value) noexcept;
 
 // Room that write_escaped asks for: the longest escape has six bytes, and it stores whole words.
 constexpr std::size_t escaped_room(std::size_t size) {

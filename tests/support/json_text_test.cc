@@ -2,16 +2,23 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
+#include <cstddef>
 #include <cstdio>
 #include <limits>
+#include <new>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "qvx/support/bytes.h"
+#include "qvx/support/json_parse.h"
 #include "tests/support/failing_allocations.h"
 #include "tests/support/guarded_buffer.h"
+#include "tests/support/memory_limit.h"
 
 namespace qvx::json {
 namespace {
@@ -216,6 +223,56 @@ TEST(JsonUtf8, EverythingElseIsNot) {
        }) {
     EXPECT_FALSE(is_valid_utf8(text)) << text;
   }
+}
+
+// 24,000 empty arrays inside 2,000 others: 76 KB that have a pretty text of 208 MB.
+std::string hexadecimal(const std::array<std::byte, 16>& digest) {
+  std::string text;
+  for (const std::byte byte : digest) {
+    text += "0123456789abcdef"[std::to_integer<std::size_t>(byte) >> 4];
+    text += "0123456789abcdef"[std::to_integer<std::size_t>(byte) & 15];
+  }
+  return text;
+}
+
+std::optional<Value> deep_document() {
+  std::string text(2000, '[');
+  for (int i = 0; i < 24000; ++i)
+    text += i > 0 ? ",[]" : "[]";
+  return parse(text.append(2000, ']'));
+}
+
+TEST(JsonText, LongTextIsHandedOutInPieces) {
+  const std::optional<Value> value = deep_document();
+  ASSERT_TRUE(value);
+  std::size_t size = 0;
+  std::size_t largest = 0;
+  EXPECT_TRUE(write_text(*value, Style::pretty, [&](std::string_view piece) {
+    size += piece.size();
+    largest = std::max(largest, piece.size());
+  }));
+  EXPECT_EQ(size, 208095998U);
+  EXPECT_LT(largest, 20000U);
+}
+
+TEST(JsonText, DigestOfALongTextNeedsLittleMemory) {
+  if (!test::MemoryLimit::kSupported) GTEST_SKIP();
+  const std::optional<Value> value = deep_document();
+  ASSERT_TRUE(value);
+  const test::MemoryLimit limit;
+  EXPECT_FALSE(to_text(*value, Style::pretty));
+  const auto digest = pretty_text_md5(*value);
+  ASSERT_TRUE(digest);
+  EXPECT_EQ(hexadecimal(*digest), "4004d5f453baee58cb90ddc6c7c3e005");
+}
+
+TEST(JsonText, PiecesEndAtATakerThatThrows) {
+  int taken = 0;
+  EXPECT_FALSE(write_text(Value::boolean(true), Style::compact, [&](std::string_view) {
+    ++taken;
+    throw std::bad_alloc();
+  }));
+  EXPECT_EQ(taken, 1);
 }
 
 }  // namespace

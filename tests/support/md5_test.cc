@@ -27,5 +27,14 @@ TEST(Md5, CountsZeroBytes) {
   EXPECT_EQ(hex(std::string_view("\0", 1)), "93b885adfe0da089cdf634904fd59f71");
 }
 
+TEST(Md5, PiecesHaveTheDigestOfTheWhole) {
+  Md5 pieces;
+  pieces.add("abc");
+  pieces.add("");
+  pieces.add("defghijklmnopqrstuvwxyz");
+  EXPECT_EQ(pieces.digest(), md5("abcdefghijklmnopqrstuvwxyz"));
+  EXPECT_EQ(Md5().digest(), md5(""));
+}
+
 }  // namespace
 }  // namespace qvx
