@@ -7,11 +7,13 @@ namespace {
 
 thread_local bool limited = false;
 thread_local bool refused = false;
+thread_local bool once = false;
 thread_local std::size_t left = 0;
 
 void* allocate(std::size_t size) {
   if (limited && left == 0) {
     refused = true;
+    limited = !once;
     throw std::bad_alloc();
   }
   if (limited) --left;
@@ -59,7 +61,8 @@ void operator delete[](void* block, const std::nothrow_t&) noexcept {
 
 namespace qvx::test {
 
-FailingAllocations::FailingAllocations(std::size_t successes) {
+FailingAllocations::FailingAllocations(std::size_t successes, Failing failing) {
+  once = failing == Failing::once;
   limited = true;
   refused = false;
   left = successes;

@@ -5,11 +5,13 @@
 
 namespace qvx::test {
 
-// While one exists, the first `successes` allocations of this thread succeed and the others throw
-// std::bad_alloc.
+// While one exists, the first `successes` allocations of this thread succeed; the one behind them, and unless
+// only that is to fail all others, throw std::bad_alloc.
 class FailingAllocations {
  public:
-  explicit FailingAllocations(std::size_t successes);
+  enum class Failing { lasting, once };
+
+  explicit FailingAllocations(std::size_t successes, Failing failing = Failing::lasting);
   ~FailingAllocations();
   FailingAllocations(const FailingAllocations&) = delete;
   FailingAllocations& operator=(const FailingAllocations&) = delete;
