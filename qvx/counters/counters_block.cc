@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <unordered_map>
-#include <utility>
+#include <exception>
+#include <map>
+#include <vector>
 
 #include "qvx/data/block.h"
 #include "qvx/plan/json_spelling.h"
@@ -28,6 +29,7 @@ bool is_work_bounded(const qvx_counters_schema& schema) {
     if (values > kMaxCounterValues) return false;
     if (sets < 2) continue;
     for (const auto& counter : group->counters) {
+      if (counter == nullptr) continue;
       repeated_text += sets * name_of(*counter).size();
       if (counter->data_type == QVX_COUNTER_STRING) repeated_text += sets * counter->length;
     }
@@ -90,39 +92,62 @@ class CountersCompiler {
     return counter.data_type == QVX_COUNTER_FP64 || counter.data_type == QVX_COUNTER_STRING;
   }
 
+  // The counters of one name, in order. The last one with a value is shown, at the place of the first one
+  // with a value: both are known only when a block is written, unless there is one counter of that name.
+  struct Namesakes {
+    std::vector<const qvx_counter_info*> counters;
+    std::size_t next = 0;  // counters before this one have been compiled
+    std::uint32_t candidates = 0;
+    bool has_place = false;  // a value that is never left out stands before the next counter
+  };
+
   void counter_set(const qvx_counter_group& group, std::size_t depth) {
-    // A name that repeats keeps its first place and takes its last value.
-    std::unordered_map<std::string_view, const qvx_counter_info*> shown;
-    std::vector<std::string_view> order;
+    std::map<std::string_view, Namesakes> by_name;
+    std::vector<const qvx_counter_info*> counters;
     for (const auto& counter : group.counters) {
-      const auto [place, is_new] = shown.try_emplace(name_of(*counter), counter.get());
-      if (is_new) {
-        order.push_back(place->first);
-      } else {
-        hidden_value(*std::exchange(place->second, counter.get()));
-      }
+      if (counter == nullptr) continue;
+      counters.push_back(counter.get());
+      by_name[name_of(*counter)].counters.push_back(counter.get());
     }
     builder_.text("{");
-    if (order.empty()) {
+    if (counters.empty()) {
       builder_.text("}");
       return;
     }
     // While nothing certain stands before a member, its separator depends on what was left out.
-    bool certain = !is_optional(*shown[order.front()]);
+    bool certain = !is_optional(*counters.front());
     if (!certain) builder_.structure(StepKind::object_open);
-    for (std::size_t index = 0; index < order.size(); ++index) {
-      const qvx_counter_info& counter = *shown[order[index]];
-      builder_.text(spelling_.item(index == 0 && certain, depth), spelling_.key(order[index]));
-      if (is_optional(counter)) {
-        optional_value(counter);
-        continue;
+    for (const qvx_counter_info* const counter : counters) {
+      Namesakes& namesakes = by_name[name_of(*counter)];
+      const std::size_t place = namesakes.next++;
+      if (namesakes.has_place) continue;
+      builder_.text(spelling_.item(counter == counters.front() && certain, depth),
+                    spelling_.key(name_of(*counter)));
+      if (namesakes.counters.size() > 1) {
+        if (place == 0) namesakes.candidates = candidates(namesakes);
+        builder_.choice(namesakes.candidates, static_cast<std::uint32_t>(namesakes.counters.size()),
+                        static_cast<std::uint32_t>(place));
+      } else if (is_optional(*counter)) {
+        optional_value(*counter);
+      } else {
+        if (!certain) builder_.structure(StepKind::member);
+        builder_.value(value_kind(*counter), offset_in_block(*counter), kCounterSlotSize);
       }
-      if (!certain) builder_.structure(StepKind::member);
-      certain = true;
-      builder_.value(counter_kind(counter), offset_in_block(counter), kCounterSlotSize);
+      namesakes.has_place = !is_optional(*counter);
+      certain = certain || namesakes.has_place;
     }
     builder_.text(spelling_.line(depth - 1), "}");
     if (!certain) builder_.structure(StepKind::object_close);
+  }
+
+  std::uint32_t candidates(const Namesakes& namesakes) {
+    const std::uint32_t first = builder_.next_candidate();
+    for (const qvx_counter_info* const counter : namesakes.counters) {
+      const bool is_text = counter->data_type == QVX_COUNTER_STRING;
+      builder_.candidate(value_kind(*counter), offset_in_block(*counter),
+                         is_text ? counter->length : kCounterSlotSize);
+    }
+    return first;
   }
 
   void optional_value(const qvx_counter_info& counter) {
@@ -133,20 +158,22 @@ class CountersCompiler {
     }
   }
 
-  // Must lie in the block like any other, but is not seen.
-  void hidden_value(const qvx_counter_info& counter) {
-    const std::uint32_t size = counter.data_type == QVX_COUNTER_STRING ? counter.length : kCounterSlotSize;
-    builder_.array(StepKind::literal, offset_in_block(counter), 1, 0, size, "");
-  }
-
   static std::uint64_t offset_in_block(const qvx_counter_info& counter) {
     return std::uint64_t{kCountersHeaderSize} + counter.offset;
   }
 
-  static StepKind counter_kind(const qvx_counter_info& counter) {
-    const bool is_unsigned =
-        counter.data_type == QVX_COUNTER_UINT64 || counter.data_type == QVX_COUNTER_BIT64;
-    return is_unsigned ? StepKind::json_u64 : StepKind::json_i64;
+  static StepKind value_kind(const qvx_counter_info& counter) {
+    switch (counter.data_type) {
+      case QVX_COUNTER_FP64:
+        return StepKind::optional_f64;
+      case QVX_COUNTER_STRING:
+        return StepKind::optional_text;
+      case QVX_COUNTER_UINT64:
+      case QVX_COUNTER_BIT64:
+        return StepKind::json_u64;
+      default:
+        return StepKind::json_i64;
+    }
   }
 
   PlanBuilder& builder_;
@@ -168,9 +195,14 @@ std::optional<RecordPlan> compile_counters_plan(const qvx_counters_schema& schem
 }  // namespace qvx
 
 std::optional<std::string> qvx_counters_block_to_json(qvx::Bytes block, const qvx_counters_schema* schema,
-                                                      qvx::json::Style style) {
-  const std::optional<qvx::RecordPlan> plan = qvx::compile_counters_plan(*schema, style, "");
-  if (!plan) return std::nullopt;
-  qvx::LocalTimeText clock;
-  return plan->text(block, &clock);
+                                                      qvx::json::Style style) noexcept {
+  if (schema == nullptr) return std::nullopt;
+  try {
+    const std::optional<qvx::RecordPlan> plan = qvx::compile_counters_plan(*schema, style, "");
+    if (!plan) return std::nullopt;
+    qvx::LocalTimeText clock;
+    return plan->text(block, &clock);
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
 }

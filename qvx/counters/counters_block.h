@@ -17,9 +17,9 @@ namespace qvx {
 
 // The plan that writes counters blocks of the schema as JSON, each followed by `after`. All counter sets
 // of a group are read from the same offsets, deliberately, so they show the same values. Counters without
-// a JSON value are left out. Of counters of one name in a group the last is shown, at the place of the
-// first. Nothing when a block would have more than kMaxCounterValues values, or when names and texts of
-// counters, shown again in each set, would add up to more than 256 MiB.
+// a JSON value are left out. Of counters of one name in a group the last that has a value is shown, at the
+// place of the first that has one. Nothing when a block would have more than kMaxCounterValues values, or
+// when names and texts of counters, shown again in each set, would add up to more than 256 MiB.
 [[nodiscard]] std::optional<RecordPlan> compile_counters_plan(const qvx_counters_schema& schema,
                                                               json::Style style, std::string_view after);
 
@@ -29,4 +29,4 @@ namespace qvx {
 // blocks keep a plan.
 [[nodiscard]] std::optional<std::string> qvx_counters_block_to_json(qvx::Bytes block,
                                                                     const qvx_counters_schema* schema,
-                                                                    qvx::json::Style style);
+                                                                    qvx::json::Style style) noexcept;

@@ -36,6 +36,7 @@ std::uint64_t value_room(StepKind kind, std::uint64_t count) {
       return kMaxEscape * count + 2 + kEscapeSlack;
     case StepKind::local_time:
       return LocalTimeText::kRoom + 2;
+    case StepKind::choice:  // the value itself is asked for when it is known
     default:
       return kNumberRoom;
   }
@@ -66,8 +67,9 @@ struct Piecewise {
 template <typename Room>
 class Writer {
  public:
-  Writer(const std::vector<Step>& steps, const char* literals, Room room, LocalTimeText* clock)
-      : steps_(steps), literals_(literals), room_(room), clock_(clock) {}
+  Writer(const std::vector<Step>& steps, const Step* candidates, const char* literals, Room room,
+         LocalTimeText* clock)
+      : steps_(steps), candidates_(candidates), literals_(literals), room_(room), clock_(clock) {}
 
   // Writes the steps [step, end); null when a value has no text.
   char* run(const Step* step, const Step* end, const std::byte* base, char* out) {
@@ -109,12 +111,17 @@ class Writer {
         case StepKind::member:
         case StepKind::optional_f64:
         case StepKind::optional_text:
+        case StepKind::choice:
           if (object_is_empty) {
             ++literal;
             --literal_size;
           }
           out = copy_literal(out, literal, literal_size);
-          if (step->kind != StepKind::member) out = write_optional(*step, from, out);
+          if (step->kind == StepKind::choice) {
+            out = write_choice(*step, base, out);
+          } else if (step->kind != StepKind::member) {
+            out = write_optional(*step, from, out);
+          }
           if (out != nullptr) {
             object_is_empty = false;
           } else {
@@ -170,12 +177,39 @@ class Writer {
     return out;
   }
 
+  // Null when the value stands elsewhere or there is none. An earlier value is looked for backwards, so that
+  // all choices among n candidates together look at each of them a few times only.
+  char* write_choice(const Step& step, const std::byte* base, char* out) {
+    const Step* const first = candidates_ + step.end;
+    const Step* const own = first + step.count;
+    if (!has_optional_text(*own, base)) return nullptr;
+    for (const Step* earlier = own; earlier != first;)
+      if (has_optional_text(*--earlier, base)) return nullptr;
+    const Step* last = first + step.stride - 1;
+    while (!has_optional_text(*last, base))
+      --last;
+    const std::byte* const from = base + last->offset;
+    const bool is_optional = last->kind == StepKind::optional_f64 || last->kind == StepKind::optional_text;
+    if constexpr (!std::is_same_v<Room, InPlace>)
+      out = room_.ensure(out, value_room(last->kind, last->count));
+    return is_optional ? write_optional(*last, from, out) : write_plan_value(last->kind, from, 1, out);
+  }
+
+  static bool has_optional_text(const Step& step, const std::byte* base) {
+    if (step.kind == StepKind::optional_f64) return std::isfinite(load_le<double>(base + step.offset));
+    return step.kind != StepKind::optional_text || json::is_valid_utf8(text_of(step, base + step.offset));
+  }
+
+  static std::string_view text_of(const Step& step, const std::byte* from) {
+    const std::string_view text(reinterpret_cast<const char*>(from), step.count);
+    return text.substr(0, text.find('\0'));
+  }
+
   // Null when the value has no text: the member is then left out.
   static char* write_optional(const Step& step, const std::byte* from, char* out) {
     if (step.kind == StepKind::optional_f64) return write_plan_value(StepKind::json_f64, from, 1, out);
     qvx_log_hex_dump_if_enabled(from, step.count);
-    std::string_view text(reinterpret_cast<const char*>(from), step.count);
-    text = text.substr(0, text.find('\0'));
+    const std::string_view text = text_of(step, from);
     if (!json::is_valid_utf8(text)) return nullptr;
     *out++ = '"';
     out = json::write_escaped(out, text);
@@ -188,6 +222,7 @@ class Writer {
   }
 
   const std::vector<Step>& steps_;
+  const Step* candidates_;
   const char* literals_;
   [[no_unique_address]] Room room_;
   LocalTimeText* clock_;
@@ -222,7 +257,7 @@ bool RecordPlan::write(Bytes at_hand, std::string_view before, OutputSink& sink,
   if (max_text_ <= kInPlaceText) [[likely]] {
     char* out = sink.reserve(max_text_ + before.size());
     out = std::copy(before.begin(), before.end(), out);
-    Writer<InPlace> writer(steps_, literals_.data(), {}, clock);
+    Writer<InPlace> writer(steps_, candidates_.data(), literals_.data(), {}, clock);
     out = writer.run(first, end, at_hand.data(), out);
     if (out == nullptr) return false;
     sink.commit(out);
@@ -231,7 +266,7 @@ bool RecordPlan::write(Bytes at_hand, std::string_view before, OutputSink& sink,
   // Too large to be taken back once parts of it are written out, so the values are looked at first.
   if (!values_have_text(steps_, first, end, at_hand.data())) return false;
   sink.write(before);
-  Writer<Piecewise> writer(steps_, literals_.data(), {sink}, clock);
+  Writer<Piecewise> writer(steps_, candidates_.data(), literals_.data(), {sink}, clock);
   sink.commit(writer.run(first, end, at_hand.data(), sink.reserve(0)));
   return true;
 }
@@ -332,6 +367,29 @@ void PlanBuilder::close_loop() {
       extent_.text, saturating_multiply(saturating_add(body.text, step.separator_size), step.count));
 }
 
+void PlanBuilder::candidate(StepKind kind, std::uint64_t offset, std::uint32_t length) {
+  if (!visit()) return;
+  Step& step = plan_.candidates_.emplace_back();
+  step.kind = kind;
+  step.offset = static_cast<std::uint32_t>(length > 0 ? offset : 0);
+  step.count = length;
+  touch(offset, length);
+}
+
+void PlanBuilder::choice(std::uint32_t candidates, std::uint32_t count, std::uint32_t place) {
+  if (!visit()) return;
+  std::uint64_t room = 0;
+  // Only one of the choices among the same candidates is written, so one has room for all their texts.
+  for (std::uint32_t k = 0; place == 0 && k < count; ++k) {
+    const Step& candidate = plan_.candidates_[candidates + k];
+    room = saturating_add(room, value_room(candidate.kind, candidate.count));
+  }
+  Step& step = add(StepKind::choice, 0, room);
+  step.end = candidates;
+  step.stride = count;
+  step.count = place;
+}
+
 void PlanBuilder::structure(StepKind kind) {
   if (failed_) return;
   if (kind == StepKind::literal && pending_.empty()) return;
@@ -346,6 +404,7 @@ std::optional<RecordPlan> PlanBuilder::finish() {
   plan_.literals_.append(kLiteralPiece, '\0');
   plan_.literals_.shrink_to_fit();
   plan_.steps_.shrink_to_fit();
+  plan_.candidates_.shrink_to_fit();
   return std::move(plan_);
 }
 

@@ -62,7 +62,8 @@ enum class StepKind : std::uint8_t {
   member,         // the literal only; the value is the next step
   optional_f64,   // left out when it is no JSON number
   optional_text,  // up to `count` bytes and to the first NUL; left out when it is not UTF-8
-  local_time,     // a timestamp in microseconds as quoted local time; left out when it cannot be converted
+  choice,      // the last of several values that has a text, unless an earlier choice among them was written
+  local_time,  // a timestamp in microseconds as quoted local time; left out when it cannot be converted
 };
 
 struct Step {
@@ -75,7 +76,7 @@ struct Step {
   std::uint32_t stride = 0;  // bytes from one element or round to the next
   std::uint32_t separator = 0;
   std::uint32_t separator_size = 0;
-  std::uint32_t end = 0;  // of a loop: the step behind its last
+  std::uint32_t end = 0;  // of a loop: the step behind its last; of a choice: its first candidate
 };
 
 class RecordPlan {
@@ -100,6 +101,7 @@ class RecordPlan {
   friend class PlanBuilder;
 
   std::vector<Step> steps_;
+  std::vector<Step> candidates_;  // of choices, without literals
   std::string
       literals_;  // with readable bytes behind the last one, so that literals are copied in whole words
   std::uint64_t bytes_needed_ = 0;
@@ -135,6 +137,13 @@ class PlanBuilder {
   // The steps added until close_loop() are one round; their offsets count from `offset` + round × `stride`.
   void open_loop(std::uint64_t offset, std::uint32_t count, std::uint64_t stride, std::string_view separator);
   void close_loop();
+
+  // Values of which at most one is written, the last that has a text. They are added first, one behind the
+  // other; then a choice is made at each place where the value may stand: at place k it is written when
+  // candidate k has a text and none before it has. `candidates` and `count` say which they are.
+  std::uint32_t next_candidate() const { return static_cast<std::uint32_t>(plan_.candidates_.size()); }
+  void candidate(StepKind kind, std::uint64_t offset, std::uint32_t length);
+  void choice(std::uint32_t candidates, std::uint32_t count, std::uint32_t place);
 
   // Ends the pending text in a step of its own.
   void structure(StepKind kind);

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tests/support/allocation_sweep.h"
 #include "tests/support/counters_builder.h"
 #include "tests/support/env_guard.h"
 #include "tests/support/guarded_buffer.h"
@@ -186,6 +187,69 @@ TEST_F(CountersBlockTest, RepeatedNameStandsAtItsFirstPlaceWithItsLastValue) {
   EXPECT_EQ(set_of({{"a", QVX_COUNTER_INT64}, {"b", QVX_COUNTER_INT64}, {"a", QVX_COUNTER_FP64}},
                    block().add(std::int64_t{1}).add(std::int64_t{2}).add(3.5)),
             R"({"a":3.5,"b":2})");
+}
+
+TEST_F(CountersBlockTest, OfOneNameTheLastCounterWithAValueStays) {
+  const CounterSpec x{"a", QVX_COUNTER_FP64};
+  const CounterSpec i{"a", QVX_COUNTER_INT64};
+  const CounterSpec s{"a", QVX_COUNTER_STRING, 2};
+  const CounterSpec b{"b", QVX_COUNTER_FP64};
+  EXPECT_EQ(set_of({x, x}, block().add(1.5).add(kNan)), R"({"a":1.5})");
+  EXPECT_EQ(set_of({x, x}, block().add(kNan).add(2.5)), R"({"a":2.5})");
+  EXPECT_EQ(set_of({x, x}, block().add(kNan).add(kNan)), "{}");
+  EXPECT_EQ(set_of({i, x}, block().add(std::int64_t{1}).add(kNan)), R"({"a":1})");
+  EXPECT_EQ(set_of({x, i}, block().add(kNan).add(std::int64_t{1})), R"({"a":1})");
+  EXPECT_EQ(set_of({i, s}, block().add(std::int64_t{1}).add_text("\xFF", 2)), R"({"a":1})");
+  EXPECT_EQ(set_of({i, s}, block().add(std::int64_t{1}).add_text("on", 2)), R"({"a":"on"})");
+  EXPECT_EQ(set_of({x, i, x}, block().add(1.5).add(std::int64_t{1}).add(kNan)), R"({"a":1})");
+  // The member stands where its first value stood.
+  EXPECT_EQ(set_of({x, b, x}, block().add(1.5).add(2.0).add(3.5)), R"({"a":3.5,"b":2})");
+  EXPECT_EQ(set_of({x, b, x}, block().add(kNan).add(2.0).add(3.5)), R"({"b":2,"a":3.5})");
+  EXPECT_EQ(set_of({x, b, i}, block().add(kNan).add(2.0).add(std::int64_t{3})), R"({"b":2,"a":3})");
+  EXPECT_EQ(set_of({x, b, x, b}, block().add(kNan).add(kNan).add(3.5).add(4.5)), R"({"a":3.5,"b":4.5})");
+}
+
+TEST_F(CountersBlockTest, ManyCountersOfOneNameTakeLinearTime) {
+  qvx_counter_group* const group = make_group(0, 1, {});
+  RecordBytes bytes = block();
+  for (int i = 0; i < 20000; ++i) {
+    group->counters.push_back(test::make_counter("a", QVX_COUNTER_FP64));
+    bytes.add(i % 2 == 0 && i < 10000 ? kNan : 1.0);
+  }
+  const CountersSchemaPtr schema = make_schema({group});
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(compact(*schema, bytes));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+}
+
+TEST_F(CountersBlockTest, TextOfLengthZeroIsEmptyWhereverItLies) {
+  const CountersSchemaPtr schema = make_schema({make_group(0, 1, {{"a", QVX_COUNTER_STRING, 0}})});
+  schema->groups[0]->counters[0]->offset = 0xFFFFFFFF;
+  EXPECT_EQ(compact(*schema, block()),
+            R"({"timestamp":1700000000123456,"@timestamp":"2023-11-14 22:13:20.123","groups":[)"
+            R"({"granularity":"NODE","name":"unset","counter_sets":[{"a":""}]}]})");
+}
+
+TEST_F(CountersBlockTest, AbsentCountersAreLeftOutAndAnAbsentSchemaHasNoText) {
+  const CountersSchemaPtr schema = make_schema({make_group(0, 1, {{"a", QVX_COUNTER_INT64}})});
+  schema->groups[0]->counters.emplace_back();
+  EXPECT_EQ(compact(*schema, block().add(std::int64_t{5})),
+            R"({"timestamp":1700000000123456,"@timestamp":"2023-11-14 22:13:20.123","groups":[)"
+            R"({"granularity":"NODE","name":"unset","counter_sets":[{"a":5}]}]})");
+  EXPECT_EQ(qvx_counters_block_to_json(block().bytes(), nullptr, json::Style::compact), std::nullopt);
+  const LogCapture ignored;
+  schema->groups[0]->counters.clear();
+}
+
+TEST_F(CountersBlockTest, NothingIsMissingWhenMemoryIsShort) {
+  const CountersSchemaPtr schema = make_schema({make_group(
+      0, 1, {{"a", QVX_COUNTER_FP64}, {"a", QVX_COUNTER_INT64}, {"s", QVX_COUNTER_STRING, 3000}})});
+  const RecordBytes bytes = block().add(1.5).add(std::int64_t{2}).add_text(std::string(3000, 's'), 3000);
+  const Text whole = qvx_counters_block_to_json(bytes.bytes(), schema.get(), json::Style::pretty);
+  ASSERT_TRUE(whole);
+  test::sweep_allocations(
+      [&] { return qvx_counters_block_to_json(bytes.bytes(), schema.get(), json::Style::pretty); },
+      [&](const Text& text) { return text == whole; });
 }
 
 TEST_F(CountersBlockTest, NamesAreEscapedAndGroupNamesThatAreNoUtf8LeftOut) {

@@ -276,7 +276,7 @@ CounterText counter_value(const qvx_counter_info& counter, Record& block, json::
       break;
     }
     case QVX_COUNTER_STRING: {
-      const std::byte* const from = block.at(offset, counter.length);
+      const std::byte* const from = block.at(counter.length > 0 ? offset : 0, counter.length);
       if (from == nullptr) return CounterText::outside;
       std::string text(reinterpret_cast<const char*>(from), counter.length);
       if (text.find('\0') != std::string::npos) text.resize(text.find('\0'));
@@ -295,22 +295,11 @@ CounterText counter_value(const qvx_counter_info& counter, Record& block, json::
   return CounterText::made;
 }
 
-// A name that repeats stands at its first place with its last value.
+// Set one by one: a name that repeats keeps its place, and a counter without a value changes nothing.
 std::optional<json::Value> counter_set(const qvx_counter_group& group, Record& block) {
   json::Object object;
-  for (std::size_t i = 0; i < group.counters.size(); ++i) {
-    const std::optional<std::string>& name = group.counters[i]->name;
-    json::Object ignored;
-    if (counter_value(*group.counters[i], block, ignored) == CounterText::outside) return std::nullopt;
-    bool is_first = true;
-    for (std::size_t j = 0; j < i; ++j)
-      is_first = is_first && group.counters[j]->name != name;
-    if (!is_first) continue;
-    std::size_t last = i;
-    for (std::size_t j = i; j < group.counters.size(); ++j)
-      if (group.counters[j]->name == name) last = j;
-    if (counter_value(*group.counters[last], block, object) == CounterText::outside) return std::nullopt;
-  }
+  for (const auto& counter : group.counters)
+    if (counter_value(*counter, block, object) == CounterText::outside) return std::nullopt;
   return json::Value(std::move(object));
 }
 
