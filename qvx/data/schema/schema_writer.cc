@@ -4,19 +4,22 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <optional>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include "qvx/data/schema/type_system.h"
 #include "qvx/support/env.h"
+#include "qvx/support/file_descriptor.h"
 #include "qvx/support/format.h"
 #include "qvx/support/json_parse.h"
 #include "qvx/support/json_text.h"
 #include "qvx/support/log.h"
-#include "qvx/support/md5.h"
+#include "qvx/support/output_sink.h"
 #include "qvx/support/version.h"
 
 namespace qvx {
@@ -44,19 +47,35 @@ void check_version(const json::Object* object) {
       version->c_str(), kMinTypeSystemVersionText));
 }
 
-// errno when not all of the text could be written and the file closed.
-int write_and_close(int file, std::string_view text) {
-  int error = 0;
-  while (!text.empty() && error == 0) {
-    const ssize_t written = ::write(file, text.data(), text.size());
-    if (written >= 0) {
-      text.remove_prefix(static_cast<std::size_t>(written));
-    } else if (errno != EINTR) {
-      error = errno;
-    }
+// A new file beside the one that is wanted, so that nobody sees a part of it under its name. An invalid one,
+// and errno, when none can be made.
+FileDescriptor create_beside(const std::string& path, std::string& temporary) {
+  constexpr int kTries = 100;
+  for (int number = 0; number < kTries; ++number) {
+    temporary = format_text("%s.%ld.%d.tmp", path.c_str(), static_cast<long>(::getpid()), number);
+    FileDescriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    if (file || errno != EEXIST) return file;
   }
-  if (::close(file) != 0 && error == 0) error = errno;
-  return error;
+  return FileDescriptor();
+}
+
+// errno when not all of the text could be written and the file closed.
+int write_text(FileDescriptor file, const json::Value& schema) {
+  constexpr std::size_t kBuffer = std::size_t{64} * 1024;
+  OutputSink sink(file.get(), kBuffer);
+  const bool whole =
+      json::write_text(schema, json::Style::pretty, [&sink](std::string_view piece) { sink.write(piece); });
+  const bool written = sink.flush();
+  const bool closed = file.close();
+  if (!written) return sink.error();
+  if (!closed) return errno;
+  return whole ? 0 : ENOMEM;
+}
+
+bool holds_another_schema(const std::string& path, const qvx_schema_id& id) {
+  const std::optional<json::Value> value = json::parse_file(path);
+  const auto digest = value ? json::pretty_text_md5(*value) : std::nullopt;
+  return !digest || *digest != id.bytes;
 }
 
 }  // namespace
@@ -96,32 +115,42 @@ void SchemaWriter::write_counters_schema(const json::Value& value) {
 }
 
 void SchemaWriter::write_each(const json::Array& schemas) {
-  for (const json::Value& schema : schemas)
-    write_schema(schema);
+  for (std::size_t index = 0; index < schemas.size(); ++index) {
+    if (schemas[index].as_object() != nullptr) {
+      write_schema(schemas[index]);
+    } else {
+      QVX_LOG(QVX_LOG_WARNING, "[schema writer] Element #%zu of \"schemas\" is no schema", index);
+    }
+  }
 }
 
 void SchemaWriter::write_schema(const json::Value& schema) {
   if (!enabled_) return;
-  const std::optional<std::string> text = json::to_text(schema, json::Style::pretty);
-  if (!text) throw std::runtime_error("[data] Failed to serialize JSON schema");
+  const auto digest = json::pretty_text_md5(schema);
+  if (!digest) throw std::runtime_error("[data] Failed to serialize JSON schema");
   std::error_code ignored;
   if (!std::filesystem::is_directory(directory_, ignored))
     throw std::runtime_error("Inaccessible data path " + directory_);
-  const std::optional<std::string> path = schema_file_path(directory_.c_str(), {md5(*text)});
+  const std::optional<std::string> path = schema_file_path(directory_.c_str(), {*digest});
   if (!path) throw std::bad_alloc();
-  const int file = ::open(path->c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-  if (file < 0 && errno == EEXIST) return;
-  if (file < 0) {
+  if (::access(path->c_str(), F_OK) == 0) {
+    if (holds_another_schema(*path, {*digest}))
+      QVX_LOG(QVX_LOG_WARNING, "[schema writer] Existing file '%s' does not hold its schema", path->c_str());
+    return;
+  }
+  std::string temporary;
+  FileDescriptor file = create_beside(*path, temporary);
+  if (!file) {
     QVX_LOG(QVX_LOG_WARNING, "[data] Failed to create schema file '%s': %s", path->c_str(),
             std::strerror(errno));
     enabled_ = false;
     return;
   }
-  const int error = write_and_close(file, *text);
+  int error = write_text(std::move(file), schema);
+  if (error == 0 && ::rename(temporary.c_str(), path->c_str()) != 0) error = errno;
   if (error == 0) return;
   QVX_LOG(QVX_LOG_WARNING, "[data] Failed writing schema file '%s': %s", path->c_str(), std::strerror(error));
-  // Part of a schema under the name of the whole would be kept for good.
-  ::unlink(path->c_str());
+  ::unlink(temporary.c_str());
 }
 
 }  // namespace qvx

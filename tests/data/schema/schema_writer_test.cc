@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
@@ -110,11 +111,37 @@ TEST_F(SchemaWriterTest, FileIsFoundByTheReaderOfSchemaFiles) {
             nullptr);
 }
 
-TEST_F(SchemaWriterTest, ExistingFileIsKept) {
+TEST_F(SchemaWriterTest, ExistingFileIsKeptAndReportedWhenItHoldsSomethingElse) {
   folder_.write_file(kSchemaFile, "older");
   writer_.onSchema(kSchema);
   EXPECT_EQ(test::read_file(folder_.path() / kSchemaFile), "older");
+  EXPECT_EQ(log_.texts(QVX_LOG_WARNING), Names{"[schema writer] Existing file '" + folder_.file(kSchemaFile) +
+                                               "' does not hold its schema"});
+  // The same schema in another spelling is no other schema.
+  folder_.write_file(kSchemaFile, kSchema);
+  log_.clear();
+  writer_.onSchema(kSchema);
+  EXPECT_EQ(test::read_file(folder_.path() / kSchemaFile), kSchema);
   EXPECT_TRUE(log_.texts(QVX_LOG_WARNING).empty());
+}
+
+TEST_F(SchemaWriterTest, NewFileIsNeverSeenInPart) {
+  // A left-over of a writer that died does not stop another, and is not taken for a schema.
+  const std::string left_over = std::string(kSchemaFile) + "." + std::to_string(getpid()) + ".0.tmp";
+  folder_.write_file(left_over, "half");
+  writer_.onSchema(kSchema);
+  EXPECT_EQ(files(), sorted({kSchemaFile, left_over}));
+  EXPECT_EQ(test::read_file(folder_.path() / kSchemaFile), kPrettySchema);
+  EXPECT_EQ(test::read_file(folder_.path() / left_over), "half");
+}
+
+TEST_F(SchemaWriterTest, ElementsThatAreNoObjectsAreLeftOutWithAMessage) {
+  writer_.onSchema(std::string(R"({"version":"1.5.0","schemas":[1,)") + kSchema + R"(,"x",null,[]]})");
+  EXPECT_EQ(files(), Names{kSchemaFile});
+  EXPECT_EQ(log_.texts(QVX_LOG_WARNING), (Names{"[schema writer] Element #0 of \"schemas\" is no schema",
+                                                "[schema writer] Element #2 of \"schemas\" is no schema",
+                                                "[schema writer] Element #3 of \"schemas\" is no schema",
+                                                "[schema writer] Element #4 of \"schemas\" is no schema"}));
 }
 
 TEST_F(SchemaWriterTest, SchemasOfATypeSystemAreWrittenOneByOne) {
