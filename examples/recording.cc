@@ -110,7 +110,7 @@ std::uint32_t Schemas::largest_block_size() const {
 }
 
 const qvx_schema_id& Schemas::schema_id(std::size_t index) {
-  qvx_type_system_fill_digests(types_.get());
+  if (!qvx_type_system_fill_digests(types_.get())) throw std::bad_alloc();
   return types_->schemas[index]->md5_digest;
 }
 

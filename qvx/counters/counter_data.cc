@@ -7,6 +7,7 @@
 #include "qvx/support/log.h"
 
 qvx_counter_info* qvx_counter_info_copy(const qvx_counter_info* info) noexcept {
+  if (info == nullptr) return nullptr;
   try {
     return new qvx_counter_info(*info);
   } catch (const std::bad_alloc&) {
@@ -24,9 +25,13 @@ void qvx_destroy_counter_info(qvx_counter_info* info) noexcept {
   delete info;
 }
 
-std::string qvx_counter_line(const qvx_counter_info* info) {
-  return qvx::format_text("| %-40s | %-60.60s |\n", info->name.value_or("").c_str(),
-                          info->description.value_or("").c_str());
+std::optional<std::string> qvx_counter_line(const qvx_counter_info* info) noexcept {
+  const auto text_of = [](const std::optional<std::string>& text) { return text ? text->c_str() : ""; };
+  try {
+    return qvx::format_text("| %-40s | %-60.60s |\n", text_of(info->name), text_of(info->description));
+  } catch (const std::bad_alloc&) {
+    return std::nullopt;
+  }
 }
 
 namespace qvx {

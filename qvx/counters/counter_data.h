@@ -32,14 +32,15 @@ struct qvx_counter_info {
   std::uint8_t mandatory = 0;  // 0 or 1
 };
 
-// A deep copy; null when memory is short.
+// A deep copy; null of nothing and when memory is short.
 [[nodiscard]] qvx_counter_info* qvx_counter_info_copy(const qvx_counter_info* info) noexcept;
 
 // Frees a counter; each text that is missing is reported at level 4.
 void qvx_destroy_counter_info(qvx_counter_info* info) noexcept;
 
-// "| name | description |" in columns of 40 and 60 characters, with a line end.
-std::string qvx_counter_line(const qvx_counter_info* info);
+// "| name | description |" in columns of 40 and 60 characters, with a line end; nothing when memory is
+// short.
+[[nodiscard]] std::optional<std::string> qvx_counter_line(const qvx_counter_info* info) noexcept;
 
 namespace qvx {
 

@@ -3,11 +3,12 @@
 #include <new>
 #include <utility>
 
+#include "qvx/support/grow.h"
 #include "qvx/support/log.h"
 
 bool qvx_counter_group_add_counter(qvx_counter_group* group, const qvx_counter_info* info) noexcept {
   try {
-    group->counters.reserve(group->counters.size() + 1);
+    qvx::reserve_one_more(group->counters);
   } catch (const std::exception&) {
     QVX_LOG(QVX_LOG_ERROR, "Failed to allocate array of %d counter pointers",
             static_cast<int>(group->counters.size() + 1));
@@ -34,7 +35,8 @@ void qvx_free_counter_group(qvx_counter_group* group) noexcept {
   delete group;
 }
 
-void qvx_counter_group_print_list(std::FILE* stream, const qvx_counter_group* group) {
+void qvx_counter_group_print_list(std::FILE* stream, const qvx_counter_group* group) noexcept {
+  const auto text_of = [](const std::optional<std::string>& text) { return text ? text->c_str() : ""; };
   constexpr const char* kRule = "------------------------------------------\n";
   const char* const granularity = qvx::granularity_name(group->granularity);
   std::fputs(kRule, stream);
@@ -45,8 +47,9 @@ void qvx_counter_group_print_list(std::FILE* stream, const qvx_counter_group* gr
   std::fputs(kRule, stream);
   int position = 0;
   for (const qvx::CounterInfoPtr& counter : group->counters) {
-    std::fprintf(stream, "| %2d | %-20s | %-40.40s\n", position++, counter->name.value_or("").c_str(),
-                 counter->description.value_or("").c_str());
+    if (counter == nullptr) continue;
+    std::fprintf(stream, "| %2d | %-20s | %-40.40s\n", position++, text_of(counter->name),
+                 text_of(counter->description));
   }
   std::fputs(kRule, stream);
   std::fflush(stream);

@@ -32,7 +32,7 @@ struct qvx_counter_group {
 };
 
 // Appends a deep copy of the counter, unless the provider refuses it. False when it refuses or memory is
-// short.
+// short, or when there is no counter.
 [[nodiscard]] bool qvx_counter_group_add_counter(qvx_counter_group* group,
                                                  const qvx_counter_info* info) noexcept;
 
@@ -40,7 +40,7 @@ struct qvx_counter_group {
 void qvx_free_counter_group(qvx_counter_group* group) noexcept;
 
 // The table of the group's counters.
-void qvx_counter_group_print_list(std::FILE* stream, const qvx_counter_group* group);
+void qvx_counter_group_print_list(std::FILE* stream, const qvx_counter_group* group) noexcept;
 
 namespace qvx {
 

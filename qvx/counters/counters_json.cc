@@ -18,6 +18,8 @@ namespace json = qvx::json;
 
 constexpr const char* kTitle = "Quorvex performance counters collector";
 constexpr const char* kVersion = "1.5.0";
+constexpr const char* kNoJson = "Failed to JSONify counters schemaector schema";
+constexpr const char* kNoText = "Failed to serialize JSON counters schemaector schema";
 
 constexpr const char* kSchemaTemplate = R"({"version" : "", "counter_groups" : []})";
 constexpr const char* kGroupTemplate =
@@ -29,13 +31,14 @@ bool set_name(json::Object& object, const char* member, const char* name) {
   return name != nullptr && object.set_string(member, name);
 }
 
+// A text that is absent is written as an empty one, so that what was built can be written.
 bool set_text(json::Object& object, const char* member, const std::optional<std::string>& text) {
-  return text && object.set_string(member, *text);
+  return object.set_string(member, text ? std::string_view(*text) : std::string_view());
 }
 
 bool counter_to_json(const qvx_counter_info& counter, json::Object& object) {
-  if (!set_text(object, "name", counter.name) || !set_text(object, "description", counter.description) ||
-      !set_text(object, "units", counter.units) ||
+  if (!counter.name || !set_text(object, "name", counter.name) ||
+      !set_text(object, "description", counter.description) || !set_text(object, "units", counter.units) ||
       !set_name(object, "data_type", qvx::counter_data_type_name(counter.data_type)))
     return false;
   object.set("length", json::Value::integer(counter.length));
@@ -55,25 +58,36 @@ bool group_to_json(const qvx_counter_group& group, json::Object& object) {
   json::Array counters;
   for (const auto& counter : group.counters) {
     json::Object element;
-    if (!counter_to_json(*counter, element)) return false;
+    if (counter == nullptr || !counter_to_json(*counter, element)) return false;
     counters.emplace_back(std::move(element));
   }
   object.set("counters", json::Value(std::move(counters)));
   return true;
 }
 
-bool matches_template(const json::Value& value, const char* text) {
-  const std::optional<json::Value> pattern = json::parse(text);
-  if (!pattern) {
-    QVX_LOG(QVX_LOG_ERROR, "Unable to parse schema to JSON value: '%s'", text);
-    return false;
-  }
-  if (!json::matches(*pattern, value)) {
+// A template that objects are checked against before they are read, parsed once for all of them.
+struct Template {
+  explicit Template(const char* template_text) : text(template_text), pattern(json::parse(text)) {}
+
+  bool matches(const json::Value& value) const {
+    if (!pattern) {
+      QVX_LOG(QVX_LOG_ERROR, "Unable to parse schema to JSON value: '%s'", text);
+      return false;
+    }
+    if (json::matches(*pattern, value)) return true;
     QVX_LOG(QVX_LOG_ERROR, "JSON does not match schema '%s'", text);
     return false;
   }
-  return true;
-}
+
+  const char* text;
+  std::optional<json::Value> pattern;
+};
+
+struct Templates {
+  Template schema{kSchemaTemplate};
+  Template group{kGroupTemplate};
+  Template counter{kCounterTemplate};
+};
 
 // Texts of schemas end at their first NUL, which JSON can spell.
 std::optional<std::string> text_at(const json::Object& object, const char* name) {
@@ -90,8 +104,8 @@ std::uint8_t flag_at(const json::Object& object, const char* name) {
   return object.number_at(name).value_or(0) != 0 ? 1 : 0;
 }
 
-qvx::CounterInfoPtr counter_from_json(const json::Value& value) {
-  if (!matches_template(value, kCounterTemplate)) return nullptr;
+qvx::CounterInfoPtr counter_from_json(const json::Value& value, const Templates& templates) {
+  if (!templates.counter.matches(value)) return nullptr;
   const json::Object& object = *value.as_object();
   qvx::CounterInfoPtr counter(new qvx_counter_info);
   counter->name = text_at(object, "name");
@@ -106,8 +120,8 @@ qvx::CounterInfoPtr counter_from_json(const json::Value& value) {
   return counter;
 }
 
-qvx::CounterGroupPtr group_from_json(const json::Value& value) {
-  if (!matches_template(value, kGroupTemplate)) return nullptr;
+qvx::CounterGroupPtr group_from_json(const json::Value& value, const Templates& templates) {
+  if (!templates.group.matches(value)) return nullptr;
   const json::Object& object = *value.as_object();
   qvx::CounterGroupPtr group(new qvx_counter_group);
   group->num_counter_sets = number_at(object, "num_counter_sets");
@@ -115,7 +129,7 @@ qvx::CounterGroupPtr group_from_json(const json::Value& value) {
   group->name = text_at(object, "name");
   group->provider = text_at(object, "provider");
   for (const json::Value& element : *object.array_at("counters")) {
-    qvx::CounterInfoPtr counter = counter_from_json(element);
+    qvx::CounterInfoPtr counter = counter_from_json(element, templates);
     if (counter == nullptr) return nullptr;
     group->counters.push_back(std::move(counter));
   }
@@ -123,7 +137,8 @@ qvx::CounterGroupPtr group_from_json(const json::Value& value) {
 }
 
 qvx::CountersSchemaPtr read_schema(const json::Value& value) {
-  if (!matches_template(value, kSchemaTemplate)) return nullptr;
+  const Templates templates;
+  if (!templates.schema.matches(value)) return nullptr;
   const json::Object& object = *value.as_object();
   const std::string version = *text_at(object, "version");
   if (!qvx::is_compatible_version(qvx::parse_version(version.c_str()), qvx::parse_version(kVersion))) {
@@ -137,7 +152,7 @@ qvx::CountersSchemaPtr read_schema(const json::Value& value) {
     return nullptr;
   }
   for (const json::Value& element : *groups) {
-    qvx::CounterGroupPtr group = group_from_json(element);
+    qvx::CounterGroupPtr group = group_from_json(element, templates);
     if (group == nullptr) {
       QVX_LOG(QVX_LOG_ERROR, "Failed to decode counter group from JSON");
       return nullptr;
@@ -157,7 +172,7 @@ std::optional<json::Value> qvx_counters_schema_jsonify(const qvx_counters_schema
     json::Array groups;
     for (std::size_t index = 0; index < schema->groups.size(); ++index) {
       json::Object group;
-      if (!group_to_json(*schema->groups[index], group)) {
+      if (schema->groups[index] == nullptr || !group_to_json(*schema->groups[index], group)) {
         QVX_LOG(QVX_LOG_ERROR, "Failed to JSONify counter group #%d", static_cast<int>(index));
         return std::nullopt;
       }
@@ -176,20 +191,27 @@ std::optional<json::Value> qvx_counters_schema_jsonify(const qvx_counters_schema
 std::optional<std::string> qvx_counters_schema_jsonify_text(const qvx_counters_schema* schema) noexcept {
   const std::optional<json::Value> value = qvx_counters_schema_jsonify(schema);
   if (!value) {
-    QVX_LOG(QVX_LOG_ERROR, "Failed to JSONify counters schemaector schema");
+    QVX_LOG(QVX_LOG_ERROR, "%s", kNoJson);
     return std::nullopt;
   }
   std::optional<std::string> text = json::to_text(*value, json::Style::pretty);
-  if (!text) QVX_LOG(QVX_LOG_ERROR, "Failed to serialize JSON counters schemaector schema");
+  if (!text) QVX_LOG(QVX_LOG_ERROR, "%s", kNoText);
   return text;
 }
 
 bool qvx_counters_schema_jsonify_print(std::FILE* stream, const qvx_counters_schema* schema) noexcept {
-  const std::optional<std::string> text = qvx_counters_schema_jsonify_text(schema);
-  if (!text) return false;
-  std::fprintf(stream, "%s\n", text->c_str());
-  std::fflush(stream);
-  return true;
+  const std::optional<json::Value> value = qvx_counters_schema_jsonify(schema);
+  if (!value) {
+    QVX_LOG(QVX_LOG_ERROR, "%s", kNoJson);
+    return false;
+  }
+  bool written = true;
+  const bool whole = json::write_text(*value, json::Style::pretty, [&](std::string_view piece) {
+    written = std::fwrite(piece.data(), 1, piece.size(), stream) == piece.size() && written;
+  });
+  if (!whole) QVX_LOG(QVX_LOG_ERROR, "%s", kNoText);
+  written = std::fputc('\n', stream) != EOF && written;
+  return std::fflush(stream) == 0 && written && whole;
 }
 
 qvx_counters_schema* qvx_counters_schema_from_json(const json::Value& value) noexcept {
@@ -202,7 +224,7 @@ qvx_counters_schema* qvx_counters_schema_from_json(const json::Value& value) noe
 }
 
 qvx_counters_schema* qvx_counters_schema_from_json_text(const char* text) noexcept {
-  const std::optional<json::Value> value = json::parse(text);
+  const std::optional<json::Value> value = text != nullptr ? json::parse(text) : std::nullopt;
   if (!value) {
     QVX_LOG(QVX_LOG_ERROR, "Failed parsing counters schema JSON from string");
     return nullptr;
@@ -214,8 +236,8 @@ qvx_counters_schema* qvx_counters_schema_from_json_file(const char* path) noexce
   errno = 0;
   const std::optional<json::Value> value = json::parse_file(path);
   if (!value) {
-    QVX_LOG(QVX_LOG_ERROR, "Failed reading counters schema JSON from file '%s': %s", path,
-            std::strerror(errno));
+    QVX_LOG(QVX_LOG_ERROR, "Failed reading counters schema JSON from file '%s': %s",
+            path != nullptr ? path : "", std::strerror(errno));
     return nullptr;
   }
   return qvx_counters_schema_from_json(*value);
@@ -225,7 +247,8 @@ qvx_counters_schema* qvx_counters_schema_load_by_id(const qvx_schema_id* id, con
   if (id == nullptr || qvx::schema_id_is_empty(*id)) return nullptr;
   const std::optional<std::string> id_text = qvx::schema_id_text(*id);
   const std::optional<std::string> path =
-      id_text ? qvx_expand_template("%s/schema_%s.json", directory, id_text->c_str()) : std::nullopt;
+      id_text && directory != nullptr ? qvx_expand_template("%s/schema_%s.json", directory, id_text->c_str())
+                                      : std::nullopt;
   if (!path) {
     QVX_LOG(QVX_LOG_ERROR, "asprintf failed");
     return nullptr;

@@ -16,7 +16,8 @@
 [[nodiscard]] std::optional<std::string> qvx_counters_schema_jsonify_text(
     const qvx_counters_schema* schema) noexcept;
 
-// The same to a stream, with a line end, flushed. False when there is no text.
+// The same to a stream, with a line end, flushed. False when there is no text or
+// it could not be written.
 [[nodiscard]] bool qvx_counters_schema_jsonify_print(std::FILE* stream,
                                                      const qvx_counters_schema* schema) noexcept;
 

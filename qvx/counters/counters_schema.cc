@@ -7,6 +7,7 @@
 #include <new>
 #include <utility>
 
+#include "qvx/support/grow.h"
 #include "qvx/support/log.h"
 
 namespace {
@@ -34,8 +35,9 @@ void qvx_counters_schema_destroy(qvx_counters_schema* schema) noexcept {
 }
 
 bool qvx_counters_schema_add_group(qvx_counters_schema* schema, qvx_counter_group* group) noexcept {
+  if (group == nullptr) return false;
   try {
-    schema->groups.reserve(schema->groups.size() + 1);
+    qvx::reserve_one_more(schema->groups);
   } catch (const std::exception&) {
     QVX_LOG(QVX_LOG_ERROR, "Failed allocating memory for %d's group: %s",
             static_cast<int>(schema->groups.size() + 1), std::strerror(ENOMEM));
@@ -47,9 +49,10 @@ bool qvx_counters_schema_add_group(qvx_counters_schema* schema, qvx_counter_grou
 
 const qvx_counter_info* qvx_counters_schema_find_counter(const qvx_counters_schema* schema,
                                                          const char* name) noexcept {
+  if (name == nullptr) return nullptr;
   for (const auto& group : schema->groups)
     for (const auto& counter : group->counters)
-      if (counter->name && *counter->name == name) return counter.get();
+      if (counter != nullptr && counter->name && *counter->name == name) return counter.get();
   return nullptr;
 }
 
@@ -57,6 +60,7 @@ void qvx_counters_schema_update_counter_offsets(qvx_counters_schema* schema) noe
   std::uint32_t offset = 0;
   for (const auto& group : schema->groups) {
     for (const auto& counter : group->counters) {
+      if (counter == nullptr) continue;
       std::uint32_t size = counter->length;
       if (size == 0) {
         if (counter->data_type == QVX_COUNTER_STRING) {
@@ -82,8 +86,9 @@ std::uint32_t qvx_counters_schema_size_of_counters(const qvx_counters_schema* sc
     QVX_LOG(QVX_LOG_DEBUG, "%s group %s has %d counter sets", kRoutine, name != nullptr ? name : "",
             static_cast<int>(group->num_counter_sets));
     for (const auto& counter : group->counters)
-      total = add_sizes(total,
-                        counter->data_type == QVX_COUNTER_STRING ? counter->length : qvx::kCounterSlotSize);
+      if (counter != nullptr)
+        total = add_sizes(total,
+                          counter->data_type == QVX_COUNTER_STRING ? counter->length : qvx::kCounterSlotSize);
   }
   QVX_LOG(QVX_LOG_DEBUG, "%s returning %d d", kRoutine, static_cast<int>(total));
   return total;

@@ -21,7 +21,7 @@ struct qvx_counters_schema {
 [[nodiscard]] qvx_counters_schema* qvx_counters_schema_create() noexcept;
 void qvx_counters_schema_destroy(qvx_counters_schema* schema) noexcept;
 
-// Takes the group over. On failure the group stays the caller's.
+// Takes the group over. On failure the group stays the caller's; no group is one.
 [[nodiscard]] bool qvx_counters_schema_add_group(qvx_counters_schema* schema,
                                                  qvx_counter_group* group) noexcept;
 

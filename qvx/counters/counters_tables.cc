@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <exception>
 #include <string_view>
 
 #include "qvx/data/block.h"
@@ -109,8 +110,9 @@ CountersTables::CountersTables(const qvx_counters_schema& schema) {
     group.head += group.rule + "|";
     if (granularity != nullptr) group.head += " " + label + " |";
     for (const auto& counter : from->counters) {
-      append_format(group.head, " %*s |", static_cast<int>(kColumnWidth), counter->name.value_or("").c_str());
-      group.data_types.push_back(counter->data_type);
+      append_format(group.head, " %*s |", static_cast<int>(kColumnWidth),
+                    counter != nullptr && counter->name ? counter->name->c_str() : "");
+      group.data_types.push_back(counter != nullptr ? counter->data_type : QVX_COUNTER_UNDEFINED);
     }
     group.head += "\n" + group.rule;
   }
@@ -161,11 +163,19 @@ void CountersTables::write_rows(const Group& group, Bytes values, OutputSink& si
 
 }  // namespace qvx
 
-void qvx_counters_block_print(std::FILE* stream, qvx::Bytes block, const qvx_counters_schema* schema) {
-  std::string text;
-  qvx::LocalTimeText clock;
-  qvx::OutputSink sink(text);
-  qvx::CountersTables(*schema).write(block, sink, clock);
-  if (!sink.flush()) return;
-  std::fwrite(text.data(), 1, text.size(), stream);
+bool qvx_counters_block_print(std::FILE* stream, qvx::Bytes block,
+                              const qvx_counters_schema* schema) noexcept {
+  if (schema == nullptr) return false;
+  try {
+    std::string text;
+    qvx::LocalTimeText clock;
+    {
+      qvx::OutputSink sink(text);
+      qvx::CountersTables(*schema).write(block, sink, clock);
+      if (!sink.flush()) return false;
+    }
+    return std::fwrite(text.data(), 1, text.size(), stream) == text.size();
+  } catch (const std::exception&) {
+    return false;
+  }
 }

@@ -43,5 +43,6 @@ class CountersTables {
 
 }  // namespace qvx
 
-// The tables of one block.
-void qvx_counters_block_print(std::FILE* stream, qvx::Bytes block, const qvx_counters_schema* schema);
+// The tables of one block. False when they could not be written or memory is short.
+[[nodiscard]] bool qvx_counters_block_print(std::FILE* stream, qvx::Bytes block,
+                                            const qvx_counters_schema* schema) noexcept;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
 #include <string>
 
 #include "tests/support/captured_stream.h"
@@ -120,6 +121,22 @@ TEST(CounterGroup, ListHasALinePerCounter) {
             "|  0 | load                 | about it                                \n"
             "|  1 | a name of more than 20 | dddddddddddddddddddddddddddddddddddddddd\n"
             "------------------------------------------\n");
+}
+
+TEST(CounterGroup, RoomForCountersAndGroupsDoubles) {
+  qvx_counter_group group;
+  const CounterInfoPtr counter = test::make_counter("a", QVX_COUNTER_INT64);
+  const CountersSchemaPtr schema(qvx_counters_schema_create());
+  std::set<std::size_t> counter_rooms;
+  std::set<std::size_t> group_rooms;
+  for (int i = 0; i < 1000; ++i) {
+    ASSERT_TRUE(qvx_counter_group_add_counter(&group, counter.get()));
+    counter_rooms.insert(group.counters.capacity());
+    ASSERT_TRUE(qvx_counters_schema_add_group(schema.get(), new qvx_counter_group));
+    group_rooms.insert(schema->groups.capacity());
+  }
+  EXPECT_EQ(counter_rooms, (std::set<std::size_t>{8, 16, 32, 64, 128, 256, 512, 1024}));
+  EXPECT_EQ(group_rooms, counter_rooms);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include "qvx/support/json_parse.h"
 #include "qvx/support/json_text.h"
+#include "tests/support/allocation_sweep.h"
 #include "tests/support/captured_stream.h"
 #include "tests/support/counters_builder.h"
 #include "tests/support/failing_allocations.h"
@@ -274,6 +275,62 @@ TEST_F(CountersJsonTest, NoIdentifierLoadsNothing) {
   EXPECT_EQ(qvx_counters_schema_load_by_id(nullptr, "/"), nullptr);
   EXPECT_EQ(qvx_counters_schema_load_by_id(&empty, "/"), nullptr);
   EXPECT_TRUE(log_.messages().empty());
+}
+
+TEST_F(CountersJsonTest, PrintingToAFullDeviceFails) {
+  const CountersSchemaPtr schema = make_schema({});
+  std::FILE* const full = std::fopen("/dev/full", "w");
+  ASSERT_NE(full, nullptr);
+  EXPECT_FALSE(qvx_counters_schema_jsonify_print(full, schema.get()));
+  std::fclose(full);
+}
+
+TEST_F(CountersJsonTest, AbsentDescriptionAndUnitsAreWrittenAsEmptyTexts) {
+  const CountersSchemaPtr schema = make_schema({make_group(0, 1, {{"a", QVX_COUNTER_INT64}})});
+  qvx_counter_info& counter = *schema->groups[0]->counters[0];
+  counter.description.reset();
+  counter.units.reset();
+  const std::optional<json::Value> value = qvx_counters_schema_jsonify(schema.get());
+  ASSERT_TRUE(value);
+  EXPECT_NE(json::to_text(*value, json::Style::compact)
+                .value_or("")
+                .find(R"("name":"a","description":"","units":"","data_type":"INT64")"),
+            std::string::npos);
+  counter.name.reset();
+  EXPECT_FALSE(qvx_counters_schema_jsonify(schema.get()));
+}
+
+TEST_F(CountersJsonTest, AbsentArgumentsAreStatedFailures) {
+  EXPECT_EQ(qvx_counters_schema_from_json_text(nullptr), nullptr);
+  EXPECT_EQ(errors(), Texts{"Failed parsing counters schema JSON from string"});
+  EXPECT_EQ(qvx_counters_schema_from_json_file(nullptr), nullptr);
+  qvx_schema_id id;
+  id.bytes[0] = std::byte{1};
+  log_.clear();
+  EXPECT_EQ(qvx_counters_schema_load_by_id(&id, nullptr), nullptr);
+  EXPECT_EQ(errors(), Texts{"asprintf failed"});
+  const CountersSchemaPtr schema = make_schema({make_group(0, 1, {})});
+  schema->groups[0]->counters.emplace_back();
+  EXPECT_FALSE(qvx_counters_schema_jsonify(schema.get()));
+  EXPECT_EQ(qvx_counters_schema_size_of_counters(schema.get()), 0U);
+  qvx_counters_schema_update_counter_offsets(schema.get());
+  EXPECT_EQ(qvx_counters_schema_find_counter(schema.get(), "a"), nullptr);
+  EXPECT_EQ(qvx_counters_schema_find_counter(schema.get(), nullptr), nullptr);
+  EXPECT_FALSE(qvx_counters_schema_add_group(schema.get(), nullptr));
+  EXPECT_EQ(qvx_counter_info_copy(nullptr), nullptr);
+  EXPECT_FALSE(qvx_counter_group_add_counter(schema->groups[0].get(), nullptr));
+  schema->groups[0]->counters.clear();
+}
+
+TEST_F(CountersJsonTest, NothingIsMissingWhenMemoryIsShort) {
+  const auto is_whole = [](const CountersSchemaPtr& schema) {
+    return qvx_counters_schema_jsonify_text(schema.get()) == kPretty && schema->size_of_counters == 40;
+  };
+  test::sweep_allocations([] { return CountersSchemaPtr(qvx_counters_schema_from_json_text(kPretty)); },
+                          is_whole);
+  const CountersSchemaPtr schema(qvx_counters_schema_from_json_text(kPretty));
+  test::sweep_allocations([&] { return qvx_counters_schema_jsonify_text(schema.get()); },
+                          [](const std::optional<std::string>& text) { return text == kPretty; });
 }
 
 TEST_F(CountersJsonTest, ReadingAndWritingNeverThrowWhenMemoryIsShort) {

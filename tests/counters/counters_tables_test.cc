@@ -31,7 +31,7 @@ RecordBytes block() {
 
 std::string printed(const qvx_counters_schema& schema, Bytes bytes) {
   test::CapturedStream stream;
-  qvx_counters_block_print(stream.file(), bytes, &schema);
+  EXPECT_TRUE(qvx_counters_block_print(stream.file(), bytes, &schema));
   return stream.text();
 }
 
@@ -150,6 +150,25 @@ TEST_F(CountersTablesTest, EveryTruncationHasItsTable) {
   const std::size_t size = printed(*schema, bytes.bytes()).size();
   test::for_every_truncation(bytes.bytes(),
                              [&](Bytes cut) { EXPECT_EQ(printed(*schema, cut).size(), size) << cut.size(); });
+}
+
+TEST_F(CountersTablesTest, PrintingTellsOfAFailure) {
+  EXPECT_FALSE(qvx_counters_block_print(stdout, block().bytes(), nullptr));
+  const CountersSchemaPtr schema = make_schema({make_group(1, 100, {{"a", QVX_COUNTER_INT64}})});
+  std::FILE* const full = std::fopen("/dev/full", "w");
+  ASSERT_NE(full, nullptr);
+  std::setvbuf(full, nullptr, _IONBF, 0);
+  EXPECT_FALSE(qvx_counters_block_print(full, block().bytes(), schema.get()));
+  std::fclose(full);
+}
+
+TEST_F(CountersTablesTest, AbsentCounterIsAColumnWithoutAName) {
+  const CountersSchemaPtr schema = make_schema({make_group(0, 1, {})});
+  schema->groups[0]->counters.emplace_back();
+  EXPECT_NE(printed(*schema, block().add(std::int64_t{5}).bytes()).find("|    0 |                    5 |\n"),
+            std::string::npos);
+  const test::LogCapture ignored;
+  schema->groups[0]->counters.clear();
 }
 
 TEST_F(CountersTablesTest, LastTimeOfAllIsConverted) {

@@ -28,6 +28,7 @@ ValueClass builtin_value_class(std::uint32_t id) noexcept {
 }
 
 std::uint32_t builtin_type_id(const char* name) noexcept {
+  if (name == nullptr) return 0;
   for (const BuiltinType& type : kBuiltinTypes)
     if (std::strcmp(type.name, name) == 0) return type.id;
   return 0;

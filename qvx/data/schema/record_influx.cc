@@ -1,6 +1,7 @@
 #include "qvx/data/schema/record_influx.h"
 
 #include <cstdint>
+#include <exception>
 #include <string_view>
 
 #include "qvx/data/schema/builtin_types.h"
@@ -123,7 +124,13 @@ std::optional<RecordPlan> compile_influx_plan(const qvx_type_definition& type) {
 
 }  // namespace qvx
 
-std::optional<std::string> qvx_record_to_influx(const qvx_type_definition* type, qvx::Bytes at_hand) {
-  const std::optional<qvx::RecordPlan> plan = qvx::compile(*type, "");
-  return plan ? plan->text(at_hand) : std::nullopt;
+std::optional<std::string> qvx_record_to_influx(const qvx_type_definition* type,
+                                                qvx::Bytes at_hand) noexcept {
+  if (type == nullptr) return std::nullopt;
+  try {
+    const std::optional<qvx::RecordPlan> plan = qvx::compile(*type, "");
+    return plan ? plan->text(at_hand) : std::nullopt;
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
 }

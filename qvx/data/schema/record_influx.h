@@ -20,4 +20,4 @@ namespace qvx {
 // The field set of one record that begins at the first of the bytes at hand, without a line end; nothing when
 // it cannot be made. Compiles the type anew: for more than a few records keep a plan.
 [[nodiscard]] std::optional<std::string> qvx_record_to_influx(const qvx_type_definition* type,
-                                                              qvx::Bytes at_hand);
+                                                              qvx::Bytes at_hand) noexcept;

@@ -1,6 +1,7 @@
 #include "qvx/data/schema/record_json.h"
 
 #include <cstdint>
+#include <exception>
 #include <map>
 #include <unordered_map>
 #include <utility>
@@ -182,7 +183,12 @@ std::optional<RecordPlan> compile_json_plan(const qvx_type_definition& type, jso
 }  // namespace qvx
 
 std::optional<std::string> qvx_record_to_json(const qvx_type_definition* type, qvx::Bytes at_hand,
-                                              qvx::json::Style style) {
-  const std::optional<qvx::RecordPlan> plan = qvx::compile_json_plan(*type, style, "");
-  return plan ? plan->text(at_hand) : std::nullopt;
+                                              qvx::json::Style style) noexcept {
+  if (type == nullptr) return std::nullopt;
+  try {
+    const std::optional<qvx::RecordPlan> plan = qvx::compile_json_plan(*type, style, "");
+    return plan ? plan->text(at_hand) : std::nullopt;
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
 }

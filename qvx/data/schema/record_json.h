@@ -23,4 +23,5 @@ namespace qvx {
 // The JSON text of one record that begins at the first of the bytes at hand; nothing when it cannot be made.
 // Compiles the type anew: for more than a few records keep a plan.
 [[nodiscard]] std::optional<std::string> qvx_record_to_json(const qvx_type_definition* type,
-                                                            qvx::Bytes at_hand, qvx::json::Style style);
+                                                            qvx::Bytes at_hand,
+                                                            qvx::json::Style style) noexcept;

@@ -20,7 +20,9 @@ const char* name_or_undefined(const qvx_schema* schema) {
   return schema->name ? schema->name->c_str() : "<undefined>";
 }
 
+// Null when memory is short or the field has no name: it could never be written.
 std::unique_ptr<qvx_field_definition> make_field(const qvx_field_info& info) noexcept {
+  if (info.field_name == nullptr) return nullptr;
   try {
     auto field = std::make_unique<qvx_field_definition>();
     field->field_name = copy_text(info.field_name);
@@ -74,6 +76,10 @@ std::unique_ptr<qvx_type_definition> make_type(const qvx_schema* schema, const c
   return type;
 }
 
+const char* text_or_empty(const char* text) {
+  return text != nullptr ? text : "";
+}
+
 bool equal_texts(const char* a, const char* b) {
   return a != nullptr && b != nullptr && std::strcmp(a, b) == 0;
 }
@@ -104,6 +110,10 @@ int qvx_schema_add_type(qvx_schema* schema, const char* type_name, const qvx_fie
             kRoutine, static_cast<int>(schema->types.size()));
     return 5;
   }
+  if (type_name == nullptr || (fields == nullptr && count > 0)) {
+    QVX_LOG(QVX_LOG_ERROR, "[%s] cannot allocate type definition", kRoutine);
+    return 1;
+  }
   if (qvx_schema_find_type(schema, type_name) != nullptr) {
     QVX_LOG(QVX_LOG_ERROR, "Schema '%s' already contains type '%s'", name_or_undefined(schema), type_name);
     return 2;
@@ -111,7 +121,7 @@ int qvx_schema_add_type(qvx_schema* schema, const char* type_name, const qvx_fie
   for (std::size_t i = 0; i < count; ++i) {
     if (qvx_schema_find_type(schema, fields[i].type_name) != nullptr) continue;
     QVX_LOG(QVX_LOG_ERROR, "Unable to register type '%s': type '%s' of the field '%s' is undefined",
-            type_name, fields[i].type_name, fields[i].field_name);
+            type_name, text_or_empty(fields[i].type_name), text_or_empty(fields[i].field_name));
     return 3;
   }
   // The scan stops one short, deliberately: the last field may repeat an earlier name.
@@ -189,7 +199,7 @@ const qvx_type_definition* qvx_schema_find_type(const qvx_schema* schema, const 
   if (name == nullptr) return nullptr;
   for (; schema != nullptr; schema = schema->parent)
     for (const auto& type : schema->types)
-      if (type->name == name) return type.get();
+      if (type != nullptr && type->name == name) return type.get();
   return nullptr;
 }
 
@@ -198,34 +208,34 @@ std::uint64_t qvx_schema_type_size(const qvx_schema* schema, const char* name) n
   return type != nullptr ? type->size : 0;
 }
 
-bool qvx_schema_resolve_types(const qvx_schema* schema, qvx_type_definition* type) noexcept {
+int qvx_schema_resolve_types(const qvx_schema* schema, qvx_type_definition* type) noexcept {
   for (const auto& field : type->fields) {
     const char* const name = field->type_name ? field->type_name->c_str() : "";
     field->type = qvx_schema_find_type(schema, name);
     if (field->type == nullptr) {
       QVX_LOG(QVX_LOG_ERROR, "Definition of type %s not found within the schema %s", name,
               name_or_undefined(schema));
-      return false;
+      return -1;
     }
   }
-  return true;
+  return 0;
 }
 
-bool qvx_schema_register_builtins(qvx_schema* schema) noexcept {
+int qvx_schema_register_builtins(qvx_schema* schema) noexcept {
   constexpr std::size_t kLastSlot = 253;
-  if (schema->types.size() > kLastSlot) return false;
+  if (schema->types.size() > kLastSlot) return -1;
   try {
     for (const qvx::BuiltinType& builtin : qvx::kBuiltinTypes) {
-      if (schema->types.size() > kLastSlot) return false;
+      if (schema->types.size() > kLastSlot) return -1;
       auto type = std::make_unique<qvx_type_definition>();
       type->name = builtin.name;
       type->id = builtin.id;
       type->size = builtin.size;
       schema->types.push_back(std::move(type));
     }
-    return true;
+    return 0;
   } catch (const std::bad_alloc&) {
-    return false;
+    return -1;
   }
 }
 

@@ -62,9 +62,9 @@ struct qvx_schema {
 void qvx_schema_destroy(qvx_schema* schema) noexcept;
 
 // Registers a composite type. 0: registered, its index goes to `out_index` unless that is null. 1: out of
-// memory, or a field could not be built. 2: the type name is known already (here or in a parent), or a field
-// name repeats; the last field is never compared, deliberately. 3: a field's type is undefined. 5: the schema
-// is full.
+// memory, or a field or the type has no name. 2: the type name is known already (here or in a parent), or a
+// field name repeats; the last field is never compared, deliberately. 3: a field's type is undefined. 5: the
+// schema is full.
 [[nodiscard]] int qvx_schema_add_type(qvx_schema* schema, const char* type_name, const qvx_field_info* fields,
                                       std::size_t count, std::uint8_t* out_index) noexcept;
 
@@ -82,11 +82,11 @@ void qvx_schema_destroy(qvx_schema* schema) noexcept;
 const qvx_type_definition* qvx_schema_find_type(const qvx_schema* schema, const char* name) noexcept;
 std::uint64_t qvx_schema_type_size(const qvx_schema* schema, const char* name) noexcept;
 
-// Links every field of the type to its definition; false at the first that is unknown.
-[[nodiscard]] bool qvx_schema_resolve_types(const qvx_schema* schema, qvx_type_definition* type) noexcept;
+// Links every field of the type to its definition. 0, or -1 at the first that is unknown.
+[[nodiscard]] int qvx_schema_resolve_types(const qvx_schema* schema, qvx_type_definition* type) noexcept;
 
-// Appends a definition of every built-in type. Fails when there is no room for one.
-[[nodiscard]] bool qvx_schema_register_builtins(qvx_schema* schema) noexcept;
+// Appends a definition of every built-in type. 0, or -1 when there is no room for one.
+[[nodiscard]] int qvx_schema_register_builtins(qvx_schema* schema) noexcept;
 
 namespace qvx {
 

@@ -9,7 +9,6 @@
 #include "qvx/support/json_parse.h"
 #include "qvx/support/json_text.h"
 #include "qvx/support/log.h"
-#include "qvx/support/md5.h"
 #include "qvx/support/saturate.h"
 #include "qvx/support/version.h"
 
@@ -54,84 +53,77 @@ bool set_text(json::Object& object, const char* name, const std::optional<std::s
   return text && object.set_string(name, *text);
 }
 
+// Nothing when it cannot be made or memory is short.
 template <typename Make>
 std::optional<json::Value> guarded(Make make) noexcept {
   try {
-    json::Object object;
-    if (!make(object)) return std::nullopt;
-    return json::Value(std::move(object));
+    return make();
   } catch (const std::bad_alloc&) {
     return std::nullopt;
   }
 }
 
-// Parses a template that is part of the program; its failure can only be a lack of memory.
-std::optional<json::Value> parse_template(const char* text, const char* message_format_suffix) {
-  std::optional<json::Value> value = json::parse(text);
-  if (!value) {
-    QVX_LOG(QVX_LOG_ERROR, "Unable to parse schema to JSON value%s: '%s'", message_format_suffix, text);
+// A template that is part of the program, parsed when it is first needed. Null when memory is short.
+class Template {
+ public:
+  explicit Template(const char* text, const char* kind = "") : text_(text), kind_(kind) {}
+
+  const json::Value* pattern() {
+    if (!pattern_) pattern_ = json::parse(text_);
+    if (!pattern_) QVX_LOG(QVX_LOG_ERROR, "Unable to parse schema to JSON value%s: '%s'", kind_, text_);
+    return pattern_ ? &*pattern_ : nullptr;
   }
-  return value;
+
+ private:
+  const char* text_;
+  const char* kind_;
+  std::optional<json::Value> pattern_;
+};
+
+// Those of one schema, so that they are not parsed again for each of its fields.
+struct Templates {
+  Template type{kTypeTemplate};
+  Template field_with_index{kFieldTemplateWithIndex};
+  Template field{kFieldTemplate, " (without index)"};
+};
+
+// The makers of JSON throw when memory is short.
+
+std::optional<json::Value> make_field(const qvx_field_definition& field) {
+  json::Object object;
+  const char* const mode = counting_mode_name(field.counting_mode);
+  if (!set_text(object, "field_name", field.field_name) ||
+      !object.set_string("description", field.description ? std::string_view(*field.description) : "") ||
+      !set_text(object, "type_name", field.type_name) || mode == nullptr ||
+      !object.set_string("counting_mode", mode))
+    return std::nullopt;
+  if (field.array_length > 1) object.set("array_length", json::Value::integer(field.array_length));
+  object.set("offset", json::Value::integer(field.offset));
+  object.set("type_size", json::Value::integer(field.type_size));
+  object.set("index", json::Value::integer(field.index));
+  return json::Value(std::move(object));
 }
 
-}  // namespace
-
-std::optional<json::Value> field_to_json(const qvx_field_definition& field) noexcept {
-  return guarded([&field](json::Object& object) {
-    const char* const mode = counting_mode_name(field.counting_mode);
-    if (!set_text(object, "field_name", field.field_name) ||
-        !set_text(object, "description", field.description) ||
-        !set_text(object, "type_name", field.type_name) || mode == nullptr ||
-        !object.set_string("counting_mode", mode))
-      return false;
-    if (field.array_length > 1) object.set("array_length", json::Value::integer(field.array_length));
-    object.set("offset", json::Value::integer(field.offset));
-    object.set("type_size", json::Value::integer(field.type_size));
-    object.set("index", json::Value::integer(field.index));
-    return true;
-  });
+std::optional<json::Value> make_type(const qvx_type_definition& type) {
+  json::Object object;
+  if (!object.set_string("name", type.name)) return std::nullopt;
+  object.set("size", json::Value::integer(type.size));
+  json::Array fields;
+  for (const auto& field : type.fields) {
+    std::optional<json::Value> value = make_field(*field);
+    if (!value) return std::nullopt;
+    fields.push_back(std::move(*value));
+  }
+  object.set("fields", json::Value(std::move(fields)));
+  return json::Value(std::move(object));
 }
 
-std::optional<json::Value> type_to_json(const qvx_type_definition& type) noexcept {
-  return guarded([&type](json::Object& object) {
-    if (!object.set_string("name", type.name)) return false;
-    object.set("size", json::Value::integer(type.size));
-    json::Array fields;
-    for (const auto& field : type.fields) {
-      std::optional<json::Value> value = field_to_json(*field);
-      if (!value) return false;
-      fields.push_back(std::move(*value));
-    }
-    object.set("fields", json::Value(std::move(fields)));
-    return true;
-  });
-}
-
-std::optional<json::Value> schema_to_json(const qvx_schema& schema) noexcept {
-  if (schema.types.empty()) return std::nullopt;
-  return guarded([&schema](json::Object& object) {
-    if (!object.set_string("title", kSchemaTitle) || !object.set_string("qvx_version", kSchemaVersionText) ||
-        !set_text(object, "provider_name", schema.name) ||
-        !object.set_string("provider_version", version_text(schema.version)))
-      return false;
-    json::Array types;
-    for (std::size_t index = 0; index < schema.types.size(); ++index) {
-      std::optional<json::Value> type = type_to_json(*schema.types[index]);
-      if (!type) return false;
-      type->as_object()->set("type_index", json::Value::integer(index));
-      types.push_back(std::move(*type));
-    }
-    object.set("types", json::Value(std::move(types)));
-    return true;
-  });
-}
-
-std::unique_ptr<qvx_field_definition> field_from_json(const json::Value& value) noexcept {
-  const std::optional<json::Value> with_index = parse_template(kFieldTemplateWithIndex, "");
-  if (!with_index) return nullptr;
+std::unique_ptr<qvx_field_definition> read_field(const json::Value& value, Templates& templates) noexcept {
+  const json::Value* const with_index = templates.field_with_index.pattern();
+  if (with_index == nullptr) return nullptr;
   if (!json::matches(*with_index, value)) {
-    const std::optional<json::Value> without_index = parse_template(kFieldTemplate, " (without index)");
-    if (!without_index) return nullptr;
+    const json::Value* const without_index = templates.field.pattern();
+    if (without_index == nullptr) return nullptr;
     if (!json::matches(*without_index, value)) {
       QVX_LOG(QVX_LOG_ERROR, "Field definition JSON does not match schema with or without 'index'.");
       return nullptr;
@@ -155,9 +147,9 @@ std::unique_ptr<qvx_field_definition> field_from_json(const json::Value& value) 
   }
 }
 
-std::unique_ptr<qvx_type_definition> type_from_json(const json::Value& value) noexcept {
-  const std::optional<json::Value> pattern = parse_template(kTypeTemplate, "");
-  if (!pattern) return nullptr;
+std::unique_ptr<qvx_type_definition> read_type(const json::Value& value, Templates& templates) noexcept {
+  const json::Value* const pattern = templates.type.pattern();
+  if (pattern == nullptr) return nullptr;
   if (!json::matches(*pattern, value)) {
     QVX_LOG(QVX_LOG_ERROR, "Type definition JSON does not match schema '%s'", kTypeTemplate);
     return nullptr;
@@ -169,7 +161,7 @@ std::unique_ptr<qvx_type_definition> type_from_json(const json::Value& value) no
     type->size = saturate_to<std::uint64_t>(number_at(object, "size"));
     if (type->size == 0) return nullptr;
     for (const json::Value& element : *object.array_at("fields")) {
-      std::unique_ptr<qvx_field_definition> field = field_from_json(element);
+      std::unique_ptr<qvx_field_definition> field = read_field(element, templates);
       if (field == nullptr) return nullptr;
       type->fields.push_back(std::move(field));
     }
@@ -180,9 +172,53 @@ std::unique_ptr<qvx_type_definition> type_from_json(const json::Value& value) no
   }
 }
 
+}  // namespace
+
+std::optional<json::Value> field_to_json(const qvx_field_definition& field) noexcept {
+  return guarded([&field] { return make_field(field); });
+}
+
+std::optional<json::Value> type_to_json(const qvx_type_definition& type) noexcept {
+  return guarded([&type] { return make_type(type); });
+}
+
+std::optional<json::Value> try_schema_to_json(const qvx_schema& schema) {
+  if (schema.types.empty()) return std::nullopt;
+  json::Object object;
+  if (!object.set_string("title", kSchemaTitle) || !object.set_string("qvx_version", kSchemaVersionText) ||
+      !set_text(object, "provider_name", schema.name) ||
+      !object.set_string("provider_version", version_text(schema.version)))
+    return std::nullopt;
+  json::Array types;
+  for (std::size_t index = 0; index < schema.types.size(); ++index) {
+    if (schema.types[index] == nullptr) return std::nullopt;
+    std::optional<json::Value> type = make_type(*schema.types[index]);
+    if (!type) return std::nullopt;
+    type->as_object()->set("type_index", json::Value::integer(index));
+    types.push_back(std::move(*type));
+  }
+  object.set("types", json::Value(std::move(types)));
+  return json::Value(std::move(object));
+}
+
+std::optional<json::Value> schema_to_json(const qvx_schema& schema) noexcept {
+  return guarded([&schema] { return try_schema_to_json(schema); });
+}
+
+std::unique_ptr<qvx_field_definition> field_from_json(const json::Value& value) noexcept {
+  Templates templates;
+  return read_field(value, templates);
+}
+
+std::unique_ptr<qvx_type_definition> type_from_json(const json::Value& value) noexcept {
+  Templates templates;
+  return read_type(value, templates);
+}
+
 SchemaPtr schema_from_json(const json::Value& value) noexcept {
-  const std::optional<json::Value> pattern = parse_template(kSchemaTemplate, "");
-  if (!pattern) return nullptr;
+  Template schema_template(kSchemaTemplate);
+  const json::Value* const pattern = schema_template.pattern();
+  if (pattern == nullptr) return nullptr;
   if (!json::matches(*pattern, value)) {
     QVX_LOG(QVX_LOG_INFO, "Not an event schema");
     return nullptr;
@@ -203,8 +239,9 @@ SchemaPtr schema_from_json(const json::Value& value) noexcept {
       return nullptr;
     }
     const json::Array& types = *object.array_at("types");
+    Templates templates;
     for (std::size_t index = 0; index < types.size(); ++index) {
-      std::unique_ptr<qvx_type_definition> type = type_from_json(types[index]);
+      std::unique_ptr<qvx_type_definition> type = read_type(types[index], templates);
       // There are no slots behind the last one, so a type too many cannot be taken.
       if (type == nullptr || schema->types.size() >= QVX_MAX_TYPES) {
         QVX_LOG(QVX_LOG_ERROR, "Failed to deserialize type #%d from JSON array", static_cast<int>(index));
@@ -218,24 +255,33 @@ SchemaPtr schema_from_json(const json::Value& value) noexcept {
   }
 }
 
-void schema_set_digest(qvx_schema& schema, const qvx_schema_id& digest) noexcept {
+bool schema_set_digest(qvx_schema& schema, const qvx_schema_id& digest) noexcept {
+  std::optional<std::string> text = schema_id_text(digest);
+  if (!text) return false;
   schema.md5_digest = digest;
-  schema.md5_text = schema_id_text(digest).value_or("");
+  schema.md5_text = std::move(*text);
+  return true;
 }
 
 bool schema_fill_digest(qvx_schema& schema) noexcept {
-  qvx_schema_id digest;
-  const std::optional<json::Value> value = schema_to_json(schema);
-  const std::optional<std::string> text =
-      value ? json::to_text(*value, json::Style::pretty) : std::optional<std::string>();
-  if (text) digest.bytes = md5(*text);
-  schema_set_digest(schema, digest);
-  return text && !schema.md5_text.empty();
+  schema.md5_digest = {};
+  schema.md5_text.clear();
+  try {
+    qvx_schema_id digest;
+    if (const std::optional<json::Value> value = try_schema_to_json(schema)) {
+      const auto md5 = json::pretty_text_md5(*value);
+      if (!md5) return false;
+      digest.bytes = *md5;
+    }
+    return schema_set_digest(schema, digest);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
 }
 
 bool schema_resolve(qvx_schema& schema) noexcept {
   for (const auto& type : schema.types)
-    if (!qvx_schema_resolve_types(&schema, type.get())) return false;
+    if (type != nullptr && qvx_schema_resolve_types(&schema, type.get()) != 0) return false;
   return true;
 }
 
@@ -253,13 +299,12 @@ std::optional<std::string> qvx_schema_type_to_json_text(const qvx_schema* schema
 qvx_schema* qvx_schema_load_file(const char* path, const qvx_schema* parent) noexcept {
   std::optional<qvx::json::Value> value = qvx::json::parse_file(path);
   if (!value) {
-    QVX_LOG(QVX_LOG_ERROR, "Failed reading schema JSON from file '%s'", path);
+    QVX_LOG(QVX_LOG_ERROR, "Failed reading schema JSON from file '%s'", path != nullptr ? path : "");
     return nullptr;
   }
   qvx::SchemaPtr schema = qvx::schema_from_json(*value);
   if (schema == nullptr) return nullptr;
   schema->parent = parent;
-  if (!qvx::schema_resolve(*schema)) return nullptr;
-  static_cast<void>(qvx::schema_fill_digest(*schema));
+  if (!qvx::schema_resolve(*schema) || !qvx::schema_fill_digest(*schema)) return nullptr;
   return schema.release();
 }

@@ -20,8 +20,10 @@ inline constexpr const char* kSchemaVersionText = "1.5.0";
 // that is not UTF-8, memory.
 [[nodiscard]] std::optional<json::Value> field_to_json(const qvx_field_definition& field) noexcept;
 [[nodiscard]] std::optional<json::Value> type_to_json(const qvx_type_definition& type) noexcept;
-// A schema without types cannot be written.
+// A schema without types cannot be written. The second form throws std::bad_alloc when memory is short, which
+// tells that from a schema that cannot be written.
 [[nodiscard]] std::optional<json::Value> schema_to_json(const qvx_schema& schema) noexcept;
+[[nodiscard]] std::optional<json::Value> try_schema_to_json(const qvx_schema& schema);
 
 [[nodiscard]] std::unique_ptr<qvx_field_definition> field_from_json(const json::Value& value) noexcept;
 [[nodiscard]] std::unique_ptr<qvx_type_definition> type_from_json(const json::Value& value) noexcept;
@@ -30,11 +32,11 @@ inline constexpr const char* kSchemaVersionText = "1.5.0";
 [[nodiscard]] SchemaPtr schema_from_json(const json::Value& value) noexcept;
 
 // Computes the digest and its text from the schema's pretty JSON form. A schema that cannot be written has
-// the digest zero, whose text is 32 zeros; that is false.
+// the digest zero, whose text is 32 zeros. False when memory is short; the schema then has no digest.
 [[nodiscard]] bool schema_fill_digest(qvx_schema& schema) noexcept;
 
-// Stores a digest and its text, which stays empty when memory is short.
-void schema_set_digest(qvx_schema& schema, const qvx_schema_id& digest) noexcept;
+// Stores a digest and its text. False, with neither stored, when memory is short.
+[[nodiscard]] bool schema_set_digest(qvx_schema& schema, const qvx_schema_id& digest) noexcept;
 
 // Links every field of every type; stops at the first type that is unknown.
 [[nodiscard]] bool schema_resolve(qvx_schema& schema) noexcept;

@@ -64,10 +64,8 @@ bool read_event_schema(qvx_type_system* ts, const json::Value& element) noexcept
     QVX_LOG(QVX_LOG_ERROR, "[ts] Failed to deserialize: unable to decode type schema");
     return false;
   }
-  const std::optional<std::string> text = json::to_text(element, json::Style::pretty);
-  if (text) {
-    qvx::schema_set_digest(*schema, {qvx::md5(*text)});
-  } else {
+  const auto digest = json::pretty_text_md5(element);
+  if (!digest || !qvx::schema_set_digest(*schema, {*digest})) {
     QVX_LOG(QVX_LOG_ERROR, "[ts] Failed to fill schema '%s' md5 digest", name_of(*schema));
   }
   if (!adopt_and_resolve(ts, *schema)) {
@@ -117,7 +115,7 @@ void OwnedCountersSchemaDelete::operator()(qvx_counters_schema* schema) const no
 }
 
 std::optional<std::string> schema_file_path(const char* directory, const qvx_schema_id& id) noexcept {
-  const std::optional<std::string> text = schema_id_text(id);
+  const std::optional<std::string> text = directory != nullptr ? schema_id_text(id) : std::nullopt;
   if (!text) return std::nullopt;
   return qvx_expand_template("%s/schema_%s.json", directory, text->c_str());
 }
@@ -129,7 +127,7 @@ qvx_type_system* qvx_type_system_create() noexcept {
   if (ts == nullptr) return nullptr;
   ts->builtin.reset(qvx_schema_create(kBuiltinSchemaName, kBuiltinSchemaVersion));
   if (ts->builtin == nullptr) return nullptr;
-  if (!qvx_schema_register_builtins(ts->builtin.get())) {
+  if (qvx_schema_register_builtins(ts->builtin.get()) != 0) {
     QVX_LOG(QVX_LOG_ERROR, "Failed to register built-in types");
     return nullptr;
   }
@@ -151,8 +149,7 @@ qvx_schema* qvx_type_system_new_schema(qvx_type_system* ts, const char* name, st
   qvx::SchemaPtr schema(qvx_schema_create(name, version));
   if (schema == nullptr) return nullptr;
   schema->parent = ts->builtin.get();
-  static_cast<void>(qvx::schema_fill_digest(*schema));
-  if (!append_schema(ts, std::move(schema))) return nullptr;
+  if (!qvx::schema_fill_digest(*schema) || !append_schema(ts, std::move(schema))) return nullptr;
   if (out_index != nullptr) *out_index = static_cast<std::uint8_t>(ts->schemas.size() - 1);
   return ts->schemas.back().get();
 }
@@ -163,7 +160,7 @@ void qvx_type_system_remove_last_schema(qvx_type_system* ts) noexcept {
 
 int qvx_type_system_add_schema_json(qvx_type_system* ts, const char* text, std::uint8_t* out_index) noexcept {
   if (ts->schemas.size() >= qvx::kMaxSchemas) return -1;
-  const std::optional<json::Value> value = json::parse(text);
+  const std::optional<json::Value> value = text != nullptr ? json::parse(text) : std::nullopt;
   if (!value) {
     QVX_LOG(QVX_LOG_ERROR, "Failed to read schemas as JSON");
     return -1;
@@ -191,14 +188,14 @@ int qvx_type_system_add_schema_json(qvx_type_system* ts, const char* text, std::
     return report(index);
   }
   QVX_LOG(QVX_LOG_DEBUG, "FOUND EVENTS SCHEMA");
-  qvx::schema_set_digest(*schema, digest);
-  if (!append_schema(ts, std::move(schema))) return -1;
+  if (!qvx::schema_set_digest(*schema, digest) || !append_schema(ts, std::move(schema))) return -1;
   // A type that stays unknown fails the records that need it, not the schema.
   adopt_and_resolve(ts, *ts->schemas.back());
   return report(ts->schemas.size() - 1);
 }
 
 int qvx_type_system_add_schemas_of(qvx_type_system* ts, qvx_type_system* other) noexcept {
+  if (ts == other) return 0;
   std::vector<qvx::SchemaPtr>& from = other->schemas;
   try {
     ts->schemas.reserve(ts->schemas.size() + from.size());
@@ -226,7 +223,7 @@ qvx_schema* qvx_type_system_load_schema_file(qvx_type_system* ts, const char* pa
   }
   const std::optional<json::Value> value = json::parse_file(path);
   if (!value) {
-    QVX_LOG(QVX_LOG_ERROR, "Failed reading schema JSON from file '%s'", path);
+    QVX_LOG(QVX_LOG_ERROR, "Failed reading schema JSON from file '%s'", path != nullptr ? path : "");
     return nullptr;
   }
   qvx::SchemaPtr schema = qvx::schema_from_json(*value);
@@ -238,22 +235,27 @@ qvx_schema* qvx_type_system_load_schema_file(qvx_type_system* ts, const char* pa
   return append_schema(ts, std::move(schema)) ? ts->schemas.back().get() : nullptr;
 }
 
-void qvx_type_system_fill_digests(qvx_type_system* ts) noexcept {
+bool qvx_type_system_fill_digests(qvx_type_system* ts) noexcept {
+  bool complete = true;
   for (const auto& schema : ts->schemas)
-    static_cast<void>(qvx::schema_fill_digest(*schema));
+    complete = qvx::schema_fill_digest(*schema) && complete;
+  return complete;
 }
 
 const qvx_schema_id& qvx_type_system_counters_digest(qvx_type_system* ts) noexcept {
   if (ts->counters_schema != nullptr && qvx::schema_id_is_empty(ts->counters_digest)) {
-    const std::optional<std::string> text = qvx_counters_schema_jsonify_text(ts->counters_schema.get());
-    if (text) ts->counters_digest.bytes = qvx::md5(*text);
+    const std::optional<json::Value> value = qvx_counters_schema_jsonify(ts->counters_schema.get());
+    const auto digest = value ? json::pretty_text_md5(*value) : std::nullopt;
+    if (digest) ts->counters_digest.bytes = *digest;
   }
   return ts->counters_digest;
 }
 
 bool qvx_type_system_find_schema(const qvx_type_system* ts, const char* id_text,
                                  std::uint8_t* out_index) noexcept {
-  for (std::size_t index = 0; index < ts->schemas.size(); ++index) {
+  // A schema behind the last slot has no index.
+  const std::size_t slots = id_text != nullptr ? std::min(ts->schemas.size(), qvx::kMaxSchemas) : 0;
+  for (std::size_t index = 0; index < slots; ++index) {
     if (ts->schemas[index]->md5_text != id_text) continue;
     QVX_LOG(QVX_LOG_DEBUG, "Schema already exists %s", id_text);
     if (out_index != nullptr) *out_index = static_cast<std::uint8_t>(index);
@@ -266,7 +268,7 @@ std::uint32_t qvx_type_system_max_type_size(const qvx_type_system* ts) noexcept 
   std::uint64_t largest = 0;
   for (const auto& schema : ts->schemas)
     for (const auto& type : schema->types)
-      largest = std::max(largest, type->size);
+      if (type != nullptr) largest = std::max(largest, type->size);
   return static_cast<std::uint32_t>(
       std::min<std::uint64_t>(largest, std::numeric_limits<std::uint32_t>::max()));
 }
@@ -288,7 +290,7 @@ std::optional<json::Value> qvx_type_system_to_json(const qvx_type_system* ts) no
     }
     json::Array schemas;
     for (const auto& schema : ts->schemas)
-      if (std::optional<json::Value> value = qvx::schema_to_json(*schema))
+      if (std::optional<json::Value> value = qvx::try_schema_to_json(*schema))
         schemas.push_back(std::move(*value));
     object.set("schemas", json::Value(std::move(schemas)));
     return json::Value(std::move(object));
@@ -332,7 +334,7 @@ qvx_type_system* qvx_type_system_from_json(const json::Value& value) noexcept {
 }
 
 qvx_type_system* qvx_type_system_from_json_text(const char* text) noexcept {
-  const std::optional<json::Value> value = json::parse(text);
+  const std::optional<json::Value> value = text != nullptr ? json::parse(text) : std::nullopt;
   if (!value) {
     QVX_LOG(QVX_LOG_ERROR, "Failed parsing schema JSON string");
     return nullptr;

@@ -53,19 +53,20 @@ void qvx_type_system_remove_last_schema(qvx_type_system* ts) noexcept;
                                                   std::uint8_t* out_index) noexcept;
 
 // Moves every schema of `other` over in slot order; stops with -1 at the first that does not resolve here.
-// There is, deliberately, neither a check for duplicates nor one of the limit.
+// There is, deliberately, neither a check for duplicates nor one of the limit. Of `ts` itself nothing is
+// moved.
 [[nodiscard]] int qvx_type_system_add_schemas_of(qvx_type_system* ts, qvx_type_system* other) noexcept;
 
 // Loads one event schema file into the next slot, without a digest. Null on failure.
 [[nodiscard]] qvx_schema* qvx_type_system_load_schema_file(qvx_type_system* ts, const char* path) noexcept;
 
-// Recomputes the digest and digest text of every event schema.
-void qvx_type_system_fill_digests(qvx_type_system* ts) noexcept;
+// Recomputes the digest and digest text of every event schema. False when memory is short.
+[[nodiscard]] bool qvx_type_system_fill_digests(qvx_type_system* ts) noexcept;
 
 // The digest of the counters schema's pretty JSON text; all zero without one.
 const qvx_schema_id& qvx_type_system_counters_digest(qvx_type_system* ts) noexcept;
 
-// The first slot whose digest text is `id_text`.
+// The first slot whose digest text is `id_text`. Schemas behind slot 254 have no index and are not found.
 [[nodiscard]] bool qvx_type_system_find_schema(const qvx_type_system* ts, const char* id_text,
                                                std::uint8_t* out_index) noexcept;
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "qvx/data/schema/builtin_types.h"
 #include "tests/support/failing_allocations.h"
 #include "tests/support/log_capture.h"
 
@@ -26,7 +27,7 @@ qvx_field_info field(const char* name, const char* type, std::uint32_t array_len
 class SchemaTest : public testing::Test {
  protected:
   SchemaTest() : builtin_(qvx_schema_create("<built-in>", 1)), schema_(qvx_schema_create("net", 1)) {
-    EXPECT_TRUE(qvx_schema_register_builtins(builtin_.get()));
+    EXPECT_EQ(qvx_schema_register_builtins(builtin_.get()), 0);
     schema_->parent = builtin_.get();
     log_.clear();
   }
@@ -108,6 +109,24 @@ TEST_F(SchemaTest, FieldOwnsCopiesOfItsTextsAndAnAbsentOneStaysAbsent) {
   EXPECT_EQ(copied.counting_mode, 1U);
   EXPECT_EQ(copied.array_length, 1U);
   EXPECT_EQ(copied.index, 0U);
+}
+
+TEST_F(SchemaTest, AbsentNamesAndFieldsAreRefused) {
+  const qvx_field_info no_name{nullptr, "", "int", kAbsoluteCounting, 1};
+  const qvx_field_info no_type{"a", "", nullptr, kAbsoluteCounting, 1};
+  EXPECT_EQ(qvx_schema_add_type(schema_.get(), nullptr, nullptr, 0, nullptr), 1);
+  EXPECT_EQ(qvx_schema_add_type(schema_.get(), "t", nullptr, 1, nullptr), 1);
+  EXPECT_EQ(qvx_schema_add_type(schema_.get(), "t", &no_name, 1, nullptr), 1);
+  EXPECT_EQ(qvx_schema_add_type(schema_.get(), "t", &no_type, 1, nullptr), 3);
+  EXPECT_EQ(errors(), (Texts{"[qvx_schema_add_type] cannot allocate type definition",
+                             "[qvx_schema_add_type] cannot allocate type definition",
+                             "[qvx_schema_add_type] cannot get type definition from fields_info[0]",
+                             "Unable to register type 't': type '' of the field 'a' is undefined"}));
+  EXPECT_TRUE(schema_->types.empty());
+  EXPECT_EQ(qvx_schema_find_type(schema_.get(), nullptr), nullptr);
+  EXPECT_EQ(builtin_type_id(nullptr), 0U);
+  schema_->types.emplace_back();
+  EXPECT_EQ(qvx_schema_find_type(schema_.get(), "t"), nullptr);
 }
 
 TEST_F(SchemaTest, TypeOfEarlierTypesTakesTheirSize) {
@@ -284,17 +303,17 @@ TEST_F(SchemaTest, ResolvingLinksFieldsAndStopsAtTheFirstUnknownType) {
   qvx_type_definition& unresolved = *schema_->types[0];
   for (const auto& member : unresolved.fields)
     member->type = nullptr;
-  EXPECT_TRUE(qvx_schema_resolve_types(schema_.get(), &unresolved));
+  EXPECT_EQ(qvx_schema_resolve_types(schema_.get(), &unresolved), 0);
   EXPECT_EQ(unresolved.fields[2]->type, qvx_schema_find_type(builtin_.get(), "int"));
   unresolved.fields[1]->type_name = "gone";
   unresolved.fields[2]->type_name = "gone, too";
-  EXPECT_FALSE(qvx_schema_resolve_types(schema_.get(), &unresolved));
+  EXPECT_EQ(qvx_schema_resolve_types(schema_.get(), &unresolved), -1);
   EXPECT_EQ(errors(), Texts{"Definition of type gone not found within the schema net"});
 }
 
 TEST_F(SchemaTest, TypeWithoutFieldsResolves) {
   ASSERT_EQ(add("t", {}), 0);
-  EXPECT_TRUE(qvx_schema_resolve_types(schema_.get(), schema_->types[0].get()));
+  EXPECT_EQ(qvx_schema_resolve_types(schema_.get(), schema_->types[0].get()), 0);
 }
 
 TEST_F(SchemaTest, BuiltInTypesAreRegisteredInOrder) {
@@ -311,11 +330,11 @@ TEST_F(SchemaTest, BuiltInTypesNeedRoom) {
   const SchemaPtr crowded(qvx_schema_create("crowded", 1));
   for (int i = 0; i < 232; ++i)
     crowded->types.push_back(std::make_unique<qvx_type_definition>());
-  EXPECT_TRUE(qvx_schema_register_builtins(crowded.get()));
+  EXPECT_EQ(qvx_schema_register_builtins(crowded.get()), 0);
   EXPECT_EQ(crowded->types.size(), 254U);
-  EXPECT_FALSE(qvx_schema_register_builtins(crowded.get()));
+  EXPECT_EQ(qvx_schema_register_builtins(crowded.get()), -1);
   crowded->types.pop_back();
-  EXPECT_FALSE(qvx_schema_register_builtins(crowded.get()));
+  EXPECT_EQ(qvx_schema_register_builtins(crowded.get()), -1);
   EXPECT_EQ(crowded->types.size(), 254U);
 }
 

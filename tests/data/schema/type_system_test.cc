@@ -5,12 +5,14 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "qvx/counters/counters_schema.h"
 #include "qvx/data/schema/schema_json.h"
 #include "qvx/support/json_parse.h"
 #include "qvx/support/json_text.h"
+#include "tests/support/allocation_sweep.h"
 #include "tests/support/failing_allocations.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
@@ -246,7 +248,7 @@ TEST_F(TypeSystemTest, SchemaFileIsLoadedWithoutADigest) {
   ASSERT_EQ(ts_->schemas.size(), 2U);
   EXPECT_EQ(second, ts_->schemas[1].get());
   std::uint8_t index = 9;
-  qvx_type_system_fill_digests(ts_.get());
+  EXPECT_TRUE(qvx_type_system_fill_digests(ts_.get()));
   EXPECT_EQ(ts_->schemas[0]->md5_text.size(), 32U);
   EXPECT_EQ(ts_->schemas[0]->md5_text, ts_->schemas[1]->md5_text);
   EXPECT_TRUE(qvx_type_system_find_schema(ts_.get(), ts_->schemas[1]->md5_text.c_str(), &index));
@@ -282,6 +284,40 @@ TEST_F(TypeSystemTest, SchemaIsFoundByItsDigestText) {
   EXPECT_EQ(log_.messages(), (std::vector<LogMessage>{{QVX_LOG_DEBUG, "Schema already exists " + digest}}));
   EXPECT_FALSE(qvx_type_system_find_schema(ts_.get(), "1234", &index));
   EXPECT_EQ(index, 2);
+}
+
+TEST_F(TypeSystemTest, SchemaBehindTheLastSlotIsNotFound) {
+  TypeSystemPtr other(qvx_type_system_create());
+  std::uint8_t index = 0;
+  ASSERT_EQ(qvx_type_system_add_schema_json(other.get(), schema_of("last").c_str(), &index), 0);
+  const std::string digest = other->schemas[0]->md5_text;
+  fill(255);
+  ASSERT_EQ(qvx_type_system_add_schemas_of(ts_.get(), other.get()), 0);
+  ASSERT_EQ(ts_->schemas.size(), 256U);
+  index = 9;
+  EXPECT_FALSE(qvx_type_system_find_schema(ts_.get(), digest.c_str(), &index));
+  EXPECT_EQ(index, 9);
+  std::swap(ts_->schemas[254], ts_->schemas[255]);
+  EXPECT_TRUE(qvx_type_system_find_schema(ts_.get(), digest.c_str(), &index));
+  EXPECT_EQ(index, 254);
+}
+
+TEST_F(TypeSystemTest, AddingItsOwnSchemasChangesNothing) {
+  std::uint8_t index = 0;
+  ASSERT_EQ(add(schema_of("net"), index), 0);
+  EXPECT_EQ(qvx_type_system_add_schemas_of(ts_.get(), ts_.get()), 0);
+  ASSERT_EQ(ts_->schemas.size(), 1U);
+  EXPECT_EQ(ts_->schemas[0]->name, "net");
+}
+
+TEST_F(TypeSystemTest, AbsentTextsAreStatedFailures) {
+  EXPECT_EQ(qvx_type_system_add_schema_json(ts_.get(), nullptr, nullptr), -1);
+  EXPECT_EQ(qvx_type_system_from_json_text(nullptr), nullptr);
+  EXPECT_EQ(qvx_type_system_load_schema_file(ts_.get(), nullptr), nullptr);
+  EXPECT_EQ(errors(), (Texts{"Failed to read schemas as JSON", "Failed parsing schema JSON string",
+                             "Failed reading schema JSON from file ''"}));
+  EXPECT_FALSE(qvx_type_system_find_schema(ts_.get(), nullptr, nullptr));
+  EXPECT_EQ(schema_file_path(nullptr, {}), std::nullopt);
 }
 
 TEST_F(TypeSystemTest, LargestTypeSizeIsLimitedTo32Bits) {
@@ -356,7 +392,7 @@ TEST_F(ReadTypeSystemTest, WrittenOneIsReadBack) {
   EXPECT_EQ(qvx_type_system_to_json_text(again.get(), true), text);
   // Now the digest is that of the text that is written, so both ways to it agree.
   const std::string digest = again->schemas[0]->md5_text;
-  qvx_type_system_fill_digests(again.get());
+  EXPECT_TRUE(qvx_type_system_fill_digests(again.get()));
   EXPECT_EQ(again->schemas[0]->md5_text, digest);
 }
 
@@ -452,6 +488,37 @@ TEST_F(ReadTypeSystemTest, NeverThrowsWhenMemoryIsShort) {
   }
   qvx_logger_set_level(level);
   EXPECT_TRUE(read);
+}
+
+TEST_F(ReadTypeSystemTest, NothingIsMissingWhenMemoryIsShort) {
+  const std::string text = R"({"version":"1.5.0","counters_schema":)" + std::string(kCountersText) +
+                           R"(,"schemas":[)" + schema_of("net") + "," + schema_of("power") + "]}";
+  const std::optional<json::Value> value = json::parse(text);
+  const TypeSystemPtr whole(qvx_type_system_from_json(*value));
+  ASSERT_NE(whole, nullptr);
+  const std::optional<std::string> written = qvx_type_system_to_json_text(whole.get(), true);
+  ASSERT_TRUE(written);
+  test::sweep_allocations([&] { return TypeSystemPtr(qvx_type_system_from_json(*value)); },
+                          [&](const TypeSystemPtr& ts) {
+                            // A digest that cannot be computed is reported, and loading goes on.
+                            return qvx_type_system_to_json_text(ts.get(), true) == written;
+                          });
+  test::sweep_allocations([&] { return qvx_type_system_to_json_text(whole.get(), true); },
+                          [&](const std::optional<std::string>& again) { return again == written; });
+  test::sweep_allocations([&] { return qvx_type_system_fill_digests(whole.get()); },
+                          [&](bool) { return whole->schemas[1]->md5_text.size() == 32; });
+  const std::string received = schema_of("net");
+  test::sweep_allocations(
+      [&] {
+        TypeSystemPtr ts(qvx_type_system_create());
+        if (ts == nullptr || qvx_type_system_add_schema_json(ts.get(), received.c_str(), nullptr) != 0)
+          ts.reset();
+        return ts;
+      },
+      [](const TypeSystemPtr& ts) {
+        return ts->schemas.size() == 1 && ts->schemas[0]->md5_text.size() == 32 &&
+               ts->schemas[0]->types[0]->fields[0]->type != nullptr;
+      });
 }
 
 TEST(SchemaFilePath, IsNamedByTheIdentifierInTheFolder) {
