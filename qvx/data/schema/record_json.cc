@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <exception>
 #include <map>
+#include <memory>
+#include <new>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -10,6 +12,9 @@
 #include "qvx/data/schema/builtin_types.h"
 #include "qvx/data/schema/record_text.h"
 #include "qvx/plan/json_spelling.h"
+#include "qvx/support/bytes.h"
+#include "qvx/support/json_parse.h"
+#include "qvx/support/log.h"
 #include "qvx/support/saturate.h"
 
 namespace qvx {
@@ -181,6 +186,61 @@ std::optional<RecordPlan> compile_json_plan(const qvx_type_definition& type, jso
 }
 
 }  // namespace qvx
+
+std::optional<qvx::json::Value> qvx_field_to_json(const qvx_field_definition* field,
+                                                  qvx::Bytes at_hand) noexcept {
+  if (field == nullptr || field->type == nullptr) return std::nullopt;
+  std::optional<qvx::json::Value> value;
+  try {
+    // A record of this field alone, so that its limits and its text are those of every record.
+    qvx_type_definition type;
+    type.size = at_hand.size();
+    type.fields.push_back(std::make_unique<qvx_field_definition>(*field));
+    const std::optional<std::string> text = qvx_record_to_json(&type, at_hand, qvx::json::Style::compact);
+    std::optional<qvx::json::Value> record = text ? qvx::json::parse(*text) : std::nullopt;
+    if (record) value = record->as_object()->members().front().value;
+  } catch (const std::bad_alloc&) {
+    value.reset();
+  }
+  if (!value && qvx::is_character_array(*field)) {
+    QVX_LOG(QVX_LOG_ERROR, "Failed to serialize field %s of type %s[%u] as string",
+            field->field_name ? field->field_name->c_str() : "", field->type->name.c_str(),
+            field->array_length);
+  }
+  return value;
+}
+
+std::optional<qvx::json::Value> qvx_builtin_to_json(std::uint32_t id, qvx::Bytes at_hand) noexcept {
+  using qvx::load_le;
+  const std::size_t size = qvx::builtin_type_size(id);
+  if (size == 0 || at_hand.size() < size) return std::nullopt;
+  const std::byte* const from = at_hand.data();
+  switch (qvx::builtin_value_class(id)) {
+    case qvx::ValueClass::u8:
+      return qvx::json::Value::integer(load_le<std::uint8_t>(from));
+    case qvx::ValueClass::i8:
+      return qvx::json::Value::integer(load_le<std::int8_t>(from));
+    case qvx::ValueClass::u16:
+      return qvx::json::Value::integer(load_le<std::uint16_t>(from));
+    case qvx::ValueClass::i16:
+      return qvx::json::Value::integer(load_le<std::int16_t>(from));
+    case qvx::ValueClass::u32:
+      return qvx::json::Value::integer(load_le<std::uint32_t>(from));
+    case qvx::ValueClass::i32:
+      return qvx::json::Value::integer(load_le<std::int32_t>(from));
+    case qvx::ValueClass::u64:
+      return qvx::json::Value::integer(load_le<std::uint64_t>(from));
+    case qvx::ValueClass::i64:
+      return qvx::json::Value::integer(load_le<std::int64_t>(from));
+    case qvx::ValueClass::f32:
+      return qvx::json::Value::number(double{load_le<float>(from)});
+    case qvx::ValueClass::f64:
+      return qvx::json::Value::number(load_le<double>(from));
+    case qvx::ValueClass::none:
+      break;
+  }
+  return std::nullopt;
+}
 
 std::optional<std::string> qvx_record_to_json(const qvx_type_definition* type, qvx::Bytes at_hand,
                                               qvx::json::Style style) noexcept {

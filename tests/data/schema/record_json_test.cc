@@ -7,8 +7,10 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tests/support/guarded_buffer.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/record_bytes.h"
 #include "tests/support/type_set.h"
 
@@ -235,6 +237,58 @@ TEST_F(RecordJsonTest, TruncatedRecordHasNoText) {
   test::for_every_truncation(record.bytes(), [&](Bytes bytes) {
     EXPECT_EQ(qvx_record_to_json(&type, bytes, json::Style::compact), std::nullopt) << bytes.size();
   });
+}
+
+TEST_F(RecordJsonTest, FieldHasItsOwnValue) {
+  qvx_type_definition& point = types_.make("point");
+  types_.add(point, "x", "int8_t");
+  qvx_type_definition& type = types_.make();
+  types_.add(type, "a", "uint16_t", 2);
+  types_.add(type, "s", "char", 4);
+  types_.add(type, "p", point);
+  types_.add(type, "d", "double");
+  const RecordBytes record = RecordBytes()
+                                 .add(std::uint16_t{1})
+                                 .add(std::uint16_t{65535})
+                                 .add_text("ab", 4)
+                                 .add(std::int8_t{-2})
+                                 .add(std::numeric_limits<double>::quiet_NaN());
+  const auto text = [&](std::size_t index, Bytes at_hand) {
+    const std::optional<json::Value> value = qvx_field_to_json(type.fields[index].get(), at_hand);
+    return value ? json::to_text(*value, json::Style::compact) : std::nullopt;
+  };
+  EXPECT_EQ(text(0, record.bytes()), "[1,65535]");
+  EXPECT_EQ(text(1, record.bytes()), "\"ab\"");
+  EXPECT_EQ(text(2, record.bytes()), R"({"x":-2})");
+  EXPECT_EQ(text(3, record.bytes()), std::nullopt);
+  EXPECT_EQ(qvx_field_to_json(nullptr, record.bytes()), std::nullopt);
+  const test::LogCapture log;
+  EXPECT_EQ(text(1, record.bytes().first(7)), std::nullopt);
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
+            std::vector<std::string>{"Failed to serialize field s of type char[4] as string"});
+}
+
+TEST_F(RecordJsonTest, ValueOfABuiltInTypeIsANumber) {
+  const RecordBytes ones = RecordBytes().add(std::uint64_t{0xFFFFFFFFFFFFFFFF});
+  const auto number = [&](std::uint32_t id) {
+    const std::optional<json::Value> value = qvx_builtin_to_json(id, ones.bytes());
+    return value ? value->as_number() : std::nullopt;
+  };
+  for (const std::uint32_t id : {1, 2, 7, 18})
+    EXPECT_EQ(number(id), 255) << id;
+  for (const std::uint32_t id : {14, 3, 15, 4, 16, 5, 6, 17})
+    EXPECT_EQ(number(id), -1) << id;
+  for (const std::uint32_t id : {8, 19})
+    EXPECT_EQ(number(id), 65535) << id;
+  for (const std::uint32_t id : {9, 20})
+    EXPECT_EQ(number(id), 4294967295) << id;
+  for (const std::uint32_t id : {10, 11, 21, 22})
+    EXPECT_EQ(number(id), 18446744073709551616.0) << id;
+  for (const std::uint32_t id : {12, 13, 0, 23})
+    EXPECT_EQ(number(id), std::nullopt) << id;
+  EXPECT_EQ(qvx_builtin_to_json(13, RecordBytes().add(0.5).bytes())->as_number(), 0.5);
+  EXPECT_EQ(qvx_builtin_to_json(12, RecordBytes().add(0.25F).bytes())->as_number(), 0.25);
+  EXPECT_EQ(qvx_builtin_to_json(13, ones.bytes().first(7)), std::nullopt);
 }
 
 }  // namespace
