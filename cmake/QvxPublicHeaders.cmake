@@ -14,11 +14,13 @@ set(QVX_PUBLIC_HEADERS
   qvx/data/page.h
   qvx/data/page_block.h
   qvx/data/page_buffer.h
+  qvx/data/schema/influx_lines.h
   qvx/data/schema/record_influx.h
   qvx/data/schema/record_json.h
   qvx/data/schema/schema.h
   qvx/data/schema/schema_json.h
   qvx/data/schema/schema_writer.h
+  qvx/data/schema/serializer.h
   qvx/data/schema/type_system.h
   qvx/data/schema_id.h
   qvx/data/source.h

@@ -4,6 +4,7 @@
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <utility>
 
 #include "qvx/plan/plan_values.h"
@@ -27,7 +28,11 @@ std::uint64_t value_room(StepKind kind, std::uint64_t count) {
   switch (kind) {
     case StepKind::influx_f32:
     case StepKind::influx_f64:
+    case StepKind::optional_influx_f32:
+    case StepKind::optional_influx_f64:
       return kFixedNumberRoom;
+    case StepKind::optional_influx_text:
+    case StepKind::optional_tag:
     case StepKind::json_characters:
       return 2 * count + kEscapeSlack;
     case StepKind::influx_characters:
@@ -40,6 +45,52 @@ std::uint64_t value_room(StepKind kind, std::uint64_t count) {
     default:
       return kNumberRoom;
   }
+}
+
+std::string_view text_of(const Step& step, const std::byte* from) {
+  const std::string_view text(reinterpret_cast<const char*>(from), step.count);
+  return text.substr(0, text.find('\0'));
+}
+
+// Whether an optional value is written.
+bool has_optional_text(const Step& step, const std::byte* base) {
+  const std::byte* const from = base + step.offset;
+  switch (step.kind) {
+    case StepKind::optional_f64:
+    case StepKind::optional_influx_f64:
+      return std::isfinite(load_le<double>(from));
+    case StepKind::optional_influx_f32:
+      return std::isfinite(load_le<float>(from));
+    case StepKind::optional_influx_u64:
+      return load_le<std::uint64_t>(from) <= std::numeric_limits<std::int64_t>::max();
+    case StepKind::optional_text:
+    case StepKind::optional_influx_text:
+      return json::is_valid_utf8(text_of(step, from));
+    case StepKind::optional_tag:
+      return step.count > 0 && from[0] >= std::byte{0x20} && from[0] <= std::byte{0x7E};
+    default:
+      return true;
+  }
+}
+
+// Copies the text with a backslash before each of the characters.
+char* write_with_backslashes(char* out, std::string_view text, std::string_view characters) {
+  for (const char c : text) {
+    if (characters.find(c) != std::string_view::npos) *out++ = '\\';
+    *out++ = c;
+  }
+  return out;
+}
+
+// A backslash at the end would escape what stands behind the tag.
+char* write_tag(char* out, const Step& step, const std::byte* from) {
+  std::string_view text(reinterpret_cast<const char*>(from), step.count);
+  const auto is_printable = [](char c) { return c >= 0x20 && c <= 0x7E; };
+  text = text.substr(
+      0, static_cast<std::size_t>(std::find_if_not(text.begin(), text.end(), is_printable) - text.begin()));
+  out = write_with_backslashes(out, text, " ,=");
+  if (out[-1] == '\\') out[-1] = '_';
+  return out;
 }
 
 inline char* copy_literal(char* out, const char* literal, std::size_t size) {
@@ -101,6 +152,10 @@ class Writer {
           out = copy_literal(out, literal, literal_size);
           object_is_empty = true;
           break;
+        case StepKind::need_member:
+          if (object_is_empty) return nullptr;
+          out = copy_literal(out, literal, literal_size);
+          break;
         case StepKind::object_close:
           if (object_is_empty) {
             *out++ = '}';
@@ -111,6 +166,11 @@ class Writer {
         case StepKind::member:
         case StepKind::optional_f64:
         case StepKind::optional_text:
+        case StepKind::optional_influx_f32:
+        case StepKind::optional_influx_f64:
+        case StepKind::optional_influx_u64:
+        case StepKind::optional_influx_text:
+        case StepKind::optional_tag:
         case StepKind::choice:
           if (object_is_empty) {
             ++literal;
@@ -195,24 +255,32 @@ class Writer {
     return is_optional ? write_optional(*last, from, out) : write_plan_value(last->kind, from, 1, out);
   }
 
-  static bool has_optional_text(const Step& step, const std::byte* base) {
-    if (step.kind == StepKind::optional_f64) return std::isfinite(load_le<double>(base + step.offset));
-    return step.kind != StepKind::optional_text || json::is_valid_utf8(text_of(step, base + step.offset));
-  }
-
-  static std::string_view text_of(const Step& step, const std::byte* from) {
-    const std::string_view text(reinterpret_cast<const char*>(from), step.count);
-    return text.substr(0, text.find('\0'));
-  }
-
   // Null when the value has no text: the member is then left out.
   static char* write_optional(const Step& step, const std::byte* from, char* out) {
-    if (step.kind == StepKind::optional_f64) return write_plan_value(StepKind::json_f64, from, 1, out);
-    qvx_log_hex_dump_if_enabled(from, step.count);
-    const std::string_view text = text_of(step, from);
-    if (!json::is_valid_utf8(text)) return nullptr;
+    if (step.kind == StepKind::optional_text) qvx_log_hex_dump_if_enabled(from, step.count);
+    if (!has_optional_text(step, from - step.offset)) return nullptr;
+    switch (step.kind) {
+      case StepKind::optional_f64:
+        return write_json_number(out, load_le<double>(from));
+      case StepKind::optional_influx_f32:
+        return write_fixed6(out, double{load_le<float>(from)});
+      case StepKind::optional_influx_f64:
+        return write_fixed6(out, load_le<double>(from));
+      case StepKind::optional_influx_u64:
+        out = write_decimal(out, load_le<std::uint64_t>(from));
+        *out++ = 'i';
+        return out;
+      case StepKind::optional_tag:
+        return write_tag(out, step, from);
+      default:
+        break;
+    }
     *out++ = '"';
-    out = json::write_escaped(out, text);
+    if (step.kind == StepKind::optional_influx_text) {
+      out = write_with_backslashes(out, text_of(step, from), "\"\\");
+    } else {
+      out = json::write_escaped(out, text_of(step, from));
+    }
     *out++ = '"';
     return out;
   }
@@ -228,6 +296,14 @@ class Writer {
   LocalTimeText* clock_;
 };
 
+// Whether the object that was opened last before the step has a member.
+bool has_member(const Step* step, const std::byte* base) {
+  while ((--step)->kind != StepKind::object_open)
+    if (step->kind == StepKind::member || (step->kind > StepKind::member && has_optional_text(*step, base)))
+      return true;
+  return false;
+}
+
 // Whether every value of the steps has a text; nothing is written.
 bool values_have_text(const std::vector<Step>& steps, const Step* step, const Step* end,
                       const std::byte* base) {
@@ -241,6 +317,8 @@ bool values_have_text(const std::vector<Step>& steps, const Step* step, const St
       for (std::uint32_t k = 0; k < step->count; ++k, from += step->stride)
         if (!values_have_text(steps, step + 1, after, from)) return false;
       step = after - 1;
+    } else if (step->kind == StepKind::need_member) {
+      if (!has_member(step, base)) return false;
     } else if (!plan_value_has_text(step->kind, from)) {
       return false;
     }

@@ -58,11 +58,18 @@ enum class StepKind : std::uint8_t {
   // Members of an object that may lose some of them. The literal begins with the separator, which is left out
   // while the object is empty.
   object_open,
+  need_member,    // fails the record while the object is empty
   object_close,   // the literal, or "}" alone while the object is empty
   member,         // the literal only; the value is the next step
   optional_f64,   // left out when it is no JSON number
   optional_text,  // up to `count` bytes and to the first NUL; left out when it is not UTF-8
-  choice,      // the last of several values that has a text, unless an earlier choice among them was written
+  choice,  // the last of several values that has a text, unless an earlier choice among them was written
+  // Values of Influx lines, left out where a server would refuse them.
+  optional_influx_f32,
+  optional_influx_f64,
+  optional_influx_u64,   // beyond the largest signed integer
+  optional_influx_text,  // up to `count` bytes and to the first NUL; not UTF-8
+  optional_tag,          // up to `count` printable characters; none
   local_time,  // a timestamp in microseconds as quoted local time; left out when it cannot be converted
 };
 
