@@ -52,6 +52,7 @@ set(QVX_PUBLIC_HEADERS
   qvx/metrics/time_series.h
   qvx/metrics/wire.h
   qvx/plan/record_plan.h
+  qvx/qvx.h
   qvx/scan/chain_walk.h
   qvx/scan/data_file_reader.h
   qvx/scan/data_input.h

@@ -29,6 +29,8 @@ class DataFileReader::Impl final : public ScanVisitor {
 
   template <typename Source>
   bool open(Source source);
+  void close() noexcept;
+  std::vector<const RecordType*> types();
   bool next_run(DataFileReader& reader);
 
   bool on_events(const EventsBlock& block) override;
@@ -109,6 +111,24 @@ bool DataFileReader::Impl::open(Source source) {
   });
   if (!ok) scan.reset();
   return ok;
+}
+
+void DataFileReader::Impl::close() noexcept {
+  scan.reset();
+  has_samples_ = false;
+}
+
+std::vector<const RecordType*> DataFileReader::Impl::types() {
+  std::vector<const RecordType*> found;
+  if (!scan) return found;
+  const TypeSet& types = scan->types().types;
+  for (const auto& schema : types.events) {
+    for (std::size_t i = 0; i < schema->events->types.size(); ++i)
+      found.push_back(&RecordTypes::of_events(*schema, i));
+  }
+  if (types.counters && !types.counters->counters->groups.empty())
+    found.push_back(&RecordTypes::of_counters(*types.counters));
+  return found;
 }
 
 bool DataFileReader::Impl::next_run(DataFileReader& reader) {
@@ -246,6 +266,15 @@ void DataFileReader::set_run(const Record& first, std::size_t count, std::size_t
   record_ = first;
   left_ = count - 1;
   step_ = step;
+}
+
+void DataFileReader::close() noexcept {
+  left_ = 0;
+  impl_->close();
+}
+
+std::vector<const RecordType*> DataFileReader::types() {
+  return impl_->types();
 }
 
 bool DataFileReader::failed() const {

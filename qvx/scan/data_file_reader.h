@@ -41,8 +41,15 @@ class DataFileReader {
   // The same for a file in memory, which outlives the reading.
   [[nodiscard]] bool open(Bytes file) noexcept;
 
+  // Ends the reading of the file that is open; what was wrong with it stays known.
+  void close() noexcept;
+
   // Of the file that was opened.
   const qvx_data_file_header& header() const;
+
+  // What its records may be, by the schemas in force: each event type and, if it has counters, those. Without
+  // the types of samples. Valid until the next call; empty when no file is open. Throws std::bad_alloc.
+  std::vector<const RecordType*> types();
 
   // The next record, or null at the end or when the file failed. Valid until the next call.
   const Record* next() noexcept {

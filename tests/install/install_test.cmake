@@ -1,5 +1,5 @@
 # Installs the build into a prefix, moves it, and builds programs that find the library there in three ways.
-# Given: BUILD_DIR, SOURCE_DIR (this folder), WORK_DIR, GENERATOR, CXX_COMPILER, CXX_FLAGS, BUILD_TYPE, LIBDIR.
+# Given: BUILD_DIR, SOURCE_DIR (this folder), WORK_DIR, GENERATOR, C_COMPILER, CXX_COMPILER, CXX_FLAGS, BUILD_TYPE, LIBDIR.
 include(${CMAKE_CURRENT_LIST_DIR}/check.cmake)
 
 file(REMOVE_RECURSE ${WORK_DIR})
@@ -68,6 +68,19 @@ foreach(target qvx qvx_static)
     message(FATAL_ERROR "The program on qvx::qvx_static needs the shared library")
   endif()
 endforeach()
+
+# The C interface.
+set(data ${SOURCE_DIR}/../../examples/data)
+file(READ ${SOURCE_DIR}/c_consumer/expected.txt expected_list)
+run("Building the C program" ${C_COMPILER} -std=c11 -Wall -Wextra -pedantic -Werror -I${prefix}/include
+  ${SOURCE_DIR}/c_consumer/list_records.c -o ${WORK_DIR}/list_records -L${prefix}/${LIBDIR} -lqvx
+  -Wl,-rpath,${prefix}/${LIBDIR})
+execute_process(COMMAND ${WORK_DIR}/list_records ${data}/schema ${data}/events.bin ${data}/counters.bin
+  ${data}/metrics.bin ${data}/missing.bin
+  OUTPUT_VARIABLE output ERROR_VARIABLE output RESULT_VARIABLE result)
+string(REPLACE "${data}/" "" output "${output}")
+expect("The output of the C program" "${output}" "${expected_list}")
+expect("Its status" "${result}" 1)
 
 # pkg-config.
 find_program(pkg_config NAMES pkg-config pkgconf)

@@ -1,0 +1,119 @@
+// The C interface beyond what the C program of tests/install uses.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "qvx/qvx.h"
+
+namespace {
+
+const std::string kData = QVX_TEST_DATA_DIR "/../examples/data/";
+
+struct Close {
+  void operator()(qvx_reader* reader) const { qvx_reader_destroy(reader); }
+  void operator()(qvx_field* field) const { qvx_field_destroy(field); }
+};
+using Reader = std::unique_ptr<qvx_reader, Close>;
+using FieldPtr = std::unique_ptr<qvx_field, Close>;
+
+Reader make_reader() {
+  return Reader(qvx_reader_create((kData + "schema").c_str()));
+}
+
+FieldPtr field(const char* name) {
+  return FieldPtr(qvx_field_create(name));
+}
+
+const qvx_record* find(qvx_reader* reader, const std::string& table) {
+  while (const qvx_record* record = qvx_reader_next(reader))
+    if (qvx_table_name(qvx_record_table(record)) == table) return record;
+  return nullptr;
+}
+
+TEST(CInterface, GivesNumbersOnlyWhereTheyAreHeldExactly) {
+  const Reader reader = make_reader();
+  ASSERT_EQ(qvx_reader_open(reader.get(), (kData + "events.bin").c_str()), 1);
+  const qvx_record* const record = find(reader.get(), "job_started");
+  ASSERT_NE(record, nullptr);
+  const FieldPtr job = field("job"), priority = field("priority"), user = field("user");
+  std::uint64_t whole = 1;
+  std::int64_t with_sign = 2;
+  double fraction = 3;
+  EXPECT_EQ(qvx_record_u64(record, job.get(), 0, &whole), 1);
+  EXPECT_EQ(whole, 48100u);
+  EXPECT_EQ(qvx_record_u64(record, priority.get(), 0, &whole), 0);
+  EXPECT_EQ(whole, 48100u);
+  EXPECT_EQ(qvx_record_i64(record, priority.get(), 0, &with_sign), 1);
+  EXPECT_EQ(with_sign, 58);
+  EXPECT_EQ(qvx_record_double(record, priority.get(), 0, &fraction), 1);
+  EXPECT_EQ(fraction, 58);
+  EXPECT_EQ(qvx_record_u64(record, user.get(), 0, &whole), 0);
+  const char* text = "unchanged";
+  std::size_t length = 9;
+  EXPECT_EQ(qvx_record_text(record, job.get(), 0, &text, &length), 0);
+  EXPECT_STREQ(text, "unchanged");
+}
+
+TEST(CInterface, EndsArraysAndListsAtTheirLength) {
+  const Reader reader = make_reader();
+  ASSERT_EQ(qvx_reader_open(reader.get(), (kData + "events.bin").c_str()), 1);
+  ASSERT_EQ(qvx_reader_table_count(reader.get()), 7u);
+  EXPECT_EQ(qvx_reader_table(reader.get(), 7), nullptr);
+  EXPECT_EQ(qvx_table_field_name(qvx_reader_table(reader.get(), 0), 3), nullptr);
+  EXPECT_EQ(qvx_table_field_type(qvx_reader_table(reader.get(), 0), 3), nullptr);
+  const qvx_record* const record = find(reader.get(), "job_started");
+  ASSERT_NE(record, nullptr);
+  const FieldPtr nodes = field("nodes"), third = field("nodes[2]"), none = field("no such field");
+  std::uint64_t node = 0;
+  EXPECT_EQ(qvx_record_length(record, nodes.get()), 4u);
+  EXPECT_EQ(qvx_record_u64(record, nodes.get(), 3, &node), 1);
+  EXPECT_EQ(node, 59u);
+  EXPECT_EQ(qvx_record_u64(record, nodes.get(), 4, &node), 0);
+  EXPECT_EQ(qvx_record_u64(record, nodes.get(), ~std::size_t{0}, &node), 0);
+  EXPECT_EQ(qvx_record_u64(record, third.get(), 0, &node), 1);
+  EXPECT_EQ(node, 51u);
+  EXPECT_EQ(qvx_record_length(record, none.get()), 0u);
+}
+
+TEST(CInterface, ReadsNothingBehindClose) {
+  const Reader reader = make_reader();
+  EXPECT_EQ(qvx_reader_next(reader.get()), nullptr);
+  ASSERT_EQ(qvx_reader_open(reader.get(), (kData + "events.bin").c_str()), 1);
+  ASSERT_NE(qvx_reader_next(reader.get()), nullptr);
+  qvx_reader_close(reader.get());
+  EXPECT_EQ(qvx_reader_next(reader.get()), nullptr);
+  EXPECT_EQ(qvx_reader_table_count(reader.get()), 0u);
+  EXPECT_EQ(qvx_reader_failed(reader.get()), 0);
+  EXPECT_STREQ(qvx_reader_error(reader.get()), "");
+}
+
+TEST(CInterface, TellsWhyAFileCannotBeOpened) {
+  const Reader reader = make_reader();
+  EXPECT_EQ(qvx_reader_open(reader.get(), "/nowhere/at/all.bin"), 0);
+  EXPECT_EQ(qvx_reader_failed(reader.get()), 1);
+  EXPECT_STREQ(qvx_reader_error(reader.get()),
+               "Failed to open data file /nowhere/at/all.bin: No such file or directory");
+  EXPECT_EQ(qvx_reader_fault_count(reader.get()), 1u);
+  qvx_fault fault = {7, "kind", "words"};
+  EXPECT_EQ(qvx_reader_fault(reader.get(), 1, &fault), 0);
+  EXPECT_EQ(fault.offset, 7u);
+  EXPECT_EQ(qvx_reader_fault(reader.get(), 0, &fault), 1);
+  EXPECT_STREQ(fault.kind, "open_failed");
+}
+
+TEST(CInterface, NamesMetricsAndLabels) {
+  const Reader reader = make_reader();
+  ASSERT_EQ(qvx_reader_open(reader.get(), (kData + "metrics.bin").c_str()), 1);
+  const qvx_record* const record = qvx_reader_next(reader.get());
+  ASSERT_NE(record, nullptr);
+  EXPECT_EQ(qvx_table_kind_of(qvx_record_table(record)), QVX_SAMPLE);
+  const char* text = nullptr;
+  std::size_t length = 0;
+  EXPECT_EQ(qvx_record_metric(record, &text, &length), 1);
+  EXPECT_EQ(std::string(text, length), "job_cpu_seconds");
+  EXPECT_EQ(qvx_record_label(record, "no such label", &text, &length), 0);
+  EXPECT_STREQ(qvx_library_version(), "1.22.1");
+}
+
+}  // namespace
