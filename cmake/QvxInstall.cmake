@@ -27,8 +27,11 @@ install(FILES ${PROJECT_BINARY_DIR}/qvx.pc DESTINATION ${qvx_pkgconfig_dir} COMP
 
 configure_file(docs/man/qvx_read.1.in qvx_read.1 @ONLY)
 configure_file(docs/man/qvx.5.in qvx.5 @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/qvx_read.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
-install(FILES ${PROJECT_BINARY_DIR}/qvx.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT tools)
+if(NOT QVX_DEBIAN_FILES)
+  install(FILES ${PROJECT_BINARY_DIR}/qvx_read.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+  install(FILES ${PROJECT_BINARY_DIR}/qvx.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT tools)
+  install(FILES LICENSE NOTICE DESTINATION ${CMAKE_INSTALL_DATADIR}/licenses/qvx COMPONENT dev)
+endif()
 
 # The completions share one script, which finds event types. Its remarks do not go with it.
 file(READ completions/event_types.sh QVX_EVENT_TYPES)
@@ -42,5 +45,3 @@ install(FILES ${PROJECT_BINARY_DIR}/completions/qvx_read
 install(FILES ${PROJECT_BINARY_DIR}/completions/_qvx_read DESTINATION ${QVX_ZSH_COMPLETIONS_DIR} COMPONENT tools)
 install(FILES ${PROJECT_BINARY_DIR}/completions/qvx_read.fish
   DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT tools)
-
-install(FILES LICENSE NOTICE DESTINATION ${CMAKE_INSTALL_DATADIR}/licenses/qvx COMPONENT licenses)

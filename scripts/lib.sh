@@ -79,3 +79,11 @@ run_tests() {
   quietly "The test run" ctest --preset "$1"
   grep -E 'tests passed|Total Test time' "$QVX_SCRATCH/log"
 }
+
+# make_tree <suite> <folder>: a minimal Debian or Ubuntu from $MIRROR, or from the archive that this system uses.
+make_tree() {
+  local mirror=${MIRROR:-}
+  [ -n "$mirror" ] || mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' | head -n 1)
+  say "A minimal tree of $1"
+  quietly "debootstrap" debootstrap --variant=minbase "$1" "$2" "$mirror"
+}

@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Runs the two commands of the README's quick start in a fresh minimal tree: ./scripts/test_readme.sh bookworm|noble.
+# To be run as root. MIRROR names the archive; without it the one that this system uses.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+. scripts/lib.sh
+
+suite=${1:-bookworm}
+[ "$(id -u)" -eq 0 ] || fail "debootstrap needs root"
+install_packages debootstrap
+tree=$QVX_SCRATCH/tree
+make_tree "$suite" "$tree"
+mkdir "$tree/qvx"
+git archive HEAD | tar -x -C "$tree/qvx"
+for command in ./scripts/demo.sh ./scripts/test.sh; do
+  say "$command on $suite"
+  chroot "$tree" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 sh -c "cd /qvx && $command"
+done
