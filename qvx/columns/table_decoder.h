@@ -21,6 +21,9 @@
 
 namespace qvx::columns {
 
+// A batch is not larger, unless a single row is.
+inline constexpr std::uint64_t kMostBatchBytes = std::uint64_t{64} << 20;
+
 // Where the columns of a query lie in the records of one schema's type.
 struct Binding {
   struct Bound {
