@@ -87,3 +87,17 @@ make_tree() {
   say "A minimal tree of $1"
   quietly "debootstrap" debootstrap --variant=minbase "$1" "$2" "$mirror"
 }
+
+# python_package <extra>: builds the Python package into build/venv with what the extra needs. Fails, with a
+# message, where the package registry cannot be reached.
+python_package() {
+  local venv=build/venv
+  install_packages python3-venv python3-dev
+  [ -x "$venv/bin/pip" ] || quietly "Making $venv" python3 -m venv "$venv"
+  if ! "$venv/bin/pip" download --quiet --no-deps --dest "$QVX_SCRATCH" nanobind >/dev/null 2>&1; then
+    say "Python package: left out, the package registry cannot be reached"
+    return 1
+  fi
+  say "Python package: building and installing it in $venv"
+  quietly "Installing the Python package" "$venv/bin/pip" install "./python[$1]"
+}

@@ -1,0 +1,121 @@
+import datetime
+import gzip
+import os
+import subprocess
+import sys
+
+import pyarrow
+import pytest
+
+import qvx
+from conftest import SAMPLES
+
+
+def test_tables_files_and_info(data):
+    assert {"counters", "metrics", "job_started", "job_finished"} <= set(data.tables)
+    assert data.tables["job_started"].provider
+    assert [os.path.basename(f) for f in data.files] == sorted(
+        f for f in os.listdir(SAMPLES) if f.endswith((".bin", ".bin.gz"))
+    )
+    info = data.info()
+    assert info.rows == sum(file.rows for file in info.files)
+    assert info.bytes == sum(os.path.getsize(f) for f in data.files)
+    assert info.times[0].tzinfo is datetime.timezone.utc
+    assert not any(file.failed for file in info.files)
+    by_name = {os.path.basename(file.path): file for file in info.files}
+    pages = by_name["gzip_pages.bin"]
+    assert pages.pages > 0 and pages.unpacked_bytes > pages.packed_bytes
+    assert data.faults == []
+
+
+def test_projection_limit_and_patterns(data):
+    table = data.table("job_started", columns=["user", "_source_id", "job"], limit=3).to_arrow()
+    assert table.column_names == ["user", "_source_id", "job"]
+    assert table.num_rows == 3
+    assert data.table("counters", ["*.memory_*"]).to_arrow().num_columns >= 1
+
+
+def test_time_range_takes_every_form_of_time(data):
+    times = sorted(t for t in data.table("job_started", ["timestamp"]).to_arrow()["timestamp"].to_pylist())
+    middle = times[len(times) // 2]
+    expected = sum(t >= middle for t in times)
+    for since in (middle, middle.isoformat(), middle.replace(tzinfo=None), round(middle.timestamp() * 1e6)):
+        assert data.table("job_started", since=since).to_arrow().num_rows == expected
+    assert data.table("job_started", until="1970-01-02T00:00:00Z").to_arrow().num_rows == 0
+
+
+def test_conditions_select_rows(data):
+    metrics = data.table("metrics", ["metric"], where={"metric": "net_*"}).to_arrow()["metric"].to_pylist()
+    assert metrics and all(name.startswith("net_") for name in metrics)
+    assert data.table("metrics", where={"_source_id": ["no such source"]}).to_arrow().num_rows == 0
+
+
+def test_threads_give_the_same_rows(data):
+    alone = data.table("job_started").to_arrow()
+    assert data.table("job_started", threads=4).to_arrow().equals(alone)
+    any_order = data.table("job_started", threads=4, in_order=False).to_arrow()
+    assert any_order.num_rows == alone.num_rows
+
+
+def test_batches_have_the_rows_asked_for(data):
+    sizes = [batch.num_rows for batch in data.table("job_started", batch_rows=7).reader()]
+    assert max(sizes) == 7 and len(sizes) > 2
+
+
+def test_wrong_names_list_what_there_is(data):
+    with pytest.raises(KeyError, match="no table .*job_starte.*; there are: .*job_started"):
+        data.table("job_starte")
+    with pytest.raises(KeyError, match="no column .*usr.* in table .*job_started.*, which has: timestamp, "):
+        data.table("job_started", ["usr"])
+    with pytest.raises(KeyError, match="no condition on .*user"):
+        data.table("job_started", where={"user": "x"})
+    with pytest.raises(FileNotFoundError):
+        qvx.open(SAMPLES / "schema")
+
+
+def test_sql_answers_over_all_tables(data):
+    count = data.sql("select count(*) from job_started").fetchall()[0][0]
+    assert count == data.table("job_started").to_arrow().num_rows
+    joined = data.sql(
+        'select s."user", count(*) n from job_started s join job_finished f on s.job = f.job group by 1 order by 1'
+    ).fetchall()
+    assert joined and all(n > 0 for _, n in joined)
+    assert data.sql("select * from counters limit 1").columns[0] == "timestamp"
+    assert data.sql("select labels['host'] from metrics limit 1").fetchall()[0][0].startswith("node-")
+    with pytest.raises(KeyError, match="Tables: .*job_started"):
+        data.sql("select * from nothing_like_it")
+    with pytest.raises(KeyError, match="Columns of job_started: timestamp, "):
+        data.sql("select usr from job_started")
+
+
+def test_damaged_file_gives_its_good_part_and_faults_but_no_output(tmp_path):
+    whole = (SAMPLES / "gzip_pages.bin").read_bytes()
+    damaged = tmp_path / "damaged.bin"
+    middle = len(whole) // 2
+    damaged.write_bytes(whole[:middle] + b"\xff" * 64 + whole[middle + 64 :])
+    program = (
+        "import qvx, sys; d = qvx.open([sys.argv[1], '/no/such/file'], schema=sys.argv[2]); i = d.info();"
+        "print(i.rows, i.files[0].failed, len(d.faults), sorted({f.kind for f in d.faults}))"
+    )
+    run = subprocess.run(
+        [sys.executable, "-c", program, str(damaged), str(SAMPLES / "schema")], capture_output=True, text=True
+    )
+    assert run.stderr == ""
+    rows, failed, faults, kinds = run.stdout.split(maxsplit=3)
+    assert 0 < int(rows) < qvx.open(SAMPLES / "gzip_pages.bin").info().rows
+    assert failed == "True" and int(faults) >= 2 and "open_failed" in kinds
+
+
+def test_schema_folder_and_whole_gzip_files(tmp_path):
+    path = tmp_path / "events.bin.gz"
+    path.write_bytes(gzip.compress((SAMPLES / "events.bin").read_bytes()))
+    data = qvx.open(tmp_path, schema=SAMPLES / "schema")
+    expected = qvx.open(SAMPLES / "events.bin").table("job_started").to_arrow()
+    assert data.table("job_started").to_arrow().equals(expected)
+    lost = qvx.open(path)
+    assert [fault.kind for fault in lost.faults] == ["types_failed"]
+
+
+def test_stream_outlives_its_dataset():
+    reader = pyarrow.RecordBatchReader.from_stream(qvx.open(SAMPLES / "events.bin").table("job_started", batch_rows=5))
+    assert sum(batch.num_rows for batch in reader) > 5
