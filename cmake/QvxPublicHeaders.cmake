@@ -1,6 +1,13 @@
 # The public headers: they are installed, and what they declare is exported by the shared library. A public
 # header includes no other ones of ours.
 set(QVX_PUBLIC_HEADERS
+  qvx/columns/arrow_c.h
+  qvx/columns/column_type.h
+  qvx/columns/dataset.h
+  qvx/columns/faults.h
+  qvx/columns/query.h
+  qvx/columns/survey.h
+  qvx/columns/table_stream.h
   qvx/counters/counter_data.h
   qvx/counters/counter_group.h
   qvx/counters/counters_block.h

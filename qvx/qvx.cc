@@ -1,11 +1,17 @@
 #include "qvx/qvx.h"
 
+#include <cstdio>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
+#include "qvx/columns/dataset.h"
+#include "qvx/columns/query.h"
+#include "qvx/columns/table_stream.h"
 #include "qvx/scan/data_file_reader.h"
 #include "qvx/scan/records.h"
 #include "qvx/support/version.h"
@@ -242,6 +248,20 @@ int qvx_record_text(const qvx_record* record, qvx_field* field, size_t index, co
   if (place.kind != qvx::FieldKind::characters && place.kind != qvx::FieldKind::string) return 0;
   const std::byte* const value = value_in(from, place, index);
   return value == nullptr ? 0 : give_text(qvx::detail::text_at(place.kind, value, place.size), text, length);
+}
+
+int qvx_open_arrow(const char* const* paths, size_t count, const char* schema_folder, const char* table,
+                   struct ArrowArrayStream* stream, char* words, size_t room) {
+  using namespace qvx::columns;
+  try {
+    const auto dataset = std::make_shared<const Dataset>(std::vector<std::string>(paths, paths + count),
+                                                         schema_folder != nullptr ? schema_folder : "");
+    export_stream(std::make_unique<TableStream>(dataset, resolve(*dataset, Query{.table = table})), stream);
+    return 1;
+  } catch (const std::exception& fault) {
+    std::snprintf(words, room, "%s", fault.what());
+    return 0;
+  }
 }
 
 int qvx_record_metric(const qvx_record* record, const char** text, size_t* length) {

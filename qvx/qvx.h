@@ -99,6 +99,14 @@ QVX_EXPORT int qvx_record_double(const qvx_record* record, qvx_field* field, siz
 QVX_EXPORT int qvx_record_text(const qvx_record* record, qvx_field* field, size_t index, const char** text,
                                size_t* length);
 
+/* The records of one table in all the files as batches of columns, in the Arrow C stream interface, which
+ * https://arrow.apache.org/docs/format/CStreamInterface.html fixes. Without a schema folder, NULL, each
+ * file's is searched for beside it and up to four folders above. The receiver releases the stream. 0: there
+ * is no such table, or memory is short; `words`, of `room` bytes, says why. */
+struct ArrowArrayStream;
+QVX_EXPORT int qvx_open_arrow(const char* const* paths, size_t count, const char* schema_folder,
+                              const char* table, struct ArrowArrayStream* stream, char* words, size_t room);
+
 /* Of samples: the name of the metric, and the value of a label. */
 QVX_EXPORT int qvx_record_metric(const qvx_record* record, const char** text, size_t* length);
 QVX_EXPORT int qvx_record_label(const qvx_record* record, const char* name, const char** text,

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Functions that the scripts of this folder share. To be sourced with bash, with the root of the source tree
 # as the working directory.
 

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "qvx/columns/arrow_c.h"
 #include "qvx/qvx.h"
 
 namespace {
@@ -111,9 +112,40 @@ TEST(CInterface, NamesMetricsAndLabels) {
   const char* text = nullptr;
   std::size_t length = 0;
   EXPECT_EQ(qvx_record_metric(record, &text, &length), 1);
-  EXPECT_EQ(std::string(text, length), "job_cpu_seconds");
+  EXPECT_EQ(std::string(text, length), "net_received_bytes");
   EXPECT_EQ(qvx_record_label(record, "no such label", &text, &length), 0);
   EXPECT_STREQ(qvx_library_version(), "1.22.1");
+}
+
+TEST(CInterface, HandsATableOverAsAnArrowStream) {
+  const std::string path = kData + "events.bin";
+  const char* const paths[] = {path.c_str()};
+  ArrowArrayStream stream;
+  char words[200] = "";
+  ASSERT_EQ(qvx_open_arrow(paths, 1, nullptr, "job_started", &stream, words, sizeof words), 1) << words;
+  ArrowSchema schema;
+  ASSERT_EQ(stream.get_schema(&stream, &schema), 0);
+  std::string columns;
+  for (std::int64_t i = 0; i < schema.n_children; ++i)
+    columns += std::string(schema.children[i]->name) + " " + schema.children[i]->format + ", ";
+  schema.release(&schema);
+  EXPECT_EQ(columns, "timestamp tsu:UTC, job I, user u, command u, nodes +w:4, priority s, ");
+  ArrowArray batch;
+  ASSERT_EQ(stream.get_next(&stream, &batch), 0);
+  EXPECT_EQ(batch.length, 18);
+  batch.release(&batch);
+  ASSERT_EQ(stream.get_next(&stream, &batch), 0);
+  EXPECT_EQ(batch.release, nullptr);
+  stream.release(&stream);
+}
+
+TEST(CInterface, SaysWhyThereIsNoArrowStream) {
+  const std::string path = kData + "events.bin";
+  const char* const paths[] = {path.c_str()};
+  ArrowArrayStream stream;
+  char words[16] = "";
+  EXPECT_EQ(qvx_open_arrow(paths, 1, nullptr, "no_such_table", &stream, words, sizeof words), 0);
+  EXPECT_STREQ(words, "no table \"no_su");  // cut to the room there is
 }
 
 }  // namespace
