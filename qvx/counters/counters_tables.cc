@@ -141,6 +141,14 @@ void CountersTables::write(Bytes block, OutputSink& sink, LocalTimeText& clock) 
   }
 }
 
+std::size_t CountersTables::bytes() const {
+  std::size_t bytes = sizeof *this + groups_.capacity() * sizeof(Group);
+  for (const Group& group : groups_)
+    bytes += group.head.capacity() + group.rule.capacity() +
+             group.data_types.capacity() * sizeof group.data_types[0];
+  return bytes;
+}
+
 void CountersTables::write_rows(const Group& group, Bytes values, OutputSink& sink) {
   for (std::uint64_t row = 0; row < group.rows; ++row) {
     char* out = sink.reserve(kNumberRoom + group.row_label_width);

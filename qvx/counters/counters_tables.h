@@ -26,6 +26,9 @@ class CountersTables {
 
   void write(Bytes block, OutputSink& sink, LocalTimeText& clock) const;
 
+  // Memory in use, roughly.
+  std::size_t bytes() const;
+
  private:
   struct Group {
     std::string head;  // from the first rule to the one below the column names

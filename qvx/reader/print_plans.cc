@@ -70,7 +70,7 @@ const CountersPrint& CountersPrint::of(LoadedSchema& schema, const ReaderOptions
 }
 
 std::size_t CountersPrint::bytes() const {
-  return sizeof *this + (plan ? plan->bytes() : 0);
+  return sizeof *this + (plan ? plan->bytes() : 0) + (tables ? tables->bytes() : 0);
 }
 
 }  // namespace qvx

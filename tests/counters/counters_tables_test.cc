@@ -216,5 +216,17 @@ TEST_F(CountersTablesTest, BlocksOfManySetsArePrintedWhole) {
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 512 + 7);
 }
 
+// Each column takes its width in the rules, the heads and the names.
+TEST(CountersTables, CountTheMemoryOfTheirTexts) {
+  qvx_counter_group* const wide = make_group(0, 1, {});
+  for (int at = 0; at < 1000; ++at)
+    wide->counters.push_back(test::make_counter("c" + std::to_string(at), QVX_COUNTER_UINT64));
+  const CountersTables one(*make_schema({make_group(0, 1, {{"c", QVX_COUNTER_UINT64}})}));
+  const CountersTables many(*make_schema({wide}));
+  EXPECT_GT(one.bytes(), sizeof one);
+  EXPECT_GT(many.bytes(), one.bytes() + 1000 * (4 * 20 + 4));
+  EXPECT_LT(many.bytes(), one.bytes() + 1000 * 400);
+}
+
 }  // namespace
 }  // namespace qvx
