@@ -2,7 +2,9 @@
 
 #include <boost/algorithm/string.hpp>
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -12,7 +14,9 @@
 #include <cstring>
 #include <memory>
 #include <string_view>
+#include <utility>
 
+#include "qvx/scan/long_path.h"
 #include "qvx/support/format.h"
 #include "qvx/support/log.h"
 
@@ -23,9 +27,62 @@ struct CloseDirectory {
   void operator()(DIR* directory) const { closedir(directory); }
 };
 
+// A folder whose entries are being gone through. It is read as a whole, so that no descriptor stays open.
+struct OpenFolder {
+  std::size_t path_size = 0;       // of the path of what is being gone through
+  std::vector<std::string> names;  // in the order of the system
+  std::size_t next = 0;
+  int fault = 0;  // why reading stopped behind these names
+  dev_t device = 0;
+  ino_t inode = 0;
+};
+
 bool complain(const std::string& text) {
   write_diagnostic(stderr, text.data(), text.size());
   return false;
+}
+
+bool complain_of_folder(const std::string& path, int reason) {
+  return complain(format_text("Failed to open directory '%s': %s\n", path.c_str(), std::strerror(reason)));
+}
+
+bool complain_of_path(const std::string& path, int reason) {
+  return complain(format_text("Failed to stat path '%s': %s\n", path.c_str(), std::strerror(reason)));
+}
+
+// Reads a folder and makes it the one at hand; false, with a complaint, when it cannot be opened.
+bool enter(std::vector<OpenFolder>& folders, const std::string& path) {
+  const int descriptor = open_path(path.c_str(), O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC);
+  if (descriptor < 0) return complain_of_folder(path, errno);
+  const std::unique_ptr<DIR, CloseDirectory> handle(fdopendir(descriptor));
+  if (handle == nullptr) {
+    const int reason = errno;
+    close(descriptor);
+    return complain_of_folder(path, reason);
+  }
+  OpenFolder folder;
+  folder.path_size = path.size();
+  struct stat status {};
+  if (fstat(descriptor, &status) != 0) return complain_of_folder(path, errno);
+  folder.device = status.st_dev;
+  folder.inode = status.st_ino;
+  for (;;) {
+    errno = 0;
+    const dirent* const entry = readdir(handle.get());
+    if (entry == nullptr) break;
+    const std::string_view name = entry->d_name;
+    if (name != "." && name != "..") folder.names.emplace_back(name);
+  }
+  folder.fault = errno;
+  folders.push_back(std::move(folder));
+  return true;
+}
+
+// Whether one of the folders being gone through is the one of this status.
+bool is_inside(const std::vector<OpenFolder>& folders, const struct stat& status) {
+  return std::any_of(folders.begin(), folders.end(), [&status](const OpenFolder& folder) {
+    return folder.device == status.st_dev && folder.inode == status.st_ino;
+  });
 }
 
 void trace(const char* label, const FileEntry& entry) {
@@ -63,24 +120,30 @@ bool comes_first(const FileEntry& a, const FileEntry& b, const SortOrder& order)
 }  // namespace
 
 bool collect_input_files(ReaderOptions& options, const char* directory) {
-  const std::unique_ptr<DIR, CloseDirectory> handle(opendir(directory));
-  if (handle == nullptr)
-    return complain(format_text("Failed to open directory '%s': %s\n", directory, std::strerror(errno)));
-  while (const dirent* const entry = readdir(handle.get())) {
-    const char* const name = entry->d_name;
-    if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
-    char path[PATH_MAX];
-    std::snprintf(path, sizeof path, "%s/%s", directory, name);
+  std::vector<OpenFolder> folders;
+  std::string path = directory;
+  if (!enter(folders, path)) return false;
+  while (!folders.empty()) {
+    OpenFolder& folder = folders.back();
+    path.resize(folder.path_size);
+    if (folder.next == folder.names.size()) {
+      if (folder.fault != 0) return complain_of_folder(path, folder.fault);
+      folders.pop_back();
+      continue;
+    }
+    path += '/';
+    path += folder.names[folder.next++];
     struct stat status {};
-    if (stat(path, &status) != 0)
-      return complain(format_text("Failed to stat path '%s': %s\n", path, std::strerror(errno)));
+    if (stat_path(path.c_str(), status) != 0) return complain_of_path(path, errno);
     if (S_ISREG(status.st_mode)) {
-      if (!append(options.input_files, path)) {
-        return complain(
-            format_text("Failed appending '%s' to the list of counters: %s\n", path, std::strerror(errno)));
+      if (!append(options.input_files, path.c_str())) {
+        return complain(format_text("Failed appending '%s' to the list of counters: %s\n", path.c_str(),
+                                    std::strerror(errno)));
       }
     } else if (S_ISDIR(status.st_mode)) {
-      if (!collect_input_files(options, path)) return false;
+      // The system counts the links of a path that it takes in one piece only.
+      if (path.size() >= PATH_MAX && is_inside(folders, status)) return complain_of_path(path, ELOOP);
+      if (!enter(folders, path)) return false;
     }
   }
   return true;

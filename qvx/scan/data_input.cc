@@ -1,5 +1,6 @@
 #include "qvx/scan/data_input.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -8,6 +9,8 @@
 #include <cstring>
 #include <limits>
 #include <new>
+
+#include "qvx/scan/long_path.h"
 
 namespace qvx {
 namespace {
@@ -27,8 +30,13 @@ DataInput::~DataInput() {
 }
 
 bool DataInput::open(const char* path) {
-  file_ = open_to_read(path);
-  return static_cast<bool>(file_);
+  int number = -1;
+  do {
+    number = open_path(path, O_RDONLY | O_CLOEXEC);
+  } while (number < 0 && errno == EINTR);
+  if (number < 0) return false;
+  file_ = FileDescriptor(number);
+  return true;
 }
 
 void DataInput::open(Bytes memory) {

@@ -1,11 +1,11 @@
 #include "qvx/scan/schema_folder.h"
 
 #include <libgen.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
-#include <climits>
-#include <cstdio>
 #include <cstring>
+
+#include "qvx/scan/long_path.h"
 
 namespace qvx {
 
@@ -13,9 +13,9 @@ std::optional<std::string> find_schema_folder(const char* file) {
   std::string path = file;
   char* directory = dirname(path.data());
   for (int level = 0; level < kSchemaSearchLevels; ++level) {
-    char candidate[PATH_MAX];
-    std::snprintf(candidate, sizeof candidate, "%s/schema", directory);
-    if (access(candidate, F_OK) == 0) return candidate;
+    std::string candidate = std::string(directory) + "/schema";
+    struct stat status {};
+    if (stat_path(candidate.c_str(), status) == 0) return candidate;
     directory = dirname(directory);
     if (std::strcmp(directory, "/") == 0) break;
   }

@@ -1,16 +1,42 @@
 #include "qvx/reader/input_files.h"
 
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
+#include <functional>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "qvx/support/file_descriptor.h"
 #include "tests/reader/reader_files.h"
 #include "tests/support/log_capture.h"
+
+namespace {
+
+int readings_left = -1;  // of folders, until they fail; below 0: for ever
+
+}  // namespace
+
+extern "C" dirent* readdir(DIR* folder) {
+  using Function = dirent* (*)(DIR*);
+  static const auto ordinary = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "readdir"));
+  if (readings_left == 0) {
+    errno = EIO;
+    return nullptr;
+  }
+  if (readings_left > 0) --readings_left;
+  return ordinary(folder);
+}
 
 namespace qvx {
 namespace {
@@ -193,6 +219,111 @@ TEST_F(WalkTest, LoopOfLinksEnds) {
 TEST_F(WalkTest, MissingFolderIsNamed) {
   EXPECT_FALSE(walk());
   EXPECT_EQ(err_, "Failed to open directory '" + files_.path("top") + "': No such file or directory\n");
+}
+
+// Folders of one name, one in the other, with a file in the last; a path of any length.
+void make_deep(const std::string& top, const std::string& name, int levels, std::string_view content) {
+  std::filesystem::create_directories(top);
+  FileDescriptor folder(open(top.c_str(), O_RDONLY | O_DIRECTORY));
+  for (int level = 0; level < levels; ++level) {
+    ASSERT_EQ(mkdirat(folder.get(), name.c_str(), 0700), 0);
+    folder = FileDescriptor(openat(folder.get(), name.c_str(), O_RDONLY | O_DIRECTORY));
+    ASSERT_TRUE(folder);
+  }
+  const FileDescriptor file(openat(folder.get(), "a.bin", O_WRONLY | O_CREAT, 0600));
+  ASSERT_EQ(write(file.get(), content.data(), content.size()), static_cast<ssize_t>(content.size()));
+}
+
+std::string repeated(const std::string& text, int count) {
+  std::string all;
+  for (int at = 0; at < count; ++at)
+    all += text;
+  return all;
+}
+
+TEST_F(WalkTest, TreeOfAnyDepthIsWalked) {
+  make_deep(files_.path("top"), "d", 2100, "");
+  EXPECT_TRUE(walk());
+  EXPECT_EQ(err_, "");
+  EXPECT_EQ(found(), Paths{repeated("d/", 2100) + "a.bin"});
+}
+
+TEST_F(WalkTest, FileWithAPathOfAnyLengthIsFoundAndRead) {
+  const std::string name(250, 'n');
+  make_deep(files_.path("top"), name, 20, test::header_bytes() + test::events_block({7}));
+  EXPECT_TRUE(walk());
+  EXPECT_EQ(err_, "");
+  ASSERT_EQ(found(), Paths{repeated(name + '/', 20) + "a.bin"});
+  ReaderOptions options = files_.options();
+  options.sort_files = true;
+  options.sort_order = "source_id";
+  const test::RunResult result = test::run(options, {strings(options_.input_files)[0]});
+  EXPECT_EQ(result.out, "{\"v\":7}\n");
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(result.failures, 0);
+}
+
+// Every length around the one from which paths are gone along in pieces.
+TEST_F(WalkTest, PathsAroundTheLimitOfTheSystemAreFound) {
+  const std::string name(200, 'n');
+  make_deep(files_.path("top"), name, 19, "");
+  const std::string above = files_.path("top/") + repeated(name + '/', 19);
+  const std::string last = above + std::string(4000 - above.size(), 'w');
+  make_deep(above, last.substr(above.size()), 1, "");
+  const FileDescriptor folder(open(last.c_str(), O_RDONLY | O_DIRECTORY));
+  for (std::size_t size = 4085; size <= 4105; ++size) {
+    const std::string file(size - last.size() - 1, 'f');
+    ASSERT_TRUE(FileDescriptor(openat(folder.get(), file.c_str(), O_WRONLY | O_CREAT, 0600)));
+  }
+  EXPECT_TRUE(walk());
+  EXPECT_EQ(err_, "");
+  std::vector<std::size_t> sizes;
+  for (const char* const path : strings(options_.input_files))
+    sizes.push_back(std::strlen(path));
+  std::sort(sizes.begin(), sizes.end());
+  ASSERT_EQ(sizes.size(), 23u);
+  for (std::size_t at = 0; at < 21; ++at)
+    EXPECT_EQ(sizes[at + 2], 4085 + at);
+}
+
+TEST_F(WalkTest, EntriesComeDepthFirstInTheOrderOfTheSystem) {
+  for (const char* const name : {"b/1", "b/2", "a", "c/d/3", "c/4", "e"})
+    files_.write(std::string("top/") + name, "");
+  Paths expected;
+  const std::function<void(const std::string&)> list = [&](const std::string& folder) {
+    for (const auto& entry : std::filesystem::directory_iterator(files_.path("top/" + folder))) {
+      const std::string name = folder + entry.path().filename().string();
+      if (entry.is_directory()) {
+        list(name + '/');
+      } else {
+        expected.push_back(name);
+      }
+    }
+  };
+  list("");
+  EXPECT_TRUE(walk());
+  Paths paths;
+  for (const char* const path : strings(options_.input_files))
+    paths.push_back(std::string(path).substr(files_.path("top/").size()));
+  EXPECT_EQ(paths, expected);
+}
+
+// A link to a folder above with so long a name that the path grows past what the system takes before it has
+// followed forty links.
+TEST_F(WalkTest, LoopOfLinksWithLongNamesEnds) {
+  std::filesystem::create_directories(files_.path("top"));
+  std::filesystem::create_symlink(".", files_.path("top/" + std::string(250, 'l')));
+  EXPECT_FALSE(walk());
+  EXPECT_TRUE(err_.ends_with("': Too many levels of symbolic links\n")) << err_;
+}
+
+TEST_F(WalkTest, FolderThatCannotBeReadToItsEndIsNamed) {
+  files_.write("top/below/a", "");
+  files_.write("top/below/b", "");
+  readings_left = 4;  // of top: ".", ".." and "below"; then one of below
+  EXPECT_FALSE(walk());
+  readings_left = -1;
+  EXPECT_EQ(err_, "Failed to open directory '" + files_.path("top/below") + "': Input/output error\n");
 }
 
 }  // namespace
