@@ -116,6 +116,16 @@ def gzip_with_a_wrong_checksum():
     return {**usual_schemas(), "a.bin": bytes(stream)}
 
 
+def gzip_cut_in_half():
+    """Five hundred data blocks of noise; the stream ends in the middle of one of them."""
+    noise = random.Random(2)
+    content = usual_header(block_size=512)
+    for at in range(500):
+        content += counters_block(START + at, usual_values(at, 0.5)) + noise.randbytes(512 - 32)
+    stream = gzip.compress(content, mtime=0)
+    return {**usual_schemas(), "a.bin": stream[:len(stream) // 2]}
+
+
 def gzip_of_a_short_header():
     return {"schema": Folder(), "a.bin": gzip.compress(header()[:255], mtime=0)}
 
