@@ -8,17 +8,21 @@
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
+#include "qvx/support/log.h"
 #include "tests/reader/reader_files.h"
 #include "tests/support/failing_allocations.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/memory_limit.h"
 
 namespace qvx {
@@ -91,36 +95,102 @@ TEST(ProcessFilesTest, FileIsSkippedOnlyWhenAllFourConditionsHold) {
   EXPECT_EQ(run(options, {file}).failures, 1);
 }
 
-TEST(ProcessFilesTest, EveryTruncationEndsWithABeginningOfTheOutput) {
+// Where the data block with the pages begins.
+constexpr std::size_t kPagesAt = 768;
+
+// What mixed_file() prints in ndjson when it ends at any byte.
+std::string output_of_beginning(std::size_t size) {
+  const std::size_t first_page = page_block('G', gzipped(events_block({4}))).size();
+  const std::size_t second_page = page_block('S', snappied(counters_block(5))).size();
+  std::string out;
+  const auto print_from = [&](std::size_t needed, const std::string& line) {
+    if (size >= needed) out += line;
+  };
+  print_from(256 + 18, "{\"v\":1}\n");
+  print_from(256 + 20, "{\"v\":2}\n");
+  print_from(512 + 24, counters_line(3));
+  print_from(kPagesAt + first_page, "{\"v\":4}\n");
+  print_from(kPagesAt + first_page + second_page, counters_line(5));
+  print_from(1280 + 18, "{\"v\":6}\n");
+  return out;
+}
+
+// Too short for a header, for the magic of a data block, for the value of the counters or for the schemas.
+bool beginning_fails(std::size_t size) {
+  const bool no_magic = size > 256 && size % 256 > 0 && size % 256 < 4;
+  const bool no_counter = size >= 512 + 4 && size < 512 + 24;
+  const bool no_schemas = size > 1024 + 4 && size < 1280;
+  return size < 256 || no_magic || no_counter || no_schemas;
+}
+
+TEST(ProcessFilesTest, EveryTruncationPrintsWhatStandsBeforeIt) {
   const ReaderFiles files;
+  ReaderOptions options = files.options();
   const std::string whole = mixed_file();
-  for (const OutputFormat format :
-       {OutputFormat::ndjson, OutputFormat::json, OutputFormat::influx, OutputFormat::txt}) {
-    ReaderOptions options = files.options(format);
-    const std::string path = files.write("a.bin", whole);
-    const std::string full = run(options, {path}).out;
-    const std::size_t step = format == OutputFormat::ndjson ? 1 : 5;
-    for (std::size_t size = whole.size() - 1; size > step; size -= step) {
-      std::filesystem::resize_file(path, size);
-      const RunResult result = run(options, {path});
-      ASSERT_TRUE(result.failures == 0 || result.failures == 1);
-      // A document ends with its brace, and a table shows what is missing as 0.
-      if (format == OutputFormat::ndjson || format == OutputFormat::influx) {
-        ASSERT_TRUE(full.starts_with(result.out)) << size;
-      }
-      ASSERT_TRUE(result.failures == 0 || result.err.ends_with("\n")) << size;
-    }
+  const std::string path = files.write("a.bin", whole);
+  EXPECT_EQ(output_of_beginning(whole.size()), mixed_output());
+  for (std::size_t size = whole.size(); size-- > 0;) {
+    std::filesystem::resize_file(path, size);
+    const RunResult result = run(options, {path});
+    ASSERT_EQ(result.out, output_of_beginning(size)) << size;
+    ASSERT_EQ(result.failures, beginning_fails(size) ? 1 : 0) << size;
+    ASSERT_EQ(result.err.ends_with("Failed to process data file " + path + "\n"),
+              beginning_fails(size) && size >= 256)
+        << size << result.err;
+    ASSERT_EQ(result.err.empty(), !beginning_fails(size)) << size;
   }
 }
 
-TEST(ProcessFilesTest, EveryTruncationOfAGzipFileEnds) {
+TEST(ProcessFilesTest, EveryTruncationOfADocumentClosesWhatIsWhole) {
+  const ReaderFiles files;
+  ReaderOptions options = files.options(OutputFormat::json);
+  const std::string whole = header_bytes() + padded(events_block({1, 2}), 256) + events_block({3});
+  const std::string path = files.write("a.bin", whole);
+  for (std::size_t size = whole.size();; --size) {
+    std::string expected;
+    if (size >= 274) expected += "{\n    \"v\": 1\n}";
+    if (size >= 276) expected += ",\n{\n    \"v\": 2\n}";
+    if (size >= 530) expected += ",\n{\n    \"v\": 3\n}";
+    const bool fails = size < 256 || (size > 256 && size % 256 > 0 && size % 256 < 4);
+    expected = size < 256 ? "{}" : "{\"a\":[" + expected + (fails ? "}" : "]}");
+    std::filesystem::resize_file(path, size);
+    const RunResult result = run(options, {path});
+    ASSERT_EQ(result.out, expected) << size;
+    ASSERT_EQ(result.failures, fails ? 1 : 0) << size;
+    if (size == 0) break;
+  }
+}
+
+// The decompressor alone, up to where it comes.
+std::string unpacked_beginning(std::string_view packed) {
+  z_stream stream{};
+  EXPECT_EQ(inflateInit2(&stream, 31), Z_OK);
+  std::string out(100000, '\0');
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(packed.data()));
+  stream.avail_in = static_cast<uInt>(packed.size());
+  stream.next_out = reinterpret_cast<Bytef*>(out.data());
+  stream.avail_out = static_cast<uInt>(out.size());
+  inflate(&stream, Z_SYNC_FLUSH);
+  out.resize(out.size() - stream.avail_out);
+  inflateEnd(&stream);
+  return out;
+}
+
+TEST(ProcessFilesTest, EveryTruncationOfAGzipFilePrintsWhatWasDecodedAndFails) {
   const ReaderFiles files;
   ReaderOptions options = files.options();
   const std::string whole = gzipped(mixed_file());
   for (std::size_t size = 0; size < whole.size(); ++size) {
-    const RunResult result = run(options, {files.write("a.bin", whole.substr(0, size))});
-    ASSERT_TRUE(mixed_output().starts_with(result.out)) << size;
-    ASSERT_LE(result.failures, 1);
+    const std::string path = files.write("a.bin", whole.substr(0, size));
+    const std::size_t unpacked = size < 2 ? 0 : unpacked_beginning(whole.substr(0, size)).size();
+    const test::LogCapture log(QVX_LOG_ERROR);
+    const RunResult result = run(options, {path});
+    ASSERT_EQ(result.out, output_of_beginning(unpacked)) << size;
+    ASSERT_EQ(result.failures, 1) << size;
+    if (unpacked >= 256 && !beginning_fails(unpacked)) {
+      ASSERT_TRUE(log.has(QVX_LOG_ERROR, "Failed to read data file " + path + ": unexpected end of file"))
+          << size;
+    }
   }
 }
 
@@ -353,6 +423,52 @@ TEST(ProcessFilesTest, FailedAllocationsFailTheFileAtMost) {
       EXPECT_TRUE(full.starts_with(out)) << successes;
     }
   }
+}
+
+// A schemas block after the other, 1 MiB of them, that name the same two schemas in changing order.
+TEST(ProcessFilesTest, SchemasInChangingOrderTakeNeitherTimeNorMemory) {
+  constexpr std::string_view kOtherId = "e2e2e2e2e2e2e2e2e2e2e2e2e2e2e2e2";
+  const ReaderFiles files;
+  files.write_schema(kOtherId, test::events_schema_with_field("other"));
+  std::string blocks;
+  for (unsigned pattern = 0; pattern < 4096; ++pattern) {
+    std::string block = "QVXS" + test::le<std::uint16_t>(256) + '\x0e' + std::string(9, '\0');
+    for (unsigned bit = 0; bit < 14; ++bit)
+      block += test::id_bytes((pattern >> bit & 1U) != 0 ? kOtherId : test::kEventsId);
+    blocks += padded(block, 256);
+  }
+  test::HeaderFields fields;
+  fields.block_size = 4096;
+  const std::string path = files.write("a.bin", header_bytes(fields) + blocks + events_block({7}));
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ReaderOptions options = files.options();
+    append(options.input_files, path.c_str());
+    const int null = open("/dev/null", O_WRONLY);
+    dup2(null, STDERR_FILENO);
+    int fault = 0;
+    for (const std::uint32_t level : {6U, 7U}) {
+      qvx_init_stderr_logger(level);
+      rusage before{};
+      rusage after{};
+      getrusage(RUSAGE_SELF, &before);
+      std::string out;
+      {
+        OutputSink sink(out);
+        if (process_files(options, sink) != 0) fault |= 1;
+      }
+      getrusage(RUSAGE_SELF, &after);
+      if (out != "{\"other\":7}\n") fault |= 2;
+      constexpr long kMostKib = 16 * 1024;
+      if (test::MemoryLimit::kSupported && after.ru_maxrss - before.ru_maxrss > kMostKib) fault |= 4;
+      if (after.ru_utime.tv_sec - before.ru_utime.tv_sec >= 10) fault |= 8;
+    }
+    _exit(fault);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
 }
 
 }  // namespace
