@@ -14,6 +14,7 @@
 
 #include "qvx/reader/options.h"
 #include "qvx/reader/process_files.h"
+#include "qvx/reader/progress.h"
 #include "qvx/support/env.h"
 #include "qvx/support/log.h"
 #include "qvx/support/output_sink.h"
@@ -111,6 +112,7 @@ int read_files(const ReaderOptions& options) {
 int main(int argc, char** argv) {
   occupy_standard_descriptors();
   ignore_file_size_signal();
+  qvx::print_progress_on_signal();
   ignore_broken_pipes();
   set_locale();
   try {

@@ -12,6 +12,7 @@
 #include "qvx/reader/bin_visitor.h"
 #include "qvx/reader/input_files.h"
 #include "qvx/reader/print_visitor.h"
+#include "qvx/reader/progress.h"
 #include "qvx/scan/data_input.h"
 #include "qvx/scan/file_scan.h"
 #include "qvx/support/format.h"
@@ -35,12 +36,19 @@ std::string_view json_key(std::string_view path) {
 }
 
 // Hands every block to the visitor; stops when the output cannot be written.
-void process_blocks(Run& run, FileScan& scan, ScanVisitor& visitor) {
+void process_blocks(Run& run, FileScan& scan, PrintVisitor& visitor) {
   if (is_out_of_date_range(run.options, scan.header())) {
     QVX_LOG(QVX_LOG_DEBUG, "File content is out of date range");
     return;
   }
-  while (scan.next(visitor) && run.sink.error() == 0) {
+  Progress& so_far = progress();
+  const std::uint64_t bytes = so_far.bytes;
+  const std::uint64_t records = so_far.records;
+  bool goes_on = true;
+  while (goes_on) {
+    goes_on = scan.next(visitor) && run.sink.error() == 0;
+    so_far.bytes.store(bytes + scan.position(), std::memory_order_relaxed);
+    so_far.records.store(records + visitor.records_written(), std::memory_order_relaxed);
   }
 }
 
@@ -141,12 +149,14 @@ std::optional<std::vector<FileEntry>> read_entries(Run& run) {
 
 int process_files(const ReaderOptions& options, OutputSink& sink) {
   Run run(options, sink);
+  progress().all_files.fetch_add(options.input_files->count, std::memory_order_relaxed);
   if (run.format.one_document) sink.write("{");
   int failures = 0;
   bool is_first_file = true;
   const auto process = [&](const char* path) {
     if (sink.error() != 0) return;
     if (!process_file(run, path, is_first_file)) ++failures;
+    progress().files.fetch_add(1, std::memory_order_relaxed);
     is_first_file = false;
   };
   if (options.sort_files) {

@@ -52,6 +52,9 @@ class FileScan {
   // Whether the file has to count as failed.
   bool failed() const { return failed_; }
 
+  // Bytes read so far, of a file that is compressed as a whole unpacked ones.
+  std::uint64_t position() const { return input_.position(); }
+
   const qvx_data_file_header& header() const { return header_; }
   // In force at this point of the file.
   TypesInForce& types() { return types_; }
