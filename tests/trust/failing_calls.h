@@ -8,7 +8,7 @@
 
 namespace qvx::trust {
 
-// Not under a sanitizer, which has an allocator of its own.
+// Not under the address sanitizer, which has an allocator of its own.
 extern const bool can_fail_allocations;
 
 struct FailingCalls {
