@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "qvx/data/source.h"
+#include "qvx/support/file_descriptor.h"
 #include "qvx/support/log.h"
 #include "qvx/support/text.h"
 
@@ -28,13 +29,12 @@ using FilePtr = std::unique_ptr<std::FILE, CloseFile>;
 
 // Null for anything but a regular file: a device or a pipe may have no end.
 FilePtr open_regular(const char* path) {
-  const int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (descriptor < 0) return nullptr;
+  FileDescriptor descriptor(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
-  std::FILE* file = nullptr;
-  if (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) file = fdopen(descriptor, "r");
-  if (file == nullptr) close(descriptor);
-  return FilePtr(file);
+  if (!descriptor || fstat(descriptor.get(), &status) != 0 || !S_ISREG(status.st_mode)) return nullptr;
+  FilePtr file(fdopen(descriptor.get(), "r"));
+  if (file != nullptr) static_cast<void>(descriptor.release());
+  return file;
 }
 
 // Calls `use` with every line, up to its line end or its first NUL, until it returns false. False when

@@ -196,7 +196,7 @@ int qvx_discover_adapters(qvx_adapter_info* entries, int capacity) noexcept {
   return qvx::discover_adapters(qvx::kAdapterRoot, {entries, size});
 }
 
-void qvx_print_adapters(std::FILE* stream, const qvx_adapter_info* entries, int count) {
+void qvx_print_adapters(std::FILE* stream, const qvx_adapter_info* entries, int count) noexcept {
   for (int i = 0; i < count; ++i) {
     const qvx_adapter_info& entry = entries[i];
     if (entry.name[0] == '\0') continue;

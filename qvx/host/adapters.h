@@ -42,7 +42,7 @@ struct qvx_adapter_info {
 int qvx_discover_adapters(qvx_adapter_info* entries, int capacity) noexcept;
 
 // One line per field of every entry that has a name.
-void qvx_print_adapters(std::FILE* stream, const qvx_adapter_info* entries, int count);
+void qvx_print_adapters(std::FILE* stream, const qvx_adapter_info* entries, int count) noexcept;
 
 // The has_smi attribute of a port, deliberately turned round: 1 when it reads '0', 0 when it reads anything
 // else or does not exist, -1 when it cannot be read. Always 0 for the device "hcx4_0".

@@ -3,11 +3,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string>
+
+#include "qvx/support/log.h"
 
 char* qvx_host_name(char* buffer, std::size_t size) noexcept {
   if (buffer == nullptr || size == 0) return nullptr;
@@ -33,10 +36,14 @@ void qvx_client_id_destroy(qvx_client_id_t* id) noexcept {
   delete id;
 }
 
-void qvx_client_id_print_layout() {
-  std::puts("Client identifier qvx_client_id_t\n");  // puts adds a line end, so an empty line follows
-  // The heading of this table is narrower than that of the others.
-  const std::string table = qvx::layout_text(qvx::kClientIdLayout);
-  std::puts("Field                 Offset    Size");
-  std::fputs(table.c_str() + table.find('\n') + 1, stdout);
+void qvx_client_id_print_layout() noexcept {
+  try {
+    // The heading of this table is narrower than that of the others.
+    const std::string table = qvx::layout_text(qvx::kClientIdLayout);
+    std::puts("Client identifier qvx_client_id_t\n");  // puts adds a line end, so an empty line follows
+    std::puts("Field                 Offset    Size");
+    std::fputs(table.c_str() + table.find('\n') + 1, stdout);
+  } catch (const std::bad_alloc&) {
+    QVX_LOG(QVX_LOG_ERROR, "Failed to print client identifier layout: %s", std::strerror(ENOMEM));
+  }
 }

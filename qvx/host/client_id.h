@@ -36,8 +36,8 @@ char* qvx_host_name(char* buffer, std::size_t size) noexcept;
 qvx_client_id_t* qvx_client_id_create() noexcept;
 void qvx_client_id_destroy(qvx_client_id_t* id) noexcept;
 
-// Field names, offsets and sizes, to standard output.
-void qvx_client_id_print_layout();
+// Field names, offsets and sizes, to standard output; a line at level 3 instead when memory is short.
+void qvx_client_id_print_layout() noexcept;
 
 namespace qvx {
 

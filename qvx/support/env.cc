@@ -5,7 +5,7 @@
 
 #include "qvx/support/log.h"
 
-const char* qvx_getenv(const char* name) {
+const char* qvx_getenv(const char* name) noexcept {
   constexpr const char* kRoutine = "qvx_getenv";
   constexpr const char* kPrefix = "QVX_";
   const char* const alias = name + std::strlen(kPrefix);

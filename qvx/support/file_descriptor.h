@@ -23,6 +23,9 @@ class FileDescriptor {
   }
   ~FileDescriptor() { reset(); }
 
+  // Gives it up: whoever takes it closes it.
+  [[nodiscard]] int release() noexcept { return std::exchange(number_, -1); }
+
   explicit operator bool() const noexcept { return number_ >= 0; }
   int get() const noexcept { return number_; }
 

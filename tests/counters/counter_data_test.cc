@@ -84,6 +84,24 @@ TEST(CounterData, LineHasColumnsOf40And60Characters) {
             "| " + std::string(45, 'n') + " | " + std::string(60, 'd') + " |\n");
 }
 
+TEST(CounterData, ThereIsNoLineWhenMemoryIsShort) {
+  const CounterInfoPtr counter = test::make_counter("load", QVX_COUNTER_FP64);
+  const std::uint32_t level = qvx_logger_set_level(0);  // the capture needs memory itself
+  {
+    const test::FailingAllocations none(0);
+    EXPECT_FALSE(qvx_counter_line(counter.get()).has_value());
+  }
+  qvx_logger_set_level(level);
+}
+
+TEST(CounterData, LineOfACounterWithoutTextsIsBlank) {
+  const qvx_counter_info counter;
+  EXPECT_EQ(
+      qvx_counter_line(&counter),
+      "|                                          |                                                     "
+      "          |\n");
+}
+
 TEST(CounterData, DataTypesAreNamed) {
   EXPECT_EQ(counter_data_type_from_name("Undefined"), 0U);
   EXPECT_EQ(counter_data_type_from_name("UINT64"), 1U);

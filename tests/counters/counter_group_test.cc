@@ -139,5 +139,26 @@ TEST(CounterGroup, RoomForCountersAndGroupsDoubles) {
   EXPECT_EQ(group_rooms, counter_rooms);
 }
 
+TEST(CounterGroup, ListNeedsNoMemory) {
+  const CounterGroupPtr group(
+      test::make_group(0, 1, {{"a name that no string keeps within itself", QVX_COUNTER_FP64}, {"b", 0}}));
+  group->counters[1]->name.reset();
+  group->counters[1]->description.reset();
+  test::CapturedStream stream;
+  {
+    const test::FailingAllocations none(0);
+    qvx_counter_group_print_list(stream.file(), group.get());
+  }
+  EXPECT_EQ(stream.text(),
+            "------------------------------------------\n"
+            "| Granularity per NODE (1 counter sets) \n"
+            "------------------------------------------\n"
+            "|  # | Active counter       | Description                             \n"
+            "------------------------------------------\n"
+            "|  0 | a name that no string keeps within itself | about it                                \n"
+            "|  1 |                      |                                         \n"
+            "------------------------------------------\n");
+}
+
 }  // namespace
 }  // namespace qvx

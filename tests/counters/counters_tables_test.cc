@@ -5,12 +5,14 @@
 #include <algorithm>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "tests/support/captured_stream.h"
 #include "tests/support/counters_builder.h"
 #include "tests/support/env_guard.h"
+#include "tests/support/failing_allocations.h"
 #include "tests/support/guarded_buffer.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/record_bytes.h"
@@ -226,6 +228,28 @@ TEST(CountersTables, CountTheMemoryOfTheirTexts) {
   EXPECT_GT(one.bytes(), sizeof one);
   EXPECT_GT(many.bytes(), one.bytes() + 1000 * (4 * 20 + 4));
   EXPECT_LT(many.bytes(), one.bytes() + 1000 * 400);
+}
+
+TEST_F(CountersTablesTest, ShortMemoryPrintsNothing) {
+  const CountersSchemaPtr schema = make_schema({make_group(0, 400, {{"load", QVX_COUNTER_FP64}})});
+  const RecordBytes bytes = block();
+  const std::string whole = printed(*schema, bytes.bytes());
+  ASSERT_GT(whole.size(), OutputSink::kSmallCapacity);  // the text grows more than once
+  std::optional<test::CapturedStream> stream;
+  const auto print = [&] { return qvx_counters_block_print(stream->file(), bytes.bytes(), schema.get()); };
+  std::size_t failures = 0;
+  for (bool complete = false; !complete; ++failures) {
+    stream.emplace();
+    const std::uint32_t level = qvx_logger_set_level(0);
+    {
+      const test::FailingAllocations failing(failures);
+      EXPECT_EQ(print(), !failing.any_failed());
+      complete = !failing.any_failed();
+    }
+    qvx_logger_set_level(level);
+    EXPECT_EQ(stream->text(), complete ? whole : "");
+  }
+  EXPECT_GT(failures, 5U);
 }
 
 }  // namespace

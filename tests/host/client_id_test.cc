@@ -96,5 +96,16 @@ TEST(ClientId, LayoutDumpListsBothFields) {
             " port                       64        2\n");
 }
 
+TEST(ClientId, LayoutDumpIsMissingWhenMemoryIsShort) {
+  testing::internal::CaptureStdout();
+  const std::uint32_t level = qvx_logger_set_level(0);
+  {
+    const FailingAllocations none(0);
+    qvx_client_id_print_layout();
+  }
+  qvx_logger_set_level(level);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
 }  // namespace
 }  // namespace qvx

@@ -36,7 +36,7 @@ std::uint32_t builtin_type_id(const char* name) noexcept {
 
 }  // namespace qvx
 
-void qvx_builtin_types_print(std::FILE* stream) {
+void qvx_builtin_types_print(std::FILE* stream) noexcept {
   std::fprintf(stream, " %2s %-25s  %-8s\n", "Id", "Name", "Size");
   for (const qvx::BuiltinType& type : qvx::kBuiltinTypes)
     std::fprintf(stream, " %2d %-25s  %-8zu\n", static_cast<int>(type.id), type.name, type.size);

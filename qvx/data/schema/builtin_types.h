@@ -59,4 +59,4 @@ std::uint32_t builtin_type_id(const char* name) noexcept;
 }  // namespace qvx
 
 // The table, a line a type below a line of headings.
-void qvx_builtin_types_print(std::FILE* stream);
+void qvx_builtin_types_print(std::FILE* stream) noexcept;

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "tests/support/allocation_sweep.h"
 #include "tests/support/guarded_buffer.h"
 #include "tests/support/record_bytes.h"
 #include "tests/support/type_set.h"
@@ -155,6 +156,17 @@ TEST_F(RecordInfluxTest, TruncatedRecordHasNoText) {
   test::for_every_truncation(record.bytes(), [&](Bytes bytes) {
     EXPECT_EQ(qvx_record_to_influx(&type, bytes), std::nullopt) << bytes.size();
   });
+}
+
+TEST_F(RecordInfluxTest, ShortMemoryMakesNoTextAndThrowsNothing) {
+  qvx_type_definition& type = types_.make();
+  types_.add(type, "a", "uint32_t");
+  types_.add(type, "a name that is longer than a string keeps within itself", "double");
+  const RecordBytes record = RecordBytes().add(std::uint32_t{1}).add(1.0);
+  const auto text = [&] { return qvx_record_to_influx(&type, record.bytes()); };
+  const auto whole = text();
+  ASSERT_TRUE(whole.has_value());
+  test::sweep_allocations(text, [&](const std::optional<std::string>& made) { return made == whole; });
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tests/support/allocation_sweep.h"
 #include "tests/support/guarded_buffer.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/record_bytes.h"
@@ -289,6 +290,18 @@ TEST_F(RecordJsonTest, ValueOfABuiltInTypeIsANumber) {
   EXPECT_EQ(qvx_builtin_to_json(13, RecordBytes().add(0.5).bytes())->as_number(), 0.5);
   EXPECT_EQ(qvx_builtin_to_json(12, RecordBytes().add(0.25F).bytes())->as_number(), 0.25);
   EXPECT_EQ(qvx_builtin_to_json(13, ones.bytes().first(7)), std::nullopt);
+}
+
+TEST_F(RecordJsonTest, ShortMemoryMakesNoTextAndThrowsNothing) {
+  qvx_type_definition& type = types_.make();
+  types_.add(type, "a", "uint32_t", 3);
+  types_.add(type, "a name that is longer than a string keeps within itself", "double");
+  const RecordBytes record =
+      RecordBytes().add(std::uint32_t{1}).add(std::uint32_t{2}).add(std::uint32_t{3}).add(1.0);
+  const auto text = [&] { return qvx_record_to_json(&type, record.bytes(), json::Style::pretty); };
+  const auto whole = text();
+  ASSERT_TRUE(whole.has_value());
+  test::sweep_allocations(text, [&](const std::optional<std::string>& made) { return made == whole; });
 }
 
 }  // namespace
