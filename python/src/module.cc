@@ -1,5 +1,5 @@
-// The module qvx._core: data sets, surveys and streams of columns for the Python package, which gives them their
-// public form. Everything that reads files runs without the interpreter's lock.
+// The module qvx._core: data sets, surveys and streams of columns for the Python package, which gives them
+// their public form. Everything that reads files runs without the interpreter's lock.
 #include <nanobind/nanobind.h>
 #include <nanobind/stl/optional.h>
 #include <nanobind/stl/pair.h>
@@ -96,10 +96,12 @@ class Data {
     }
     nb::list tables;
     for (const TableSurvey& table : found.tables)
-      tables.append(nb::make_tuple(table.name, kind_name(table.kind), table.rows, table.blocks, times_of(table.times)));
+      tables.append(
+          nb::make_tuple(table.name, kind_name(table.kind), table.rows, table.blocks, times_of(table.times)));
     nb::list sources;
     for (const SourceSurvey& source : found.sources)
-      sources.append(nb::make_tuple(source.id, source.tag, source.files, source.rows, times_of(source.times)));
+      sources.append(
+          nb::make_tuple(source.id, source.tag, source.files, source.rows, times_of(source.times)));
     nb::list files;
     for (const FileSurvey& file : found.files) {
       nb::dict one;
@@ -198,7 +200,8 @@ NB_MODULE(_core, module) {
       .def("survey", &Data::survey, nb::arg("threads"));
   nb::class_<BoundQuery>(module, "BoundQuery")
       .def(nb::init<const Data&, const std::string&, std::vector<std::string>, std::optional<std::uint64_t>,
-                    std::optional<std::uint64_t>, std::vector<std::pair<std::string, std::vector<std::string>>>,
+                    std::optional<std::uint64_t>,
+                    std::vector<std::pair<std::string, std::vector<std::string>>>,
                     std::optional<std::uint64_t>, std::size_t, unsigned, bool, bool>())
       .def("schema", &BoundQuery::schema)
       .def("stream", &BoundQuery::stream)
