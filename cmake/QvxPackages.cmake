@@ -62,8 +62,6 @@ if(QVX_DEBIAN_FILES)
   install(FILES ${qvx_debian_dir}/qvx.5.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT tools)
   # The licence stands in /usr/share/common-licenses; the notices of the linked libraries do not.
   file(READ NOTICE QVX_NOTICE)
-  string(REGEX REPLACE "\n\n" "\n.\n" QVX_NOTICE "${QVX_NOTICE}")
-  string(REGEX REPLACE "\n" "\n " QVX_NOTICE "${QVX_NOTICE}")
   configure_file(packaging/debian/copyright.in ${qvx_debian_dir}/copyright @ONLY)
   foreach(component TOOLS RUNTIME DEV)
     string(TOLOWER ${component} lower)
