@@ -25,7 +25,7 @@ qvx_schema_id write_schema() {
                                    {"celsius", "temperature", "double", kAbsoluteCounting, 1}};
   qvx_schema* schema = qvx_type_system_new_schema(types.get(), "weather", pack_version(1, 0, 0), nullptr);
   if (schema == nullptr || qvx_schema_add_type(schema, "reading", fields, 2, nullptr) != 0) return {};
-  qvx_type_system_fill_digests(types.get());
+  if (!qvx_type_system_fill_digests(types.get())) return {};
   SchemaWriter(".").onSchema(qvx_type_system_to_json_text(types.get(), true).value_or(""));
   return schema->md5_digest;
 }

@@ -29,7 +29,7 @@ class TextTarget : public MetricsRecordTarget {
   void file_error(const char*) override {}
 
   const std::string& text() {
-    sink_.flush();
+    static_cast<void>(sink_.flush());
     return text_;
   }
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "qvx/metrics/histogram.h"
+#include "qvx/metrics/histogram_store.h"
 #include "qvx/support/log.h"
 
 namespace {

@@ -47,20 +47,3 @@ sample() {
 
 sample plain "its pages saved as they are" --source node7
 sample gzip "its pages compressed" --source node7 --compress gzip
-
-# The same files as tables.
-if python_package cli; then
-  printf '\n'
-  say "This machine's counters as tables"
-  qvx() {
-    { printf '\n$ qvx' && printf ' %q' "$@" && printf '\n'; } | sed "s#$QVX_SCRATCH/##g"
-    build/venv/bin/qvx "$@" | cut -c "1-$width"
-  }
-  qvx info "$QVX_SCRATCH/gzip"
-  columns=$(build/venv/bin/python -c 'import qvx, sys
-for column in qvx.open(sys.argv[1]).tables["counters"].columns:
-    if column.name not in ("timestamp", "set"): print(column.name)' "$QVX_SCRATCH/gzip")
-  counter=$(grep -m 1 load <<<"$columns" || head -n 1 <<<"$columns")
-  qvx sql "$QVX_SCRATCH/gzip" "select count(*) samples, min(\"$counter\") low, max(\"$counter\") high from counters"
-  qvx plot "$QVX_SCRATCH/gzip" -c "$counter"
-fi

@@ -97,7 +97,7 @@ TEST(CounterData, ThereIsNoLineWhenMemoryIsShort) {
 TEST(CounterData, LineOfACounterWithoutTextsIsBlank) {
   const qvx_counter_info counter;
   EXPECT_EQ(
-      qvx_counter_line(&counter),
+      qvx_counter_line(&counter).value_or(""),
       "|                                          |                                                     "
       "          |\n");
 }

@@ -43,6 +43,8 @@ def main(program):
             continue
         for command, expected in re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", block, re.MULTILINE):
             arguments = shlex.split(command)
+            if arguments[0] == "qvx":  # of the Python package, whose own tests run its commands
+                continue
             assert arguments[0] == "qvx_read", command
             output = subprocess.run([program, *arguments[1:]], cwd=TOP, check=True, capture_output=True, text=True).stdout
             if not pattern(expected).fullmatch(output):

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include "qvx/support/log.h"
 #include "tests/support/env_guard.h"
 #include "tests/support/failing_allocations.h"
 #include "tests/support/fake_host_name.h"
