@@ -18,6 +18,8 @@ ELSEWHERE = {
     "./scripts/test.sh": "scripts/test_readme.sh",
     "cmake --preset release && cmake --build --preset release": ".ci/run, by way of scripts/test.sh",
     "cmake --install build/release --prefix <folder>": "tests/install/install_test.cmake",
+    "./python[cli]": "scripts/test_python.sh",
+    "pip install ./python": "scripts/test_python.sh",
     "pkg-config --cflags --libs qvx": "tests/install/install_test.cmake",
     "qvx_read [options] data1.bin [data2.bin...]": "nothing: it is the form of all others",
 }
