@@ -35,8 +35,9 @@ int with_short_rest(const char* path, Use use) {
     rest.remove_prefix(slash);
     rest.remove_prefix(std::min(rest.find_first_not_of('/'), rest.size()));
   }
-  // What is left ends where the path ends.
-  return use(folder ? folder.get() : AT_FDCWD, rest.empty() ? "." : rest.data());
+  if (!folder) return use(AT_FDCWD, path);
+  // What is left ends where the path ends; nothing is left of a path that ends in slashes.
+  return use(folder.get(), rest.empty() ? "." : rest.data());
 }
 
 }  // namespace
