@@ -151,8 +151,9 @@ TEST_F(SchemaJsonTest, ArrayLengthIsAbsentOrOneOrModulo65536) {
   EXPECT_EQ(read_field(R"(,"array_length":65537)")->array_length, 1U);
   EXPECT_EQ(read_field(R"(,"array_length":131075)")->array_length, 3U);
   EXPECT_EQ(read_field(R"(,"array_length":2.9)")->array_length, 2U);
-  EXPECT_EQ(read_field(R"(,"array_length":-1)")->array_length, 65535U);
-  EXPECT_EQ(read_field(R"(,"array_length":1e300)")->array_length, 1U);
+  EXPECT_EQ(read_field(R"(,"array_length":-1)")->array_length, 1U);
+  EXPECT_EQ(read_field(R"(,"array_length":-65535)")->array_length, 1U);
+  EXPECT_EQ(read_field(R"(,"array_length":1e300)")->array_length, 65535U);
   EXPECT_EQ(read_field(R"(,"array_length":"4")")->array_length, 1U);
 }
 
