@@ -17,31 +17,16 @@
 #include "qvx/support/log.h"
 #include "qvx/support/output_sink.h"
 #include "tests/data/sample_builder.h"
+#include "tests/reader/reader_files.h"
 #include "tests/support/env_guard.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
 namespace qvx::test {
 
-// 2023-11-14 22:13:20 UTC.
-inline constexpr std::uint64_t kStart = 1700000000000000;
-
 inline const qvx_schema_id kEvents = id_of_byte(0xE1);
 inline const qvx_schema_id kOtherEvents = id_of_byte(0xE2);
 inline const qvx_schema_id kCounters = id_of_byte(0xC1);
-
-inline std::string events_schema(std::string_view field) {
-  return R"({"qvx_version":"1.5.0","provider_name":"p","provider_version":"1.0.0","types":[{"name":"sample",)"
-         R"("size":2,"fields":[{"field_name":")" +
-         std::string(field) +
-         R"(","description":"","type_name":"uint16_t","counting_mode":"ABSOLUTE","offset":0,"type_size":2,)"
-         R"("index":0}]}]})";
-}
-
-inline constexpr std::string_view kCountersSchema =
-    R"({"version":"1.5.0","counter_groups":[{"granularity":"NODE","name":"g","num_counters":1,)"
-    R"("num_counter_sets":1,"counters":[{"name":"c","description":"","units":"","data_type":"UINT64",)"
-    R"("counting_type":"ABSOLUTE"}]}]})";
 
 // A block of events that count up from a number; 16 bytes and two for each.
 inline std::string events(std::uint16_t first, std::size_t count, std::uint8_t schema_index = 0) {
@@ -66,9 +51,9 @@ inline PageBlockHeader page_at(std::uint64_t time, std::string source = "node1",
 class BinOutputFiles : public ::testing::Test {
  protected:
   BinOutputFiles() {
-    temp_.write_file("schema/" + schema_file_name(kEvents), events_schema("v"));
-    temp_.write_file("schema/" + schema_file_name(kOtherEvents), events_schema("w"));
-    temp_.write_file("schema/" + schema_file_name(kCounters), kCountersSchema);
+    temp_.write_file("schema/" + schema_file_name(kEvents), events_schema_with_field("v"));
+    temp_.write_file("schema/" + schema_file_name(kOtherEvents), events_schema_with_field("w"));
+    temp_.write_file("schema/" + schema_file_name(kCounters), kUsualCounters);
     std::filesystem::create_directories(output());
   }
 

@@ -111,7 +111,7 @@ TEST_F(BinSchemas, MoreThanAHeaderNamesAreSavedAndAFailure) {
   for (std::uint8_t slot = 0; slot < 8; ++slot) {
     ids.push_back(test::id_of_byte(static_cast<std::uint8_t>(0xA0 + slot)));
     temp_.write_file("schema/" + test::schema_file_name(ids.back()),
-                     test::events_schema("f" + std::to_string(slot)));
+                     test::events_schema_with_field("f" + std::to_string(slot)));
   }
   const std::string names_them = schemas_block(ids) + events(1, 2, 7);
   resave({temp_.write_file("in.bin", sample_file(header(), {unit(0, "a", names_them)}))});

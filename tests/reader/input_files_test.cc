@@ -250,7 +250,7 @@ TEST_F(WalkTest, TreeOfAnyDepthIsWalked) {
 
 TEST_F(WalkTest, FileWithAPathOfAnyLengthIsFoundAndRead) {
   const std::string name(250, 'n');
-  make_deep(files_.path("top"), name, 20, test::header_bytes() + test::events_block({7}));
+  make_deep(files_.path("top"), name, 20, test::file_header(test::usual_header()) + test::usual_events({7}));
   EXPECT_TRUE(walk());
   EXPECT_EQ(err_, "");
   ASSERT_EQ(found(), Paths{repeated(name + '/', 20) + "a.bin"});

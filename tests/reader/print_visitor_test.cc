@@ -13,15 +13,13 @@
 namespace qvx {
 namespace {
 
-using test::counters_block;
 using test::counters_line;
-using test::events_block;
-using test::gzipped;
 using test::LogCapture;
-using test::page_block;
 using test::ReaderFiles;
-using test::schemas_block;
-using test::snappied;
+using test::usual_counters;
+using test::usual_events;
+using test::usual_page;
+using test::usual_schemas;
 
 // Prints what a walk over bytes that end at a guarded page hands out, with the usual schemas loaded.
 class PrintVisitorTest : public testing::Test {
@@ -75,30 +73,30 @@ class PrintVisitorTest : public testing::Test {
 using Texts = std::vector<std::string>;
 
 TEST_F(PrintVisitorTest, OnlyTheFirstCountersBlockOfAChainIsRead) {
-  EXPECT_TRUE(chain(counters_block(1) + counters_block(2)));
+  EXPECT_TRUE(chain(usual_counters(1) + usual_counters(2)));
   EXPECT_EQ(out_, counters_line(1));
   EXPECT_EQ(records_written_, 1u);
 }
 
 TEST_F(PrintVisitorTest, SkippedCountersBlockStillCounts) {
   options_.timestamp_lt = test::kStart - 1;
-  EXPECT_TRUE(chain(counters_block(1)));
+  EXPECT_TRUE(chain(usual_counters(1)));
   EXPECT_EQ(out_, "");
   EXPECT_EQ(records_written_, 1u);
 }
 
 TEST_F(PrintVisitorTest, BothEndsOfTheRangeAreTaken) {
   options_.timestamp_gt = options_.timestamp_lt = test::kStart;
-  EXPECT_TRUE(chain(counters_block(1)));
+  EXPECT_TRUE(chain(usual_counters(1)));
   EXPECT_EQ(out_, counters_line(1));
-  EXPECT_TRUE(chain(counters_block(1, test::kStart - 1)));
+  EXPECT_TRUE(chain(usual_counters(1, test::kStart - 1)));
   EXPECT_EQ(out_, "");
-  EXPECT_TRUE(chain(counters_block(1, test::kStart + 1)));
+  EXPECT_TRUE(chain(usual_counters(1, test::kStart + 1)));
   EXPECT_EQ(out_, "");
 }
 
 TEST_F(PrintVisitorTest, KindIsToldByTheFourthByteAlone) {
-  EXPECT_TRUE(chain("???E" + events_block({1}).substr(4)));
+  EXPECT_TRUE(chain("???E" + usual_events({1}).substr(4)));
   EXPECT_EQ(out_, "{\"v\":1}\n");
 }
 
@@ -122,58 +120,58 @@ TEST_F(PrintVisitorTest, ChainOfFewerThanFiveBytesIsDone) {
 }
 
 TEST_F(PrintVisitorTest, FewerThanFiveBytesBehindABlockAreDone) {
-  EXPECT_TRUE(chain(events_block({1}) + "QVXB"));
+  EXPECT_TRUE(chain(usual_events({1}) + "QVXB"));
   EXPECT_TRUE(log_.messages().empty());
-  EXPECT_TRUE(chain(events_block({1}) + "QVXB."));
+  EXPECT_TRUE(chain(usual_events({1}) + "QVXB."));
   EXPECT_EQ(log_.texts(QVX_LOG_DEBUG), Texts{"Unexpected block type 3 at offset 18"});
 }
 
 TEST_F(PrintVisitorTest, RecordsAreWalkedAlsoWhenTheyAreNotSelected) {
   options_.exclude_counters = make_string_array({"*"});
-  EXPECT_TRUE(chain(events_block({1, 2}) + events_block({3}, 0, 0)));
+  EXPECT_TRUE(chain(usual_events({1, 2}) + usual_events({3}, 0, 0)));
   EXPECT_EQ(out_, "");
   EXPECT_EQ(records_written_, 0u);
   EXPECT_TRUE(log_.messages().empty());
 }
 
 TEST_F(PrintVisitorTest, BlockWithoutRecordsIsItsHeader) {
-  EXPECT_TRUE(chain(events_block({}) + events_block({7})));
+  EXPECT_TRUE(chain(usual_events({}) + usual_events({7})));
   EXPECT_EQ(out_, "{\"v\":7}\n");
 }
 
 TEST_F(PrintVisitorTest, RecordsThatAreNotWhollyThereAreLeftOut) {
-  std::string block = events_block({1, 2, 3});
+  std::string block = usual_events({1, 2, 3});
   block.pop_back();
   EXPECT_TRUE(chain(block));
   EXPECT_EQ(out_, "{\"v\":1}\n{\"v\":2}\n");
 }
 
 TEST_F(PrintVisitorTest, MissingTypeFailsAtItsBlock) {
-  EXPECT_FALSE(chain(events_block({1}) + events_block({2}, 0, 300)));
+  EXPECT_FALSE(chain(usual_events({1}) + usual_events({2}, 0, 300)));
   EXPECT_EQ(errors(),
             (Texts{"Type definition 0:300 not found", "Failed to process block of type 1 at offset 18"}));
   EXPECT_EQ(out_, "{\"v\":1}\n");
-  EXPECT_FALSE(chain(events_block({}, 9)));
+  EXPECT_FALSE(chain(usual_events({}, 9)));
   EXPECT_EQ(errors(),
             (Texts{"Type definition 9:0 not found", "Failed to process block of type 1 at offset 0"}));
 }
 
 TEST_F(PrintVisitorTest, SchemasBlockReplacesTheTypes) {
-  constexpr std::string_view kOther = "e2e2e2e2e2e2e2e2e2e2e2e2e2e2e2e2";
+  constexpr const char* kOther = "e2e2e2e2e2e2e2e2e2e2e2e2e2e2e2e2";
   files_.write_schema(kOther, test::events_schema_with_field("w"));
-  EXPECT_TRUE(chain(events_block({1}) + schemas_block(kOther) + events_block({2})));
+  EXPECT_TRUE(chain(usual_events({1}) + usual_schemas(kOther) + usual_events({2})));
   EXPECT_EQ(out_, "{\"v\":1}\n{\"w\":2}\n");
 }
 
 TEST_F(PrintVisitorTest, SchemasBlockOfSize0EndsInsteadOfRunningForever) {
-  std::string block = schemas_block(test::kEventsId);
+  std::string block = usual_schemas(test::kEventsId);
   block[4] = block[5] = '\0';
   EXPECT_FALSE(chain(block));
   EXPECT_EQ(errors(), Texts{"Failed to process block of type 2 at offset 0"});
 }
 
 TEST_F(PrintVisitorTest, SchemasBlockSmallerThanItsIdentifiersIsSteppedByItsSize) {
-  std::string block = schemas_block(test::kEventsId);
+  std::string block = usual_schemas(test::kEventsId);
   block[4] = '\x10';
   block[5] = '\0';
   EXPECT_TRUE(chain(block));
@@ -181,13 +179,13 @@ TEST_F(PrintVisitorTest, SchemasBlockSmallerThanItsIdentifiersIsSteppedByItsSize
 }
 
 TEST_F(PrintVisitorTest, PagesAreReadOneAfterTheOther) {
-  EXPECT_TRUE(pages(page_block('G', gzipped(events_block({1}))) +
-                    page_block('S', snappied(counters_block(2))) + std::string(20, '\0')));
+  EXPECT_TRUE(
+      pages(usual_page('G', usual_events({1})) + usual_page('S', usual_counters(2)) + std::string(20, '\0')));
   EXPECT_EQ(out_, "{\"v\":1}\n" + counters_line(2));
 }
 
 TEST_F(PrintVisitorTest, PageThatDoesNotFitEndsTheWalkWithoutFailure) {
-  const std::string good = page_block('G', gzipped(events_block({1})));
+  const std::string good = usual_page('G', usual_events({1}));
   EXPECT_TRUE(pages(good + good.substr(0, good.size() - 1)));
   EXPECT_EQ(out_, "{\"v\":1}\n");
   std::string wrong = good;
@@ -197,17 +195,17 @@ TEST_F(PrintVisitorTest, PageThatDoesNotFitEndsTheWalkWithoutFailure) {
 }
 
 TEST_F(PrintVisitorTest, FailedPageEndsTheWalkBeforeTheNextOne) {
-  const std::string good = page_block('G', gzipped(events_block({1})));
-  EXPECT_FALSE(pages(page_block('Z', "x") + good));
+  const std::string good = usual_page('G', usual_events({1}));
+  EXPECT_FALSE(pages(test::page_block_of_payload(test::usual_page_header('Z'), "x") + good));
   EXPECT_EQ(out_, "");
   EXPECT_TRUE(errors().empty());
-  EXPECT_FALSE(pages(good + page_block('Z', "x")));
+  EXPECT_FALSE(pages(good + test::page_block_of_payload(test::usual_page_header('Z'), "x")));
   EXPECT_EQ(out_, "{\"v\":1}\n");
 }
 
 // Of a cut chain the records that are wholly there are printed, and nothing of any other.
 TEST_F(PrintVisitorTest, EveryTruncationPrintsTheRecordsBeforeIt) {
-  const std::string events = events_block({1, 2}) + schemas_block(test::kEventsId) + events_block({3});
+  const std::string events = usual_events({1, 2}) + usual_schemas(test::kEventsId) + usual_events({3});
   for (std::size_t size = 0; size < events.size(); ++size) {
     chain(events.substr(0, size));
     std::string expected;
@@ -219,13 +217,13 @@ TEST_F(PrintVisitorTest, EveryTruncationPrintsTheRecordsBeforeIt) {
   EXPECT_TRUE(chain(events));
   EXPECT_EQ(events.size(), 294u);
   EXPECT_EQ(out_, "{\"v\":1}\n{\"v\":2}\n{\"v\":3}\n");
-  const std::string counters = counters_block(1);
+  const std::string counters = usual_counters(1);
   for (std::size_t size = 0; size < counters.size(); ++size) {
     EXPECT_FALSE(chain(counters.substr(0, size))) << size;
     EXPECT_EQ(out_, "") << size;
   }
-  const std::string first = page_block('G', gzipped(events_block({1})));
-  const std::string packed = first + page_block('S', snappied(events_block({2})));
+  const std::string first = usual_page('G', usual_events({1}));
+  const std::string packed = first + usual_page('S', usual_events({2}));
   for (std::size_t size = 4; size < packed.size(); ++size) {
     EXPECT_TRUE(pages(packed.substr(0, size))) << size;
     ASSERT_EQ(out_, size >= first.size() ? "{\"v\":1}\n" : "") << size;
@@ -234,23 +232,23 @@ TEST_F(PrintVisitorTest, EveryTruncationPrintsTheRecordsBeforeIt) {
 
 TEST_F(PrintVisitorTest, PatternsSelectTypesByName) {
   options_.exclude_counters = make_string_array({"SAMPLE"});
-  EXPECT_TRUE(chain(events_block({1})));
+  EXPECT_TRUE(chain(usual_events({1})));
   EXPECT_EQ(out_, "");
   options_.exclude_counters = make_string_array();
   options_.include_counters = make_string_array({"other", "sam*"});
-  EXPECT_TRUE(chain(events_block({1})));
+  EXPECT_TRUE(chain(usual_events({1})));
   EXPECT_EQ(out_, "{\"v\":1}\n");
 }
 
 TEST_F(PrintVisitorTest, RefusedFormatsTellSoAndGoOn) {
   options_.format = OutputFormat::csv;
-  EXPECT_TRUE(chain(events_block({1, 2})));
+  EXPECT_TRUE(chain(usual_events({1, 2})));
   const std::string line =
       "Failed processing file " + files_.path("a.bin") + ": CSV output is not supported yet\n";
   EXPECT_EQ(err_, line + line);
   EXPECT_EQ(records_written_, 2u);
   options_.format = OutputFormat::influx;
-  EXPECT_TRUE(chain(counters_block(1)));
+  EXPECT_TRUE(chain(usual_counters(1)));
   EXPECT_EQ(err_, "Failed processing file " + files_.path("a.bin") +
                       ": Influx line API output is not yet supported for counters data\n");
 }

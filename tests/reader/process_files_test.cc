@@ -28,24 +28,23 @@
 namespace qvx {
 namespace {
 
-using test::counters_block;
 using test::counters_line;
-using test::events_block;
-using test::gzipped;
-using test::header_bytes;
+using test::file_header;
+using test::gzip;
 using test::padded;
-using test::page_block;
 using test::ReaderFiles;
 using test::run;
 using test::RunResult;
-using test::snappied;
+using test::usual_counters;
+using test::usual_events;
+using test::usual_header;
+using test::usual_page;
 
 // One data block of each kind.
 std::string mixed_file() {
-  return header_bytes() + padded(events_block({1, 2}), 256) + padded(counters_block(3), 256) +
-         padded(page_block('G', gzipped(events_block({4}))) + page_block('S', snappied(counters_block(5))),
-                256) +
-         test::schemas_block(test::kEventsId) + padded(events_block({6}), 100);
+  return file_header(usual_header()) + padded(usual_events({1, 2}), 256) + padded(usual_counters(3), 256) +
+         padded(usual_page('G', usual_events({4})) + usual_page('S', usual_counters(5)), 256) +
+         test::usual_schemas(test::kEventsId) + padded(usual_events({6}), 100);
 }
 
 std::string mixed_output() {
@@ -56,7 +55,7 @@ TEST(ProcessFilesTest, ReadsPlainAndGzipFilesAlike) {
   const ReaderFiles files;
   ReaderOptions options = files.options();
   const RunResult result =
-      run(options, {files.write("a.bin", mixed_file()), files.write("b.bin", gzipped(mixed_file()))});
+      run(options, {files.write("a.bin", mixed_file()), files.write("b.bin", gzip(mixed_file()))});
   EXPECT_EQ(result.failures, 0);
   EXPECT_EQ(result.out, mixed_output() + mixed_output());
   EXPECT_EQ(result.err, "");
@@ -73,7 +72,7 @@ TEST(ProcessFilesTest, OneFailureIsCountedForEveryFailedFile) {
 TEST(ProcessFilesTest, JsonSeparatesByPositionNotBySuccess) {
   const ReaderFiles files;
   ReaderOptions options = files.options(OutputFormat::json);
-  const std::string empty = files.write("empty.bin", header_bytes());
+  const std::string empty = files.write("empty.bin", file_header(usual_header()));
   const std::string bad = files.write("bad.bin", "");
   EXPECT_EQ(run(options, {bad, empty, bad, empty}).out, "{,\"empty\":[],\"empty\":[]}");
   EXPECT_EQ(run(options, {}).out, "{}");
@@ -82,9 +81,10 @@ TEST(ProcessFilesTest, JsonSeparatesByPositionNotBySuccess) {
 TEST(ProcessFilesTest, FileIsSkippedOnlyWhenAllFourConditionsHold) {
   const ReaderFiles files;
   ReaderOptions options = files.options();
-  test::HeaderFields fields;
-  fields.first_timestamp = 200;  // the last is 210
-  const std::string file = files.write("a.bin", header_bytes(fields) + padded("QVXB", 256));
+  test::FileHeader fields = test::usual_header();
+  fields.first_timestamp = 200;
+  fields.last_timestamp = 210;
+  const std::string file = files.write("a.bin", file_header(fields) + padded("QVXB", 256));
   options.timestamp_gt = 211;
   options.timestamp_lt = 199;
   EXPECT_EQ(run(options, {file}).failures, 0);
@@ -100,8 +100,8 @@ constexpr std::size_t kPagesAt = 768;
 
 // What mixed_file() prints in ndjson when it ends at any byte.
 std::string output_of_beginning(std::size_t size) {
-  const std::size_t first_page = page_block('G', gzipped(events_block({4}))).size();
-  const std::size_t second_page = page_block('S', snappied(counters_block(5))).size();
+  const std::size_t first_page = usual_page('G', usual_events({4})).size();
+  const std::size_t second_page = usual_page('S', usual_counters(5)).size();
   std::string out;
   const auto print_from = [&](std::size_t needed, const std::string& line) {
     if (size >= needed) out += line;
@@ -144,7 +144,8 @@ TEST(ProcessFilesTest, EveryTruncationPrintsWhatStandsBeforeIt) {
 TEST(ProcessFilesTest, EveryTruncationOfADocumentClosesWhatIsWhole) {
   const ReaderFiles files;
   ReaderOptions options = files.options(OutputFormat::json);
-  const std::string whole = header_bytes() + padded(events_block({1, 2}), 256) + events_block({3});
+  const std::string whole =
+      file_header(usual_header()) + padded(usual_events({1, 2}), 256) + usual_events({3});
   const std::string path = files.write("a.bin", whole);
   for (std::size_t size = whole.size();; --size) {
     std::string expected;
@@ -179,7 +180,7 @@ std::string unpacked_beginning(std::string_view packed) {
 TEST(ProcessFilesTest, EveryTruncationOfAGzipFilePrintsWhatWasDecodedAndFails) {
   const ReaderFiles files;
   ReaderOptions options = files.options();
-  const std::string whole = gzipped(mixed_file());
+  const std::string whole = gzip(mixed_file());
   for (std::size_t size = 0; size < whole.size(); ++size) {
     const std::string path = files.write("a.bin", whole.substr(0, size));
     const std::size_t unpacked = size < 2 ? 0 : unpacked_beginning(whole.substr(0, size)).size();
@@ -201,12 +202,12 @@ class ManyFilesTest : public testing::Test {
 
   ManyFilesTest() {
     for (std::size_t at = 0; at < kCount; ++at) {
-      test::HeaderFields fields;
+      test::FileHeader fields = test::usual_header();
       fields.first_timestamp = kCount - at;
       fields.block_size = 64;
       const std::string name = "data/" + std::to_string(at) + ".bin";
       paths_.push_back(files_.write(
-          name, header_bytes(fields) + padded(events_block({static_cast<std::uint16_t>(at)}), 64)));
+          name, file_header(fields) + padded(usual_events({static_cast<std::uint16_t>(at)}), 64)));
     }
   }
 
@@ -257,9 +258,8 @@ TEST_F(ManyFilesTest, EachSchemaFileIsOpenedOnce) {
 TEST(ProcessFilesTest, HugeBlockSizeCostsNoMemory) {
   if (!test::MemoryLimit::kSupported) GTEST_SKIP() << "a sanitizer keeps books about memory";
   const ReaderFiles files;
-  test::HeaderFields fields;
-  fields.block_size = 125829119;
-  const std::string path = files.write("a.bin", header_bytes(fields));
+  test::FileHeader fields = test::usual_header(125829119);
+  const std::string path = files.write("a.bin", file_header(fields));
   const pid_t child = fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
@@ -283,9 +283,8 @@ TEST(ProcessFilesTest, HugeBlockSizeCostsNoMemory) {
 TEST(ProcessFilesTest, BlockThatCannotBeAllocatedFailsItsFileOnly) {
   if (!test::MemoryLimit::kSupported) GTEST_SKIP() << "a sanitizer's memory does not fit under a limit";
   const ReaderFiles files;
-  test::HeaderFields fields;
-  fields.block_size = 125829119;
-  const std::string huge = files.write("huge.bin", header_bytes(fields));
+  test::FileHeader fields = test::usual_header(125829119);
+  const std::string huge = files.write("huge.bin", file_header(fields));
   const std::string good = files.write("good.bin", mixed_file());
   ReaderOptions options = files.options();
   RunResult result;
@@ -302,11 +301,12 @@ TEST(ProcessFilesTest, SchemaReplacedBetweenTwoFilesIsReadAnew) {
   ReaderOptions options = files.options();
   const std::string fifo = files.path("fifo");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  const std::string plain = files.write("a.bin", header_bytes() + padded(events_block({1}), 256));
+  const std::string plain =
+      files.write("a.bin", file_header(usual_header()) + padded(usual_events({1}), 256));
   std::thread writer([&] {
     const int to = open(fifo.c_str(), O_WRONLY);  // returns when the reader has come to it
     files.write_schema(test::kEventsId, test::events_schema_with_field("renamed"));
-    const std::string data = header_bytes() + padded(events_block({2}), 256);
+    const std::string data = file_header(usual_header()) + padded(usual_events({2}), 256);
     EXPECT_EQ(write(to, data.data(), data.size()), static_cast<ssize_t>(data.size()));
     close(to);
   });
@@ -366,7 +366,7 @@ TEST(ProcessFilesTest, InterruptedReadsOfAPipeLoseNothing) {
   ReaderOptions options = files.options();
   const std::string fifo = files.path("fifo");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  for (const std::string& data : {mixed_file(), gzipped(mixed_file())}) {
+  for (const std::string& data : {mixed_file(), gzip(mixed_file())}) {
     std::thread writer(feed_slowly, fifo, data);
     RunResult result;
     {
@@ -427,19 +427,18 @@ TEST(ProcessFilesTest, FailedAllocationsFailTheFileAtMost) {
 
 // A schemas block after the other, 1 MiB of them, that name the same two schemas in changing order.
 TEST(ProcessFilesTest, SchemasInChangingOrderTakeNeitherTimeNorMemory) {
-  constexpr std::string_view kOtherId = "e2e2e2e2e2e2e2e2e2e2e2e2e2e2e2e2";
+  constexpr const char* kOtherId = "e2e2e2e2e2e2e2e2e2e2e2e2e2e2e2e2";
   const ReaderFiles files;
   files.write_schema(kOtherId, test::events_schema_with_field("other"));
   std::string blocks;
   for (unsigned pattern = 0; pattern < 4096; ++pattern) {
     std::string block = "QVXS" + test::le<std::uint16_t>(256) + '\x0e' + std::string(9, '\0');
     for (unsigned bit = 0; bit < 14; ++bit)
-      block += test::id_bytes((pattern >> bit & 1U) != 0 ? kOtherId : test::kEventsId);
+      block += test::id_bytes(test::id_of((pattern >> bit & 1U) != 0 ? kOtherId : test::kEventsId));
     blocks += padded(block, 256);
   }
-  test::HeaderFields fields;
-  fields.block_size = 4096;
-  const std::string path = files.write("a.bin", header_bytes(fields) + blocks + events_block({7}));
+  test::FileHeader fields = test::usual_header(4096);
+  const std::string path = files.write("a.bin", file_header(fields) + blocks + usual_events({7}));
   const pid_t child = fork();
   ASSERT_GE(child, 0);
   if (child == 0) {

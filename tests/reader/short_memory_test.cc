@@ -16,7 +16,8 @@ namespace {
 // Whatever allocation fails while a file is read, the next file of the run prints as if nothing had happened.
 TEST(ShortMemory, FileThatRanOutOfMemoryLeavesNothingBehindForTheNext) {
   const test::ReaderFiles files;
-  const std::string file = test::header_bytes() + test::padded(test::events_block({7, 8}), 256);
+  const std::string file =
+      test::file_header(test::usual_header()) + test::padded(test::usual_events({7, 8}), 256);
   for (const OutputFormat format : {OutputFormat::ndjson, OutputFormat::influx}) {
     const std::string expected = format == OutputFormat::ndjson ? "{\"v\":7}\n{\"v\":8}\n" : "v=7i\nv=8i\n";
     for (std::size_t successes = 0;; ++successes) {

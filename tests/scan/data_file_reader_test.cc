@@ -20,15 +20,16 @@
 namespace qvx {
 namespace {
 
-using test::counters_block;
-using test::events_block;
-using test::gzipped;
-using test::header_bytes;
+using test::file_header;
+using test::gzip;
 using test::kStart;
 using test::le;
 using test::padded;
-using test::page_block;
 using test::ReaderFiles;
+using test::usual_counters;
+using test::usual_events;
+using test::usual_header;
+using test::usual_page;
 
 using Texts = std::vector<std::string>;
 
@@ -52,7 +53,7 @@ Texts words_of(const DataFileReader& reader) {
 }
 
 // One type of every kind of field, in 70 bytes.
-constexpr std::string_view kWideId = "a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1";
+constexpr const char* kWideId = "a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1a1";
 constexpr std::string_view kWideSchema =
     R"({"qvx_version":"1.5.0","provider_name":"p","provider_version":"1.0.0","types":[)"
     R"({"name":"point","size":6,"fields":[)"
@@ -92,10 +93,10 @@ class DataFileReaderTest : public testing::Test {
 
   // The one record of kWideSchema.
   const Record& wide() {
-    test::HeaderFields fields;
-    fields.events_id = kWideId;
+    test::FileHeader fields = test::usual_header();
+    fields.event_schema_ids = {test::id_of(kWideId)};
     std::string block = "QVXE" + le(kStart) + '\0' + le<std::uint16_t>(1) + '\x01' + wide_record();
-    EXPECT_TRUE(open_bytes(header_bytes(fields) + block)) << reader_.error();
+    EXPECT_TRUE(open_bytes(file_header(fields) + block)) << reader_.error();
     const Record* const record = reader_.next();
     EXPECT_NE(record, nullptr);
     return *record;
@@ -225,7 +226,7 @@ TEST_F(DataFileReaderTest, NestedRecordsAreRecords) {
 TEST_F(DataFileReaderTest, FieldOfAnotherTypeIsAbsent) {
   const FieldPlace place = wide().type().find("u64");
   ASSERT_TRUE(place);
-  ASSERT_TRUE(open_bytes(header_bytes() + events_block({7})));
+  ASSERT_TRUE(open_bytes(file_header(usual_header()) + usual_events({7})));
   const Record* const record = reader_.next();
   ASSERT_NE(record, nullptr);
   EXPECT_EQ(record->get<std::uint64_t>(place), std::nullopt);
@@ -233,26 +234,25 @@ TEST_F(DataFileReaderTest, FieldOfAnotherTypeIsAbsent) {
 }
 
 TEST_F(DataFileReaderTest, HandleFollowsTheTypesInForce) {
-  constexpr std::string_view kOtherId = "b2b2b2b2b2b2b2b2b2b2b2b2b2b2b2b2";
+  constexpr const char* kOtherId = "b2b2b2b2b2b2b2b2b2b2b2b2b2b2b2b2";
   std::string other(test::kUsualEvents);
   other.replace(other.find("\"size\":2"), 8, "\"size\":4");
   other.replace(other.find("\"offset\":0"), 10, "\"offset\":2");
   files_.write_schema(kOtherId, other);
-  std::string chain = events_block({1});
+  std::string chain = usual_events({1});
   for (int round = 0; round < 3; ++round) {
-    chain += test::schemas_block(kOtherId) + "QVXE" + le(kStart) + std::string(3, '\0') + '\x01' +
+    chain += test::usual_schemas(kOtherId) + "QVXE" + le(kStart) + std::string(3, '\0') + '\x01' +
              le<std::uint16_t>(9) + le<std::uint16_t>(2);
-    chain += test::schemas_block(test::kEventsId) + events_block({3});
+    chain += test::usual_schemas(test::kEventsId) + usual_events({3});
   }
-  test::HeaderFields fields;
-  fields.block_size = 4096;
-  ASSERT_TRUE(open_bytes(header_bytes(fields) + chain));
+  test::FileHeader fields = test::usual_header(4096);
+  ASSERT_TRUE(open_bytes(file_header(fields) + chain));
   EXPECT_EQ(values_of<std::uint16_t>(reader_, "v"), (std::vector<std::uint16_t>{1, 2, 3, 2, 3, 2, 3}));
   EXPECT_EQ(words_of(reader_), Texts{});
 }
 
 TEST_F(DataFileReaderTest, CountersHaveAValueForEachSet) {
-  constexpr std::string_view kId = "c2c2c2c2c2c2c2c2c2c2c2c2c2c2c2c2";
+  constexpr const char* kId = "c2c2c2c2c2c2c2c2c2c2c2c2c2c2c2c2";
   files_.write_schema(
       kId,
       R"({"version":"1.5.0","counter_groups":[{"granularity":"CPU","name":"cpu","num_counters":3,)"
@@ -262,9 +262,9 @@ TEST_F(DataFileReaderTest, CountersHaveAValueForEachSet) {
       R"({"name":"drift","description":"","units":"","data_type":"INT64","counting_type":"ABSOLUTE"}]},)"
       R"({"granularity":"NODE","name":"none","num_counters":1,"num_counter_sets":0,"counters":[)"
       R"({"name":"c","description":"","units":"","data_type":"UINT64","counting_type":"ABSOLUTE"}]}]})");
-  test::HeaderFields fields;
-  fields.counters_id = kId;
-  ASSERT_TRUE(open_bytes(header_bytes(fields) + "QVXD" + std::string(4, '\0') + le<std::uint64_t>(12) +
+  test::FileHeader fields = test::usual_header();
+  fields.counters_schema_id = test::id_of(kId);
+  ASSERT_TRUE(open_bytes(file_header(fields) + "QVXD" + std::string(4, '\0') + le<std::uint64_t>(12) +
                          le<double>(0.25) + std::string("ab\0cdefg", 8) +
                          le<std::int64_t>(-9007199254740993) + le<std::uint64_t>(1)));
   const Record* const record = reader_.next();
@@ -296,9 +296,8 @@ TEST_F(DataFileReaderTest, SamplesHaveNamesLabelsKindsAndValues) {
                                  .samples = {{1, std::bit_cast<std::uint64_t>(0.1)}, {0, 0}},
                                  .labels = test::labels_l(0, {1})}),
                    test::record({.value_type = 4, .samples = {{3, 0xFFFFFFFFFFFFFFFE}}})};
-  test::HeaderFields fields;
-  fields.block_size = 512;
-  ASSERT_TRUE(open_bytes(header_bytes(fields) + padded(block.bytes(), 512) + padded(block.bytes(), 512)));
+  test::FileHeader fields = test::usual_header(512);
+  ASSERT_TRUE(open_bytes(file_header(fields) + padded(block.bytes(), 512) + padded(block.bytes(), 512)));
   FieldHandle value("value");
   for (int round = 0; round < 2; ++round) {
     const Record* record = reader_.next();
@@ -337,10 +336,9 @@ TEST_F(DataFileReaderTest, DamagedMetricsBlockGivesTheBatchesBeforeTheDamage) {
   nameless.records = {test::record({.samples = {{4, 1}, {0, 2}}})};
   test::TestBlock cut;
   cut.trailer = "";
-  test::HeaderFields fields;
-  fields.block_size = 512;
-  ASSERT_TRUE(open_bytes(header_bytes(fields) + padded(block.bytes(), 512) + padded(nameless.bytes(), 512) +
-                         padded(cut.bytes(), 512) + padded(counters_block(3), 512)));
+  test::FileHeader fields = test::usual_header(512);
+  ASSERT_TRUE(open_bytes(file_header(fields) + padded(block.bytes(), 512) + padded(nameless.bytes(), 512) +
+                         padded(cut.bytes(), 512) + padded(usual_counters(3), 512)));
   Texts metrics;
   for (const Record& record : reader_.records())
     metrics.emplace_back(record.metric());
@@ -354,18 +352,17 @@ TEST_F(DataFileReaderTest, DamagedMetricsBlockGivesTheBatchesBeforeTheDamage) {
 }
 
 TEST_F(DataFileReaderTest, ReadsPlainPagesAndGzipAlike) {
-  test::HeaderFields fields;
-  fields.block_size = 512;
-  const std::string file = header_bytes(fields) + padded(events_block({1, 2}), 512) +
-                           padded(page_block('G', gzipped(events_block({3}) + events_block({4}))) +
-                                      page_block('S', test::snappied(events_block({5}))),
-                                  512) +
-                           events_block({6});
+  test::FileHeader fields = test::usual_header(512);
+  const std::string file =
+      file_header(fields) + padded(usual_events({1, 2}), 512) +
+      padded(usual_page('G', usual_events({3}) + usual_events({4})) + usual_page('S', usual_events({5})),
+             512) +
+      usual_events({6});
   const std::vector<std::uint16_t> expected{1, 2, 3, 4, 5, 6};
   ASSERT_TRUE(open_bytes(file));
   EXPECT_EQ(values_of<std::uint16_t>(reader_, "v"), expected);
   EXPECT_FALSE(reader_.failed());
-  ASSERT_TRUE(reader_.open(files_.write("a.bin", gzipped(file))));
+  ASSERT_TRUE(reader_.open(files_.write("a.bin", gzip(file))));
   EXPECT_EQ(values_of<std::uint16_t>(reader_, "v"), expected);
   EXPECT_EQ(words_of(reader_), Texts{});
   EXPECT_EQ(reader_.header().block_size, 512u);
@@ -379,15 +376,14 @@ TEST_F(DataFileReaderTest, SaysWhyAFileCannotBeOpenedAndNothingElsewhere) {
             "Failed to open data file " + files_.path("gone.bin") + ": No such file or directory");
   EXPECT_FALSE(open_bytes(""));
   EXPECT_EQ(reader_.error(), "Failed reading data file header: Success");
-  EXPECT_FALSE(open_bytes("BVXF" + header_bytes().substr(4)));
+  EXPECT_FALSE(open_bytes("BVXF" + file_header(usual_header()).substr(4)));
   EXPECT_TRUE(reader_.error().starts_with("Invalid data file header: ")) << reader_.error();
-  test::HeaderFields fields;
-  fields.block_size = 15;
-  EXPECT_FALSE(open_bytes(header_bytes(fields)));
+  test::FileHeader fields = test::usual_header(15);
+  EXPECT_FALSE(open_bytes(file_header(fields)));
   EXPECT_EQ(reader_.error(), "Block size 15 must be in range between 16 and 125829120 bytes ");
   fields = {};
-  fields.events_id = "00000000000000000000000000000001";
-  EXPECT_FALSE(open_bytes(header_bytes(fields)));
+  fields.event_schema_ids = {test::id_of("00000000000000000000000000000001")};
+  EXPECT_FALSE(open_bytes(file_header(fields)));
   const std::string schema = files_.path("schema/schema_00000000000000000000000000000001.json");
   EXPECT_EQ(words_of(reader_),
             Texts{"types_failed at 256: Failed to load type system: Failed reading schema JSON from file '" +
@@ -398,10 +394,9 @@ TEST_F(DataFileReaderTest, SaysWhyAFileCannotBeOpenedAndNothingElsewhere) {
 
 TEST_F(DataFileReaderTest, GivesWhatStandsBeforeAFault) {
   testing::internal::CaptureStderr();
-  test::HeaderFields fields;
-  fields.block_size = 64;
-  ASSERT_TRUE(open_bytes(header_bytes(fields) + padded(events_block({1, 2}) + events_block({3}, 4), 64) +
-                         events_block({5})));
+  test::FileHeader fields = test::usual_header(64);
+  ASSERT_TRUE(open_bytes(file_header(fields) + padded(usual_events({1, 2}) + usual_events({3}, 4), 64) +
+                         usual_events({5})));
   EXPECT_EQ(values_of<std::uint16_t>(reader_, "v"), (std::vector<std::uint16_t>{1, 2}));
   EXPECT_TRUE(reader_.failed());
   EXPECT_EQ(words_of(reader_),
@@ -412,24 +407,23 @@ TEST_F(DataFileReaderTest, GivesWhatStandsBeforeAFault) {
 }
 
 TEST_F(DataFileReaderTest, FieldBehindEverythingIsAbsentAndTold) {
-  constexpr std::string_view kId = "d1d1d1d1d1d1d1d1d1d1d1d1d1d1d1d1";
+  constexpr const char* kId = "d1d1d1d1d1d1d1d1d1d1d1d1d1d1d1d1";
   std::string schema(test::kUsualEvents);
   schema.replace(schema.find("\"offset\":0"), 10, "\"offset\":2");
   files_.write_schema(kId, schema);
-  test::HeaderFields fields;
-  fields.events_id = kId;
-  ASSERT_TRUE(open_bytes(header_bytes(fields) + events_block({1, 2})));
+  test::FileHeader fields = test::usual_header();
+  fields.event_schema_ids = {test::id_of(kId)};
+  ASSERT_TRUE(open_bytes(file_header(fields) + usual_events({1, 2})));
   EXPECT_EQ(values_of<std::uint16_t>(reader_, "v"), std::vector<std::uint16_t>{2});
   EXPECT_FALSE(reader_.failed());
   EXPECT_EQ(words_of(reader_), Texts{"record_cut at 256: Records of type sample need 4 bytes, 2 are there"});
 }
 
 TEST_F(DataFileReaderTest, FaultsBeyondTheLimitAreCountedOnly) {
-  test::HeaderFields fields;
-  fields.block_size = 16;
-  std::string file = header_bytes(fields);
+  test::FileHeader fields = test::usual_header(16);
+  std::string file = file_header(fields);
   for (int block = 0; block < 1002; ++block)
-    file += events_block({1}).substr(0, 16);  // states a record that is not there
+    file += usual_events({1}).substr(0, 16);  // states a record that is not there
   ASSERT_TRUE(open_bytes(file));
   EXPECT_EQ(reader_.next(), nullptr);
   EXPECT_FALSE(reader_.failed());
@@ -443,7 +437,7 @@ TEST_F(DataFileReaderTest, WarningsAreKeptAsMessages) {
   schema.replace(schema.find("1.5.0"), 5, "2.0.0");
   files_.write_schema(test::kCountersId, schema);
   testing::internal::CaptureStderr();
-  ASSERT_TRUE(open_bytes(header_bytes() + counters_block(3)));
+  ASSERT_TRUE(open_bytes(file_header(usual_header()) + usual_counters(3)));
   EXPECT_EQ(values_of<std::uint64_t>(reader_, "g.c"), std::vector<std::uint64_t>{3});
   EXPECT_EQ(reader_.messages().size(), 1u);
   EXPECT_TRUE(reader_.faults().empty());
@@ -649,17 +643,16 @@ void expect_beginnings(DataFileReader& reader, std::string_view whole, std::size
 }
 
 TEST_F(DataFileReaderTest, EveryTruncationGivesABeginningOfTheRecords) {
-  test::HeaderFields fields;
-  fields.events_id = kWideId;
+  test::FileHeader fields = test::usual_header();
+  fields.event_schema_ids = {test::id_of(kWideId)};
   fields.block_size = 400;
   const std::string event = "QVXE" + le(kStart) + '\0' + le<std::uint16_t>(1) + '\x01' + wide_record();
   test::TestBlock metrics;
   metrics.constant_labels = test::constant_labels({"site", "north"});
   metrics.records = {test::record({}), test::record({.samples = {{1, 2}, {2, 3}}})};
-  const std::string file =
-      header_bytes(fields) + padded(event + event, 400) + padded(counters_block(3), 400) +
-      padded(metrics.bytes(), 400) +
-      padded(page_block('G', gzipped(event)) + page_block('S', test::snappied(event)), 400) + event;
+  const std::string file = file_header(fields) + padded(event + event, 400) + padded(usual_counters(3), 400) +
+                           padded(metrics.bytes(), 400) +
+                           padded(usual_page('G', event) + usual_page('S', event), 400) + event;
   ASSERT_TRUE(open_bytes(file));
   EXPECT_EQ(read_all(reader_), 9u);
   expect_beginnings(reader_, file, 1);

@@ -23,7 +23,7 @@ namespace qvx {
 namespace {
 
 using test::FakeRead;
-using test::gzipped;
+using test::gzip;
 using test::ReadStep;
 
 struct Outcome {
@@ -97,8 +97,8 @@ TEST(DataInputReads, PlainFileComesAsItIs) {
 TEST(DataInputReads, EveryCutOfJoinedMembersGivesWhatWasDecoded) {
   const std::string first_text = sample_text(1500);
   const std::string second_text = sample_text(700);
-  const std::string first = gzipped(first_text);
-  const std::string second = gzipped(second_text);
+  const std::string first = gzip(first_text);
+  const std::string second = gzip(second_text);
   const std::string whole = first + second;
   for (std::size_t size = 0; size <= whole.size(); ++size) {
     const test::GuardedBuffer cut(std::string_view(whole).substr(0, size));
@@ -125,7 +125,7 @@ TEST(DataInputReads, EveryCutOfJoinedMembersGivesWhatWasDecoded) {
 
 TEST(DataInputReads, DamagedMemberIsToldInTheWordsOfTheDecompressor) {
   const std::string text = sample_text(500);
-  const std::string packed = gzipped(text);
+  const std::string packed = gzip(text);
   const auto damaged = [&](std::size_t at) {
     std::string bytes = packed;
     bytes[at] = static_cast<char>(bytes[at] ^ 0xFF);
@@ -148,7 +148,7 @@ TEST(DataInputReads, DamagedMemberIsToldInTheWordsOfTheDecompressor) {
 TEST(DataInputReads, InterruptedAndShortReadsAreContinued) {
   const test::TempDir folder;
   const std::string text = sample_text(300);
-  for (const std::string& bytes : {text, gzipped(text)}) {
+  for (const std::string& bytes : {text, gzip(text)}) {
     std::vector<ReadStep> steps;
     for (std::size_t at = 0; at < bytes.size(); ++at) {
       steps.push_back({.error = EINTR});
@@ -164,7 +164,7 @@ TEST(DataInputReads, InterruptedAndShortReadsAreContinued) {
 TEST(DataInputReads, FaultOfTheSystemStandsBehindWhatWasRead) {
   const test::TempDir folder;
   const std::string text = sample_text(5000);
-  const std::string packed = gzipped(text);
+  const std::string packed = gzip(text);
   const Outcome plain_start{text.substr(0, 110), "Input/output error", EIO, false};
   {
     const std::string path = folder.write_file("plain.bin", text);
@@ -196,7 +196,7 @@ TEST(DataInputReads, FolderCanBeOpenedButNotRead) {
 TEST(DataInputReads, DescriptorThatDoesNotBlockIsWaitedFor) {
   const test::TempDir folder;
   const std::string text = sample_text(5000);
-  for (const std::string& bytes : {text, gzipped(text)}) {
+  for (const std::string& bytes : {text, gzip(text)}) {
     const std::string fifo = folder.file("fifo");
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     std::thread writer([&] {

@@ -29,7 +29,7 @@ std::string read_all(std::string_view file, std::size_t at_a_time, std::string& 
 
 // A few bytes unpack to many, which come out piece by piece when the file has long been read to its end.
 TEST(DataInput, StreamWithoutItsEndGivesAllThatWasDecodedHoweverItIsAskedFor) {
-  const std::string packed = test::gzipped(std::string(200, 'x'));
+  const std::string packed = test::gzip(std::string(200, 'x'));
   for (std::size_t size = packed.size() - 1; size > packed.size() - 10; --size) {
     for (const std::size_t at_a_time : {1, 7, 65, 199, 100000}) {
       std::string fault;
@@ -41,7 +41,7 @@ TEST(DataInput, StreamWithoutItsEndGivesAllThatWasDecodedHoweverItIsAskedFor) {
 }
 
 TEST(DataInput, WrongChecksumStandsBehindAllThatWasDecoded) {
-  std::string packed = test::gzipped(std::string(5000, 'x'));
+  std::string packed = test::gzip(std::string(5000, 'x'));
   packed[packed.size() - 8] = static_cast<char>(packed[packed.size() - 8] ^ 1);
   for (const std::size_t at_a_time : {1, 7, 256, 4999, 100000}) {
     std::string fault;
@@ -51,7 +51,7 @@ TEST(DataInput, WrongChecksumStandsBehindAllThatWasDecoded) {
 }
 
 TEST(DataInput, BytesBehindTheLastMemberThatAreNoMemberAreIgnored) {
-  const std::string packed = test::gzipped("first") + test::gzipped("second") + "tail";
+  const std::string packed = test::gzip("first") + test::gzip("second") + "tail";
   for (const std::size_t at_a_time : {1, 3, 100}) {
     std::string fault;
     EXPECT_EQ(read_all(packed, at_a_time, fault), "firstsecond") << at_a_time;

@@ -16,18 +16,18 @@
 namespace qvx {
 namespace {
 
-using test::counters_block;
-using test::events_block;
+using test::file_header;
 using test::GuardedBuffer;
-using test::gzipped;
-using test::header_bytes;
+using test::gzip;
 using test::kStart;
 using test::le;
 using test::padded;
-using test::page_block;
 using test::ReaderFiles;
-using test::schemas_block;
-using test::snappied;
+using test::usual_counters;
+using test::usual_events;
+using test::usual_header;
+using test::usual_page;
+using test::usual_schemas;
 
 using Lines = std::vector<std::string>;
 
@@ -103,9 +103,8 @@ class FileScanTest : public testing::Test {
 
   // Blocks behind a header with data blocks of that size.
   static std::string file(const std::string& blocks, std::uint32_t block_size = 512) {
-    test::HeaderFields fields;
-    fields.block_size = block_size;
-    return header_bytes(fields) + blocks;
+    test::FileHeader fields = test::usual_header(block_size);
+    return file_header(fields) + blocks;
   }
 
   const ReaderFiles files_;
@@ -129,14 +128,14 @@ class FileScanTest : public testing::Test {
 };
 
 TEST_F(FileScanTest, HandsOverEveryKindOfBlockWithItsPlace) {
-  const std::string page = events_block({4}) + schemas_block(test::kEventsId) + events_block({5, 6});
-  const std::string first = page_block('G', gzipped(page));
-  const std::string second = page_block('S', snappied(counters_block(7)));
+  const std::string page = usual_events({4}) + usual_schemas(test::kEventsId) + usual_events({5, 6});
+  const std::string first = usual_page('G', page);
+  const std::string second = usual_page('S', usual_counters(7));
   EXPECT_TRUE(
-      scan(file(padded(events_block({1, 2}) + events_block({3}), 512) + padded(counters_block(1), 512) +
+      scan(file(padded(usual_events({1, 2}) + usual_events({3}), 512) + padded(usual_counters(1), 512) +
                 padded(first + second, 512) + padded("CNTX1234", 512) +
                 padded("QVXB" + le(kStart) + le<std::uint64_t>(3) + "abc", 512) +
-                schemas_block(test::kEventsId) + events_block({8}))));
+                usual_schemas(test::kEventsId) + usual_events({8}))));
   EXPECT_EQ(visitor_.faults, Lines{});
   EXPECT_EQ(
       visitor_.blocks,
@@ -149,14 +148,14 @@ TEST_F(FileScanTest, HandsOverEveryKindOfBlockWithItsPlace) {
 }
 
 TEST_F(FileScanTest, OffsetsAreThoseOfTheUnpackedFile) {
-  const std::string plain = file(padded(events_block({1}), 512) + counters_block(2));
-  EXPECT_TRUE(scan_file(files_.write("a.bin", gzipped(plain))));
+  const std::string plain = file(padded(usual_events({1}), 512) + usual_counters(2));
+  EXPECT_TRUE(scan_file(files_.write("a.bin", gzip(plain))));
   EXPECT_EQ(visitor_.blocks, (Lines{"header 512", "sample 1 at 256", "counters of 24 bytes at 768"}));
 }
 
 TEST_F(FileScanTest, VisitorMayTakeAPageOrRefuseIt) {
-  const std::string one = page_block('S', snappied(events_block({1})));
-  const std::string bytes = file(padded(one + one, 512) + padded(events_block({2}), 512));
+  const std::string one = usual_page('S', usual_events({1}));
+  const std::string bytes = file(padded(one + one, 512) + padded(usual_events({2}), 512));
   visitor_.page_use = PageUse::done;
   EXPECT_TRUE(scan(bytes));
   EXPECT_EQ(visitor_.blocks.size(), 4u);
@@ -170,23 +169,23 @@ TEST_F(FileScanTest, VisitorMayTakeAPageOrRefuseIt) {
 
 TEST_F(FileScanTest, VisitorThatDoesNotAcceptABlockFailsTheFile) {
   visitor_.accepts = false;
-  EXPECT_FALSE(scan(file(padded(events_block({1}) + events_block({2}), 512) + counters_block(3))));
+  EXPECT_FALSE(scan(file(padded(usual_events({1}) + usual_events({2}), 512) + usual_counters(3))));
   EXPECT_EQ(visitor_.blocks, (Lines{"header 512", "sample 1 at 256"}));
   EXPECT_EQ(visitor_.faults, Lines{"block_failed at 256: Failed to process block of type 1 at offset 0"});
   visitor_.faults.clear();
-  EXPECT_FALSE(scan(file(padded(counters_block(3), 512) + counters_block(3))));
+  EXPECT_FALSE(scan(file(padded(usual_counters(3), 512) + usual_counters(3))));
   EXPECT_EQ(visitor_.blocks.back(), "counters of 512 bytes at 256");
   EXPECT_EQ(visitor_.faults, Lines{});
 }
 
 TEST_F(FileScanTest, EventHeadersAreToldBeforeTheirTypeIsLookedUp) {
-  EXPECT_FALSE(scan(file(events_block({1, 2}, 9))));
+  EXPECT_FALSE(scan(file(usual_events({1, 2}, 9))));
   EXPECT_EQ(visitor_.event_headers, 2u);
 }
 
 TEST_F(FileScanTest, ChainEndsWithoutAWordAtSomethingElse) {
   EXPECT_TRUE(
-      scan(file(padded(events_block({1}) + counters_block(2), 512) + padded(events_block({3}), 512))));
+      scan(file(padded(usual_events({1}) + usual_counters(2), 512) + padded(usual_events({3}), 512))));
   EXPECT_EQ(visitor_.blocks, (Lines{"header 512", "sample 1 at 256", "sample 3 at 768"}));
   EXPECT_EQ(visitor_.faults, Lines{});
 }
@@ -200,7 +199,7 @@ TEST_F(FileScanTest, FileThatCannotBeOpened) {
 }
 
 TEST_F(FileScanTest, HeaderThatIsCut) {
-  EXPECT_FALSE(scan(header_bytes().substr(0, 255)));
+  EXPECT_FALSE(scan(file_header(usual_header()).substr(0, 255)));
   EXPECT_EQ(visitor_.faults, Lines{"header_short at 255: Failed reading data file header: Success"});
   EXPECT_EQ(visitor_.blocks, Lines{});
 }
@@ -211,7 +210,7 @@ TEST_F(FileScanTest, HeaderOfAFolder) {
 }
 
 TEST_F(FileScanTest, HeaderThatIsNone) {
-  EXPECT_FALSE(scan("XVXF" + header_bytes().substr(4)));
+  EXPECT_FALSE(scan("XVXF" + file_header(usual_header()).substr(4)));
   EXPECT_EQ(visitor_.faults, Lines{"header_invalid at 256: Invalid data file header"});
   EXPECT_EQ(visitor_.blocks, Lines{"header 256"});
   EXPECT_EQ(log_.messages().size(), 1u);
@@ -228,16 +227,16 @@ TEST_F(FileScanTest, BlockSizeOutOfRange) {
 }
 
 TEST_F(FileScanTest, TypesThatCannotBeLoaded) {
-  test::HeaderFields fields;
-  fields.events_id = "00000000000000000000000000000001";
-  EXPECT_FALSE(scan(header_bytes(fields)));
+  test::FileHeader fields = test::usual_header();
+  fields.event_schema_ids = {test::id_of("00000000000000000000000000000001")};
+  EXPECT_FALSE(scan(file_header(fields)));
   EXPECT_EQ(visitor_.faults, Lines{"types_failed at 256: Failed to load type system"});
   EXPECT_EQ(log_.messages().size(), 2u);
 }
 
 TEST_F(FileScanTest, BlockThatCannotBeAllocated) {
   if (!test::MemoryLimit::kSupported) GTEST_SKIP() << "a sanitizer's memory does not fit under a limit";
-  const std::string bytes = file(events_block({1}), 125829119);
+  const std::string bytes = file(usual_events({1}), 125829119);
   const test::MemoryLimit limit;
   EXPECT_FALSE(scan(bytes));
   EXPECT_EQ(visitor_.faults,
@@ -246,7 +245,7 @@ TEST_F(FileScanTest, BlockThatCannotBeAllocated) {
 }
 
 TEST_F(FileScanTest, EndWithLessThanABlockHeader) {
-  const std::string path = files_.write("a.bin", file(padded(events_block({1}), 512) + "QVX"));
+  const std::string path = files_.write("a.bin", file(padded(usual_events({1}), 512) + "QVX"));
   EXPECT_FALSE(scan_file(path));
   EXPECT_EQ(visitor_.faults,
             Lines{"no_block_header at 771: No data block header read from the file " + path});
@@ -254,7 +253,7 @@ TEST_F(FileScanTest, EndWithLessThanABlockHeader) {
 }
 
 TEST_F(FileScanTest, CompressedFileThatIsCut) {
-  const std::string packed = gzipped(file(padded(events_block({1}), 512) + padded(events_block({2}), 512)));
+  const std::string packed = gzip(file(padded(usual_events({1}), 512) + padded(usual_events({2}), 512)));
   const std::string path = files_.write("a.bin", packed.substr(0, packed.size() - 8));
   EXPECT_FALSE(scan_file(path));
   EXPECT_EQ(visitor_.blocks, (Lines{"header 512", "sample 1 at 256", "sample 2 at 768"}));
@@ -263,9 +262,9 @@ TEST_F(FileScanTest, CompressedFileThatIsCut) {
 }
 
 TEST_F(FileScanTest, PageThatCannotBeUnpacked) {
-  const std::string bad = page_block('G', "no stream");
-  const std::string good = page_block('S', snappied(events_block({1})));
-  EXPECT_FALSE(scan(file(padded(good + bad + good, 512) + events_block({2}))));
+  const std::string bad = test::page_block_of_payload(test::usual_page_header('G'), "no stream");
+  const std::string good = usual_page('S', usual_events({1}));
+  EXPECT_FALSE(scan(file(padded(good + bad + good, 512) + usual_events({2}))));
   ASSERT_EQ(visitor_.faults.size(), 1u);
   EXPECT_TRUE(
       visitor_.faults[0].starts_with("page_damaged at " + std::to_string(256 + good.size()) + ": A page of "))
@@ -275,8 +274,8 @@ TEST_F(FileScanTest, PageThatCannotBeUnpacked) {
 }
 
 TEST_F(FileScanTest, BlockOfAnUnknownType) {
-  EXPECT_FALSE(scan(file(padded("ABCd", 512) + events_block({2}))));
-  EXPECT_FALSE(scan(file(page_block('S', snappied("ABCd")))));
+  EXPECT_FALSE(scan(file(padded("ABCd", 512) + usual_events({2}))));
+  EXPECT_FALSE(scan(file(usual_page('S', "ABCd"))));
   visitor_.accepts_blob = false;
   EXPECT_FALSE(scan(file(padded("QVXB", 512))));
   EXPECT_EQ(
@@ -288,8 +287,8 @@ TEST_F(FileScanTest, BlockOfAnUnknownType) {
 }
 
 TEST_F(FileScanTest, EventsOfAnUnknownType) {
-  EXPECT_FALSE(scan(file(padded(events_block({1}) + events_block({2}, 0, 1), 512) + events_block({3}))));
-  EXPECT_FALSE(scan(file(page_block('S', snappied(events_block({1}) + events_block({2}, 255, 65535))))));
+  EXPECT_FALSE(scan(file(padded(usual_events({1}) + usual_events({2}, 0, 1), 512) + usual_events({3}))));
+  EXPECT_FALSE(scan(file(usual_page('S', usual_events({1}) + usual_events({2}, 255, 65535)))));
   EXPECT_EQ(visitor_.faults,
             (Lines{"unknown_type at 274: Type definition 0:1 not found",
                    "block_failed at 274: Failed to process block of type 1 at offset 18",
@@ -298,7 +297,7 @@ TEST_F(FileScanTest, EventsOfAnUnknownType) {
 }
 
 TEST_F(FileScanTest, SchemasBlockThatIsNone) {
-  const std::string good = schemas_block(test::kEventsId);
+  const std::string good = usual_schemas(test::kEventsId);
   std::string of_size_0 = good, too_long = good, too_many = good;
   of_size_0.replace(4, 2, 2, '\0');
   too_long.replace(4, 2, le<std::uint16_t>(257));
@@ -321,7 +320,7 @@ TEST_F(FileScanTest, SchemasBlockThatIsNone) {
 }
 
 TEST_F(FileScanTest, SchemasThatCannotBeLoaded) {
-  EXPECT_FALSE(scan(file(events_block({1}) + schemas_block("00000000000000000000000000000001"))));
+  EXPECT_FALSE(scan(file(usual_events({1}) + usual_schemas("00000000000000000000000000000001"))));
   EXPECT_EQ(visitor_.faults,
             (Lines{"schemas_failed at 274: Failed to load the schemas that a schemas block names",
                    "block_failed at 274: Failed to process block of type 2 at offset 18"}));
@@ -329,17 +328,17 @@ TEST_F(FileScanTest, SchemasThatCannotBeLoaded) {
 }
 
 TEST_F(FileScanTest, PageThatIsCutCostsTheRestOfItsDataBlock) {
-  const std::string good = page_block('S', snappied(events_block({1})));
+  const std::string good = usual_page('S', usual_events({1}));
   std::string without_end = good;
   without_end.back() = 'x';
-  EXPECT_TRUE(scan(file(padded(good + without_end + good, 512) + events_block({2}))));
+  EXPECT_TRUE(scan(file(padded(good + without_end + good, 512) + usual_events({2}))));
   EXPECT_EQ(visitor_.faults, Lines{"page_cut at " + std::to_string(256 + good.size()) +
                                    ": A page does not fit its data block or has no end magic"});
   EXPECT_EQ(visitor_.blocks.back(), "sample 2 at 768");
 }
 
 TEST_F(FileScanTest, FewerRecordsThanStated) {
-  EXPECT_TRUE(scan(file(events_block({1, 2, 3}).substr(0, 21))));
+  EXPECT_TRUE(scan(file(usual_events({1, 2, 3}).substr(0, 21))));
   EXPECT_EQ(visitor_.blocks.back(), "sample 1 2 at 256");
   EXPECT_EQ(visitor_.faults, Lines{"events_cut at 256: 2 of 3 records are there"});
 }
@@ -347,9 +346,9 @@ TEST_F(FileScanTest, FewerRecordsThanStated) {
 // What a file gives that ends at any byte: a header of 256 bytes, two records, counters, a page with a
 // record.
 TEST_F(FileScanTest, EveryTruncationGivesWhatIsThereAndItsFault) {
-  const std::string page = page_block('S', snappied(events_block({4})));
-  ASSERT_EQ(page.size(), 55u);
-  const std::string whole = file(padded(events_block({1, 2}), 64) + padded(counters_block(3), 64) + page, 64);
+  const std::string page = usual_page('S', usual_events({4}));
+  ASSERT_EQ(page.size(), 54u);
+  const std::string whole = file(padded(usual_events({1, 2}), 64) + padded(usual_counters(3), 64) + page, 64);
   for (std::size_t size = 0; size <= whole.size(); ++size) {
     const GuardedBuffer cut(std::string_view(whole).substr(0, size));
     Lines blocks, faults;
@@ -375,8 +374,8 @@ TEST_F(FileScanTest, EveryTruncationGivesWhatIsThereAndItsFault) {
     }
     if (size >= 324)
       blocks.push_back("counters of " + std::to_string(size < 384 ? size - 320 : 64) + " bytes at 320");
-    if (size == 439) {
-      blocks.push_back("page of 55 at 384");
+    if (size == 438) {
+      blocks.push_back("page of 54 at 384");
       blocks.push_back("sample 4 at 384+0");
     } else if (size >= 388) {
       faults.push_back("page_cut at 384: A page does not fit its data block or has no end magic");
@@ -392,10 +391,10 @@ TEST_F(FileScanTest, EveryTruncationGivesWhatIsThereAndItsFault) {
 }
 
 TEST_F(FileScanTest, EveryCutOfAPageGivesABeginningOfItsBlocks) {
-  const std::string chain = events_block({1, 2}) + events_block({3}) + events_block({4});
+  const std::string chain = usual_events({1, 2}) + usual_events({3}) + usual_events({4});
   for (std::size_t size = 4; size <= chain.size(); ++size) {
     visitor_ = {};
-    EXPECT_TRUE(scan(file(page_block('S', snappied(chain.substr(0, size))))));
+    EXPECT_TRUE(scan(file(usual_page('S', chain.substr(0, size)))));
     Lines blocks = visitor_.blocks;
     ASSERT_GE(blocks.size(), 2u);
     blocks.erase(blocks.begin(), blocks.begin() + 2);  // header, page
