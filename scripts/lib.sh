@@ -10,6 +10,9 @@ readonly QVX_PACKAGES=(
   libgtest-dev libbenchmark-dev valgrind
 )
 
+# Servers that tests start for themselves.
+readonly QVX_TEST_SERVERS=(influxdb)
+
 QVX_SCRATCH=$(mktemp -d)
 trap 'rm -rf "$QVX_SCRATCH"' EXIT
 
@@ -63,6 +66,29 @@ install_packages() {
   quietly "The update of the package lists" as_root apt-get update
   quietly "The installation" as_root env DEBIAN_FRONTEND=noninteractive \
     apt-get install -y --no-install-recommends "${missing[@]}"
+}
+
+# install_servers <package...>: installs those that are missing. The services that come with them are neither started
+# nor enabled.
+install_servers() {
+  local package missing=()
+  for package in "$@"; do
+    is_installed "$package" || missing+=("$package")
+  done
+  [ ${#missing[@]} -gt 0 ] || return 0
+  say "Packages: installing ${missing[*]}, whose services stay off"
+  as_root true
+  # shellcheck disable=SC2016
+  quietly "The installation" as_root env DEBIAN_FRONTEND=noninteractive sh -ec '
+    policy=/usr/sbin/policy-rc.d
+    if [ ! -e "$policy" ]; then
+      trap "rm -f $policy" EXIT
+      printf "#!/bin/sh\nexit 101\n" >"$policy"
+      chmod 755 "$policy"
+    fi
+    apt-get update
+    apt-get install -y --no-install-recommends "$@"
+    for package in "$@"; do update-rc.d "$package" disable; done' sh "${missing[@]}"
 }
 
 # build <preset> [<target>...]: without a target everything.

@@ -6,5 +6,6 @@ cd "$(dirname "$0")/.."
 
 preset=${1:-release}
 install_packages "${QVX_PACKAGES[@]}"
+install_servers "${QVX_TEST_SERVERS[@]}"
 build "$preset"
 run_tests "$preset"
