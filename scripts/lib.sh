@@ -115,16 +115,20 @@ make_tree() {
   quietly "debootstrap" debootstrap --variant=minbase "$1" "$2" "$mirror"
 }
 
-# python_package <extra>: builds the Python package into build/venv with what the extra needs. Fails, with a
-# message, where the package registry cannot be reached.
+# python_package <extra>: builds the Python package into build/venv with what the extra needs, around the library of
+# build/release. Fails, with a message, where the package registry cannot be reached.
 python_package() {
-  local venv=build/venv
+  local pip=(build/venv/bin/pip --quiet --disable-pip-version-check)
   install_packages python3-venv python3-dev
-  [ -x "$venv/bin/pip" ] || quietly "Making $venv" python3 -m venv "$venv"
-  if ! "$venv/bin/pip" download --quiet --no-deps --dest "$QVX_SCRATCH" nanobind >/dev/null 2>&1; then
+  [ -x build/venv/bin/pip ] || quietly "Making build/venv" python3 -m venv build/venv
+  if ! "${pip[@]}" --retries 1 --timeout 10 download --no-deps --dest "$QVX_SCRATCH" nanobind >/dev/null 2>&1; then
     say "Python package: left out, the package registry cannot be reached"
     return 1
   fi
-  say "Python package: building and installing it in $venv"
-  quietly "Installing the Python package" "$venv/bin/pip" install "./python[$1]"
+  build release qvx
+  say "Python package: building and installing it in build/venv"
+  # Without isolation what it is built with stays in one place, so a second time only what changed is compiled.
+  quietly "Installing what builds the package" "${pip[@]}" install "scikit-build-core >=0.10" "nanobind >=2.4"
+  quietly "Installing the Python package" "${pip[@]}" install --no-build-isolation "./python[$1]" \
+    --config-settings "cmake.define.QVX_LIBRARY=$PWD/build/release/qvx/libqvx.a"
 }
