@@ -51,13 +51,17 @@ def by_polars(table):
     return frame.to_dicts()
 
 
+CONNECTION = duckdb.connect()  # one, because making it takes longer than most queries
+CONNECTION.execute("SET TimeZone = 'UTC'")
+
+
 def by_duckdb(table):
-    connection = duckdb.connect()
-    connection.execute("SET TimeZone = 'UTC'")
-    connection.register("rows", table)
-    answer = connection.execute("select * from rows")
+    CONNECTION.register("rows", table)
+    answer = CONNECTION.execute("select * from rows")
     names = [column[0] for column in answer.description]
-    return [dict(zip(names, row)) for row in answer.fetchall()]
+    rows = [dict(zip(names, row)) for row in answer.fetchall()]
+    CONNECTION.unregister("rows")
+    return rows
 
 
 def by_records(table):
