@@ -13,7 +13,7 @@ import pytest
 
 import qvx
 from conftest import SAMPLES
-from qvx import cli
+from qvx import _plot, cli
 
 DATA = str(SAMPLES)
 
@@ -161,8 +161,23 @@ def test_plot_draws_files_and_text(capsys, tmp_path):
         assert run(capsys, "plot", DATA, "-c", "node.memory_used", "node.load_*", "-o", path) == (0, "", "")
         assert path.read_bytes().startswith(start)
     status, out, _ = run(capsys, "plot", DATA, "-c", "node.memory_used")
-    assert out.splitlines()[0] == "node.memory_used [bytes]  node-017.cluster.example  1.0093e+10 to 5.3044e+10"
-    assert out.splitlines()[1] == "▄▄▇▁▄▇█▂▂▃▁▅"
+    assert out == (
+        "node.memory_used [bytes]  node-017.cluster.example\n"
+        "5.3044e+10 │  ▂  ▂█\n"
+        "           │  █  ██\n"
+        "           │▂▃█  ██    █\n"
+        "           │███ ▇██  ▄ █\n"
+        "1.0093e+10 │███▁███▇▅█▁█\n"
+        "           └ 2023-11-14 22:13:20 to 2023-11-14 22:14:15 UTC\n"
+    )
+
+
+def test_a_plot_in_the_terminal_leaves_out_what_is_no_number():
+    nan = float("nan")
+    assert _plot._bars([0.0, 1.0, nan, 2.0], 4, 1) == ["▁▅ █"]
+    assert _plot._bars([0.0, 0.0, 4.0, 4.0], 2, 2) == [" █", "▁█"]
+    assert _plot._bars([5.0, 5.0], 9, 1) == ["▁▁"]
+    assert _plot._bars([nan], 9, 2) == [" ", " "]
 
 
 def test_help_has_examples_and_no_progress_goes_to_a_pipe():

@@ -5,6 +5,7 @@ from __future__ import annotations
 import base64
 import html
 import io
+import math
 import os
 import tempfile
 from typing import Any, Dict, List, Optional, Sequence, Tuple
@@ -16,6 +17,7 @@ import qvx
 
 MOST_POINTS = 20000
 LEVELS = " ▁▂▃▄▅▆▇█"
+WIDTH, HEIGHT = 72, 5  # of a plot in the terminal
 
 
 def _series(
@@ -76,19 +78,28 @@ def _figure(data: qvx.Dataset, names: Sequence[str], series: Dict[Any, Any]) -> 
     return figure
 
 
-def _line(values: Sequence[float], width: int) -> str:
-    """The values as one line of blocks, the mean of equal parts."""
-    finite = [value for value in values if value == value and abs(value) != float("inf")]
-    if not finite:
-        return ""
-    low, high = min(finite), max(finite)
-    parts = min(width, len(finite))
-    means = []
+def _bars(values: Sequence[float], width: int, height: int) -> List[str]:
+    """The values as columns of blocks, each the mean of an equal part; blank where none of a part is finite."""
+    parts = min(width, len(values))
+    means: List[Optional[float]] = []
     for i in range(parts):
-        part = finite[i * len(finite) // parts : (i + 1) * len(finite) // parts]
-        means.append(sum(part) / len(part))
-    span = (high - low) or 1
-    return "".join(LEVELS[1 + round((mean - low) / span * 7)] for mean in means)
+        part = [v for v in values[i * len(values) // parts : (i + 1) * len(values) // parts] if math.isfinite(v)]
+        means.append(math.fsum(part) / len(part) if part else None)
+    known = [mean for mean in means if mean is not None]
+    low, span = min(known, default=0), (max(known, default=0) - min(known, default=0)) or 1
+    eighths = [0 if mean is None else 1 + round((mean - low) / span * (8 * height - 1)) for mean in means]
+    return ["".join(LEVELS[max(0, min(8, e - 8 * row))] for e in eighths) for row in reversed(range(height))]
+
+
+def _text(name: str, units: str, source: str, times: Sequence[Any], values: Sequence[float]) -> str:
+    finite = [value for value in values if math.isfinite(value)]
+    top, bottom = (f"{max(finite):g}", f"{min(finite):g}") if finite else ("-", "-")
+    margin = max(len(top), len(bottom))
+    edges = [top] + [""] * (HEIGHT - 2) + [bottom]
+    lines = [f"{name}{f' [{units}]' if units else ''}  {source}"]
+    lines += [f"{edge:>{margin}} │{bars}".rstrip() for edge, bars in zip(edges, _bars(values, WIDTH, HEIGHT))]
+    lines.append(f"{'':{margin}} └ {times[0]:%Y-%m-%d %H:%M:%S} to {times[-1]:%Y-%m-%d %H:%M:%S} UTC")
+    return "\n".join(lines)
 
 
 def run(
@@ -101,13 +112,8 @@ def run(
     if not series:
         raise ValueError("no values in this range of time")
     if out is None:
-        lines = []
-        for (name, source), (times, values) in series.items():
-            units = _units(data, name)
-            lines.append(f"{name}{f' [{units}]' if units else ''}  {source}  {min(values):g} to {max(values):g}")
-            lines.append(f"{_line(values, 72)}")
-            lines.append(f"{times[0]:%Y-%m-%d %H:%M:%S} to {times[-1]:%Y-%m-%d %H:%M:%S} UTC")
-        return "".join(c if c.isprintable() or c == "\n" else repr(c)[1:-1] for c in "\n".join(lines))
+        drawn = (_text(name, _units(data, name), source, *series[name, source]) for name, source in series)
+        return "".join(c if c.isprintable() or c == "\n" else repr(c)[1:-1] for c in "\n".join(drawn))
     picture = io.BytesIO()
     figure = _figure(data, names, series)
     figure.savefig(picture, format="png" if out.endswith(".png") else "svg", dpi=120)
