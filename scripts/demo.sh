@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and shows what qvx_read makes of the sample data and of this machine.
+# Installs what is missing, builds, and shows what qvx_read makes of the sample data and of this machine; and what qvx
+# makes of it, where the registry of Python packages can be reached.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/lib.sh
@@ -47,3 +48,24 @@ sample() {
 
 sample plain "its pages saved as they are" --source node7
 sample gzip "its pages compressed" --source node7 --compress gzip
+
+printf '\n'
+python_package cli || exit 0
+PATH=$PWD/build/venv/bin:$PATH
+
+# show_qvx <argument of qvx...>
+show_qvx() {
+  local argument line='$ qvx'
+  for argument in "$@"; do
+    [[ $argument =~ ^[A-Za-z0-9_./-]+$ ]] || argument="'$argument'"
+    line+=" ${argument#"$QVX_SCRATCH"/}"
+  done
+  printf '\n%s\n' "$line"
+  qvx "$@" || fail "qvx failed"
+}
+
+say "This machine, as tables, in SQL and drawn"
+show_qvx info "$QVX_SCRATCH/gzip"
+show_qvx sql "$QVX_SCRATCH/gzip" \
+  'select count(*) samples, round(avg("host.cpu_busy_percent"), 1) busy, max("host.load_1m") load from counters'
+show_qvx plot "$QVX_SCRATCH/gzip" -c host.memory_used host.cpu_busy_percent
