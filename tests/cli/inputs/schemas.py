@@ -69,9 +69,10 @@ def event_type_in_itself():
 
 
 def event_array_lengths():
-    """65537 counts as 1, and 65536 as none, which is 1."""
+    """65537 counts as 1, 65536 and all below 0 as none, which is 1."""
     fields = [field("plain", "uint8_t", 0, 1), field("one", "uint8_t", 0, 1, length=1),
-              field("wrapped", "uint8_t", 0, 1, length=65537), field("zero", "uint8_t", 0, 1, length=65536)]
+              field("wrapped", "uint8_t", 0, 1, length=65537), field("zero", "uint8_t", 0, 1, length=65536),
+              field("below", "uint8_t", 0, 1, length=-65534)]
     return _events_schema_file(text(event_schema(event_type("lengths", 1, *fields))))
 
 
