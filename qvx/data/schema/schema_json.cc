@@ -35,8 +35,8 @@ double number_at(const json::Object& object, const char* name) {
   return object.number_at(name).value_or(0);
 }
 
-// Array lengths are 16-bit numbers in the text: larger ones wrap, after the conversion to 64 bits that stops at its
-// limits. 0 means one element.
+// Array lengths are 16-bit numbers in the text: larger ones wrap, after the conversion to 64 bits that stops
+// at its limits. 0 means one element.
 std::uint32_t array_length_of(double number) {
   const auto length = static_cast<std::uint16_t>(saturate_to<std::uint64_t>(number));
   return length == 0 ? 1 : length;
