@@ -115,16 +115,21 @@ make_tree() {
   quietly "debootstrap" debootstrap --variant=minbase "$1" "$2" "$mirror"
 }
 
+# can_reach_package_registry: whether Python packages can be fetched; says it when not.
+can_reach_package_registry() {
+  install_packages python3-venv python3-dev
+  [ -x build/venv/bin/pip ] || quietly "Making build/venv" python3 -m venv build/venv
+  build/venv/bin/pip --quiet --disable-pip-version-check --retries 1 --timeout 10 \
+    download --no-deps --dest "$QVX_SCRATCH" nanobind >/dev/null 2>&1 && return
+  say "Python package: left out, the package registry cannot be reached"
+  return 1
+}
+
 # python_package <extra>: builds the Python package into build/venv with what the extra needs, around the library of
 # build/release. Fails, with a message, where the package registry cannot be reached.
 python_package() {
   local pip=(build/venv/bin/pip --quiet --disable-pip-version-check)
-  install_packages python3-venv python3-dev
-  [ -x build/venv/bin/pip ] || quietly "Making build/venv" python3 -m venv build/venv
-  if ! "${pip[@]}" --retries 1 --timeout 10 download --no-deps --dest "$QVX_SCRATCH" nanobind >/dev/null 2>&1; then
-    say "Python package: left out, the package registry cannot be reached"
-    return 1
-  fi
+  can_reach_package_registry || return
   build release qvx
   say "Python package: building and installing it in build/venv"
   # Without isolation what it is built with stays in one place, so a second time only what changed is compiled.
