@@ -2,6 +2,7 @@ import contextlib
 import gzip
 import json
 import os
+import pathlib
 import shutil
 import subprocess
 import sys
@@ -160,6 +161,9 @@ def test_plot_draws_files_and_text(capsys, tmp_path):
         path = tmp_path / f"x.{suffix}"
         assert run(capsys, "plot", DATA, "-c", "node.memory_used", "node.load_*", "-o", path) == (0, "", "")
         assert path.read_bytes().startswith(start)
+    if os.environ.get("QVX_PICTURES"):
+        path = pathlib.Path(os.environ["QVX_PICTURES"]) / "plot.png"
+        assert run(capsys, "plot", DATA, "-c", "node.memory_used", "node.load_1m", "-o", path) == (0, "", "")
     status, out, _ = run(capsys, "plot", DATA, "-c", "node.memory_used")
     assert out == (
         "node.memory_used [bytes]  node-017.cluster.example\n"

@@ -6,14 +6,13 @@ import base64
 import html
 import io
 import math
-import os
-import tempfile
 from typing import Any, Dict, List, Optional, Sequence, Tuple
 
 import pyarrow
 import pyarrow.compute
 
 import qvx
+from qvx import _files
 
 MOST_POINTS = 20000
 LEVELS = " ▁▂▃▄▅▆▇█"
@@ -125,15 +124,5 @@ def run(
             f'<!doctype html><html lang="en"><meta charset="utf-8"><title>{title}</title>'
             f'<img alt="{title}" src="data:image/svg+xml;base64,{source}"></html>\n'
         ).encode()
-    handle, temporary = tempfile.mkstemp(prefix=".qvx-", dir=os.path.dirname(out) or ".")
-    try:
-        with os.fdopen(handle, "wb") as file:
-            file.write(content)
-        umask = os.umask(0)
-        os.umask(umask)
-        os.chmod(temporary, 0o666 & ~umask)
-        os.replace(temporary, out)
-    except BaseException:
-        os.unlink(temporary)
-        raise
+    _files.write(out, content)
     return None

@@ -12,7 +12,7 @@ import sys
 from typing import Any, Callable, Iterator, List, Optional, Sequence
 
 import qvx
-from qvx import _export, _plot, _salvage
+from qvx import _export, _plot, _report, _salvage
 
 WHOLE, DAMAGED, USAGE = 0, 1, 2
 
@@ -24,6 +24,7 @@ EXAMPLES = {
     "check": "qvx check /data\n  qvx check --json node7.bin",
     "salvage": "qvx salvage damaged.bin -o good.bin",
     "plot": "qvx plot /data -c node.memory_used -o memory.png\n  qvx plot counters.bin -c 'cores.*'",
+    "report": "qvx report /data -o report.html",
 }
 
 
@@ -201,6 +202,13 @@ def plot(options: argparse.Namespace) -> int:
     return DAMAGED if data.faults else WHOLE
 
 
+def report(options: argparse.Namespace) -> int:
+    data = _open(options)
+    _report.run(data, options.out, since=options.since, until=options.until, threads=options.threads)
+    _print_faults(data)
+    return DAMAGED if data.faults else WHOLE
+
+
 def _names(text: str) -> List[str]:
     return [name for name in text.split(",") if name]
 
@@ -272,6 +280,10 @@ def parser() -> argparse.ArgumentParser:
         "-c", "--counters", nargs="+", required=True, metavar="COUNTER", help="names or patterns of counters"
     ).completer = _complete("counters")  # type: ignore[attr-defined]
     sub.add_argument("-o", "--out", help="a .png, .svg or .html file; in the terminal if not given")
+    times(sub)
+
+    sub = command("report", report, "Writes one page on everything: sources, times, gaps, counters, events, faults.")
+    sub.add_argument("-o", "--out", required=True, help="the .html file")
     times(sub)
     return top
 
