@@ -25,11 +25,24 @@ constexpr std::array<BlockKind, 6> kBlockKinds{{
     {QVX_CNTX_BLOCK, 'X', "QVX_CNTX_BLOCK"},
 }};
 
+// By the letter: every block of a file asks.
+constexpr auto kTypeOfLetter = [] {
+  std::array<qvx_block_type, 256> types;
+  types.fill(QVX_UNKNOWN_BLOCK);
+  for (const BlockKind& kind : kBlockKinds)
+    types[static_cast<unsigned char>(kind.letter)] = kind.type;
+  return types;
+}();
+
 // The first bytes of a block with zeros for what is missing.
 template <std::size_t kSize>
 std::array<std::byte, kSize> header_bytes(Bytes block) {
   std::array<std::byte, kSize> bytes{};
-  std::copy_n(block.begin(), std::min(block.size(), kSize), bytes.begin());
+  if (block.size() >= kSize) [[likely]] {
+    std::memcpy(bytes.data(), block.data(), kSize);
+  } else {
+    std::copy_n(block.begin(), block.size(), bytes.begin());
+  }
   return bytes;
 }
 
@@ -83,10 +96,7 @@ const char* block_type_name(int type) noexcept {
 
 qvx_block_type block_type_of(Bytes block) noexcept {
   if (block.size() < kMagicSize) return QVX_UNKNOWN_BLOCK;
-  const char letter = static_cast<char>(block[3]);
-  for (const BlockKind& kind : kBlockKinds)
-    if (kind.letter == letter) return kind.type;
-  return QVX_UNKNOWN_BLOCK;
+  return kTypeOfLetter[std::to_integer<unsigned char>(block[3])];
 }
 
 void block_magic_set(std::span<char, 4> to, int type) noexcept {

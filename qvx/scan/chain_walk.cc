@@ -7,6 +7,13 @@
 #include "qvx/support/log.h"
 
 namespace qvx {
+namespace {
+
+bool may_be_followed(qvx_block_type type) {
+  return type == QVX_EVENTS_BLOCK || type == QVX_SCHEMAS_BLOCK;
+}
+
+}  // namespace
 
 ChainWalk::ChainWalk(TypesInForce& types, Bytes chain, const Place& start)
     : types_(&types), chain_(chain), start_(start) {}
@@ -14,23 +21,16 @@ ChainWalk::ChainWalk(TypesInForce& types, Bytes chain, const Place& start)
 WalkStep ChainWalk::next(ScanVisitor& visitor) {
   const Bytes block = chain_.subspan(offset_);
   const qvx_block_type type = block_type_of(block);
-  const bool is_first = offset_ == 0;
-  if (type != QVX_EVENTS_BLOCK && type != QVX_SCHEMAS_BLOCK) {
-    if (is_first) return only_block(visitor, type);
-    QVX_LOG(QVX_LOG_DEBUG, "Unexpected block type %d at offset %zu", static_cast<int>(type), offset_);
-    return WalkStep::end;
-  }
+  if (!may_be_followed(type)) return only_block(visitor, type);  // the first one: see below
   if (block.size() <= kMagicSize) return WalkStep::end;
   const std::size_t step = type == QVX_EVENTS_BLOCK ? events(visitor, block) : schemas(visitor, block);
-  if (step == 0) {
-    visitor.on_fault(
-        {FaultKind::block_failed, place(),
-         format_text("Failed to process block of type %d at offset %zu", static_cast<int>(type), offset_)});
-    return WalkStep::failed;
-  }
+  if (step == 0) return block_failed(visitor, type);
   if (step >= block.size() || block.size() - step <= kMagicSize) return WalkStep::end;
   offset_ += step;
-  return WalkStep::block;
+  const qvx_block_type next_type = block_type_of(block.subspan(step));
+  if (may_be_followed(next_type)) return WalkStep::block;
+  QVX_LOG(QVX_LOG_DEBUG, "Unexpected block type %d at offset %zu", static_cast<int>(next_type), offset_);
+  return WalkStep::end;
 }
 
 WalkStep ChainWalk::only_block(ScanVisitor& visitor, qvx_block_type type) {
@@ -65,10 +65,8 @@ std::size_t ChainWalk::events(ScanVisitor& visitor, Bytes block) {
   const EventHeader header = event_header_decode(block);
   visitor.on_event_header(header);
   LoadedSchema* const schema = types_->types.find(header.schema_index, header.type_index);
-  if (schema == nullptr) {
-    visitor.on_fault(
-        {FaultKind::unknown_type, place(),
-         format_text("Type definition %u:%u not found", header.schema_index, header.type_index)});
+  if (schema == nullptr) [[unlikely]] {
+    unknown_type(visitor, header);
     return 0;
   }
   const qvx_type_definition& type = *schema->events->types[header.type_index];
@@ -78,9 +76,8 @@ std::size_t ChainWalk::events(ScanVisitor& visitor, Bytes block) {
   const std::size_t count = std::min<std::size_t>(header.num_events, most);
   if (count > 0 && !visitor.on_events({header, *schema, header.type_index, type, count, records, place()}))
     return 0;
-  if (count < header.num_events)
-    visitor.on_fault({FaultKind::events_cut, place(),
-                      format_text("%zu of %u records are there", count, header.num_events)});
+  if (count < header.num_events) [[unlikely]]
+    events_cut(visitor, header, count);
   return kEventHeaderSize + count * size;
 }
 
@@ -111,6 +108,25 @@ Place ChainWalk::place() const {
   Place place = start_;
   (place.in_page ? place.page_offset : place.offset) += offset_;
   return place;
+}
+
+// The words of faults are made apart from the walk, which small blocks make the greater part of all work.
+
+WalkStep ChainWalk::block_failed(ScanVisitor& visitor, qvx_block_type type) const {
+  visitor.on_fault(
+      {FaultKind::block_failed, place(),
+       format_text("Failed to process block of type %d at offset %zu", static_cast<int>(type), offset_)});
+  return WalkStep::failed;
+}
+
+void ChainWalk::unknown_type(ScanVisitor& visitor, const EventHeader& header) const {
+  visitor.on_fault({FaultKind::unknown_type, place(),
+                    format_text("Type definition %u:%u not found", header.schema_index, header.type_index)});
+}
+
+void ChainWalk::events_cut(ScanVisitor& visitor, const EventHeader& header, std::size_t count) const {
+  visitor.on_fault(
+      {FaultKind::events_cut, place(), format_text("%zu of %u records are there", count, header.num_events)});
 }
 
 void ChainWalk::unknown_block(ScanVisitor& visitor, qvx_block_type type) const {

@@ -40,6 +40,9 @@ class ChainWalk {
   std::size_t events(ScanVisitor& visitor, Bytes block);
   std::size_t schemas(ScanVisitor& visitor, Bytes block);
   Place place() const;
+  WalkStep block_failed(ScanVisitor& visitor, qvx_block_type type) const;
+  void unknown_type(ScanVisitor& visitor, const EventHeader& header) const;
+  void events_cut(ScanVisitor& visitor, const EventHeader& header, std::size_t count) const;
   void unknown_block(ScanVisitor& visitor, qvx_block_type type) const;
 
   TypesInForce* types_;
