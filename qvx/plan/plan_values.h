@@ -59,10 +59,13 @@ inline char* write_json_double(char* out, double value) {
   return write_json_number(out, value);
 }
 
-// Null when a JSON number cannot be made of the value.
+// For kinds up to `last_plain` only. Null when a JSON number cannot be made of the value. The count is read
+// only where it is needed.
 [[gnu::always_inline]] inline char* write_plan_value(StepKind kind, const std::byte* from,
-                                                     std::uint32_t count, char* out) {
+                                                     const std::uint32_t& count, char* out) {
   switch (kind) {
+    case StepKind::literal:
+      return out;
     case StepKind::u8:
       return write_decimal(out, std::uint64_t{load_le<std::uint8_t>(from)});
     case StepKind::i8:
@@ -105,7 +108,7 @@ inline char* write_json_double(char* out, double value) {
     case StepKind::check_f64:
       return std::isfinite(load_le<double>(from)) ? out : nullptr;
     default:
-      return out;
+      __builtin_unreachable();  // which saves a compare per value
   }
 }
 

@@ -19,7 +19,7 @@ namespace {
 // Texts up to this size are written in place with one check of the room; larger ones in pieces.
 constexpr std::uint64_t kInPlaceText = 128 * 1024;
 // Literals are copied in pieces of this size, and may be read and written up to one piece too far.
-constexpr std::size_t kLiteralPiece = 32;
+constexpr std::size_t kLiteralPiece = Step::kTextSize;
 // Every JSON text of a byte in a string is at most "\u00xx".
 constexpr std::uint64_t kMaxEscape = 6;
 constexpr std::uint64_t kEscapeSlack = 16;
@@ -93,10 +93,10 @@ char* write_tag(char* out, const Step& step, const std::byte* from) {
   return out;
 }
 
-inline char* copy_literal(char* out, const char* literal, std::size_t size) {
-  std::memcpy(out, literal, kLiteralPiece);
+inline char* copy_text(char* out, const char* text, std::size_t size) {
+  std::memcpy(out, text, kLiteralPiece);
   if (size > kLiteralPiece) [[unlikely]]
-    std::memcpy(out + kLiteralPiece, literal + kLiteralPiece, size - kLiteralPiece);
+    std::memcpy(out + kLiteralPiece, text + kLiteralPiece, size - kLiteralPiece);
   return out + size;
 }
 
@@ -122,45 +122,43 @@ class Writer {
          LocalTimeText* clock)
       : steps_(steps), candidates_(candidates), literals_(literals), room_(room), clock_(clock) {}
 
-  // Writes the steps [step, end); null when a value has no text.
-  char* run(const Step* step, const Step* end, const std::byte* base, char* out) {
+  // Writes the steps up to the next `end`; null when a value has no text. What is read of a step is read
+  // before anything is written: for all the compiler knows, the text may be written over the steps.
+  char* run(const Step* step, const std::byte* base, char* out) {
     bool object_is_empty = false;
-    for (; step != end; ++step) {
-      if constexpr (!std::is_same_v<Room, InPlace>)
-        out = room_.ensure(out, step->literal_size + value_room(step->kind, step->count));
-      const char* literal = literals_ + step->literal;
-      std::size_t literal_size = step->literal_size;
+    for (;; ++step) {
+      const StepKind kind = step->kind;
       const std::byte* const from = base + step->offset;
-      if (step->kind <= StepKind::last_plain) [[likely]] {
-        out = write_plan_value(step->kind, from, step->count, copy_literal(out, literal, literal_size));
+      if constexpr (!std::is_same_v<Room, InPlace>)
+        out = room_.ensure(out, step->literal_size + value_room(kind, step->count));
+      char* const start = out;
+      out = copy_literal(out, *step);
+      if (kind <= StepKind::last_plain) [[likely]] {
+        out = write_plan_value(kind, from, step->count, out);
         if (out == nullptr) [[unlikely]]
           return nullptr;
         continue;
       }
-      char* const start = out;
-      switch (step->kind) {
+      switch (kind) {
+        case StepKind::end:
+          return out;
         case StepKind::array:
-          out = copy_literal(out, literal, literal_size);
           out = write_array(*step, from, out);
           break;
         case StepKind::loop:
-          out = copy_literal(out, literal, literal_size);
           out = write_loop(*step, from, out);
           step = steps_.data() + step->end - 1;
           break;
         case StepKind::object_open:
-          out = copy_literal(out, literal, literal_size);
           object_is_empty = true;
           break;
         case StepKind::need_member:
           if (object_is_empty) return nullptr;
-          out = copy_literal(out, literal, literal_size);
           break;
         case StepKind::object_close:
           if (object_is_empty) {
-            *out++ = '}';
-          } else {
-            out = copy_literal(out, literal, literal_size);
+            *start = '}';
+            out = start + 1;
           }
           break;
         case StepKind::member:
@@ -172,14 +170,10 @@ class Writer {
         case StepKind::optional_influx_text:
         case StepKind::optional_tag:
         case StepKind::choice:
-          if (object_is_empty) {
-            ++literal;
-            --literal_size;
-          }
-          out = copy_literal(out, literal, literal_size);
-          if (step->kind == StepKind::choice) {
+          if (object_is_empty) out = copy_literal_without_separator(start, *step);
+          if (kind == StepKind::choice) {
             out = write_choice(*step, base, out);
-          } else if (step->kind != StepKind::member) {
+          } else if (kind != StepKind::member) {
             out = write_optional(*step, from, out);
           }
           if (out != nullptr) {
@@ -189,7 +183,6 @@ class Writer {
           }
           break;
         case StepKind::local_time: {
-          out = copy_literal(out, literal, literal_size);
           *out++ = '"';
           const std::size_t size = clock_->write(out, load_le<std::uint64_t>(from));
           if (size == 0) {
@@ -210,11 +203,27 @@ class Writer {
   }
 
  private:
+  // In one go for nearly all: a step holds the first bytes itself.
+  char* copy_literal(char* out, const Step& step) {
+    const std::size_t size = step.literal_size;
+    std::memcpy(out, step.text.data(), Step::kTextSize);
+    if (size > Step::kTextSize) [[unlikely]]
+      std::memcpy(out, literals_ + step.literal, size);
+    return out + size;
+  }
+
+  char* copy_literal_without_separator(char* out, const Step& step) {
+    const bool is_long = step.literal_size > Step::kTextSize;
+    const char* const literal = is_long ? literals_ + step.literal : step.text.data();
+    std::memcpy(out, literal + 1, step.literal_size - 1);
+    return out + step.literal_size - 1;
+  }
+
   char* write_array(const Step& step, const std::byte* from, char* out) {
     const char* const separator = literals_ + step.separator;
     for (std::uint32_t k = 0; k < step.count; ++k) {
       out = room_.ensure(out, kNumberRoom + step.separator_size);
-      if (k > 0) out = copy_literal(out, separator, step.separator_size);
+      if (k > 0) out = copy_text(out, separator, step.separator_size);
       out = write_plan_value(step.element, from, 1, out);
       if (out == nullptr) [[unlikely]]
         return nullptr;
@@ -225,12 +234,11 @@ class Writer {
 
   char* write_loop(const Step& step, const std::byte* from, char* out) {
     const Step* const body = &step + 1;
-    const Step* const end = steps_.data() + step.end;
     const char* const separator = literals_ + step.separator;
     for (std::uint32_t k = 0; k < step.count; ++k) {
       out = room_.ensure(out, step.separator_size);
-      if (k > 0) out = copy_literal(out, separator, step.separator_size);
-      out = run(body, end, from, out);
+      if (k > 0) out = copy_text(out, separator, step.separator_size);
+      out = run(body, from, out);
       if (out == nullptr) return nullptr;
       from += step.stride;
     }
@@ -331,21 +339,20 @@ bool values_have_text(const std::vector<Step>& steps, const Step* step, const St
 bool RecordPlan::write(Bytes at_hand, std::string_view before, OutputSink& sink, LocalTimeText* clock) const {
   if (at_hand.size() < bytes_needed_) return false;
   const Step* const first = steps_.data();
-  const Step* const end = first + steps_.size();
   if (max_text_ <= kInPlaceText) [[likely]] {
     char* out = sink.reserve(max_text_ + before.size());
     out = std::copy(before.begin(), before.end(), out);
     Writer<InPlace> writer(steps_, candidates_.data(), literals_.data(), {}, clock);
-    out = writer.run(first, end, at_hand.data(), out);
+    out = writer.run(first, at_hand.data(), out);
     if (out == nullptr) return false;
     sink.commit(out);
     return true;
   }
   // Too large to be taken back once parts of it are written out, so the values are looked at first.
-  if (!values_have_text(steps_, first, end, at_hand.data())) return false;
+  if (!values_have_text(steps_, first, first + steps_.size(), at_hand.data())) return false;
   sink.write(before);
   Writer<Piecewise> writer(steps_, candidates_.data(), literals_.data(), {sink}, clock);
-  sink.commit(writer.run(first, end, at_hand.data(), sink.reserve(0)));
+  sink.commit(writer.run(first, at_hand.data(), sink.reserve(0)));
   return true;
 }
 
@@ -358,7 +365,7 @@ std::optional<std::string> RecordPlan::text(Bytes at_hand, LocalTimeText* clock)
 
 void PlanBuilder::add_text(std::string_view literal) {
   if (failed_) return;
-  if (plan_.literals_.size() + pending_.size() + literal.size() > limits_.literals) {
+  if (text_size_ + pending_.size() + literal.size() > limits_.literals) {
     failed_ = true;
     return;
   }
@@ -373,14 +380,26 @@ bool PlanBuilder::visit() {
 Step& PlanBuilder::add(StepKind kind, std::uint64_t offset, std::uint64_t text_room) {
   Step& step = plan_.steps_.emplace_back();
   step.kind = kind;
-  step.literal = static_cast<std::uint32_t>(plan_.literals_.size());
   step.literal_size = static_cast<std::uint32_t>(pending_.size());
+  std::copy_n(pending_.begin(), std::min(pending_.size(), Step::kTextSize), step.text.begin());
   // An offset that does not fit is never used: the plan then needs more bytes than any record has.
   step.offset = static_cast<std::uint32_t>(offset);
-  plan_.literals_ += pending_;
+  if (pending_.size() > Step::kTextSize) {
+    step.literal = static_cast<std::uint32_t>(plan_.literals_.size());
+    plan_.literals_ += pending_;
+  }
+  text_size_ += pending_.size();
   extent_.text = saturating_add(extent_.text, pending_.size() + text_room);
   pending_.clear();
   return step;
+}
+
+void PlanBuilder::set_separator(Step& step, std::string_view separator) {
+  if (separator.size() > std::numeric_limits<decltype(step.separator_size)>::max()) failed_ = true;
+  step.separator = static_cast<std::uint32_t>(plan_.literals_.size());
+  step.separator_size = static_cast<std::uint16_t>(separator.size());
+  plan_.literals_ += separator;
+  text_size_ += separator.size();
 }
 
 // A value without bytes lies in every record, wherever it stands.
@@ -409,9 +428,7 @@ void PlanBuilder::array(StepKind element, std::uint64_t offset, std::uint32_t co
   step.element = element;
   step.count = count;
   step.stride = static_cast<std::uint32_t>(stride);
-  step.separator = static_cast<std::uint32_t>(plan_.literals_.size());
-  step.separator_size = static_cast<std::uint32_t>(separator.size());
-  plan_.literals_ += separator;
+  set_separator(step, separator);
   touch(saturating_add(offset, saturating_multiply(stride, count - 1)), element_size);
 }
 
@@ -421,16 +438,14 @@ void PlanBuilder::open_loop(std::uint64_t offset, std::uint32_t count, std::uint
   Step& step = add(StepKind::loop, offset, 0);
   step.count = count;
   step.stride = static_cast<std::uint32_t>(stride);
-  step.separator = static_cast<std::uint32_t>(plan_.literals_.size());
-  step.separator_size = static_cast<std::uint32_t>(separator.size());
-  plan_.literals_ += separator;
+  set_separator(step, separator);
   loops_.push_back({plan_.steps_.size() - 1, offset, stride, extent_});
   extent_ = {};
 }
 
 void PlanBuilder::close_loop() {
   if (failed_) return;
-  structure(StepKind::literal);
+  add(StepKind::end, 0, 0);
   const OpenLoop loop = loops_.back();
   loops_.pop_back();
   Step& step = plan_.steps_[loop.step];
@@ -475,8 +490,8 @@ void PlanBuilder::structure(StepKind kind) {
 }
 
 std::optional<RecordPlan> PlanBuilder::finish() {
-  structure(StepKind::literal);
   if (failed_) return std::nullopt;
+  add(StepKind::end, 0, 0);
   plan_.max_text_ = saturating_add(extent_.text, 2 * kLiteralPiece);
   plan_.bytes_needed_ = extent_.reach;
   plan_.literals_.append(kLiteralPiece, '\0');

@@ -11,6 +11,7 @@
 // work one record may ask for is for the compilers to limit, which know what their types claim.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -53,8 +54,9 @@ enum class StepKind : std::uint8_t {
   check_f32,
   check_f64,
   last_plain = check_f64,  // up to here: one literal, then one value
+  end,                     // the literal; of the record, or of one round of a loop
   array,                   // `count` values of one kind, a separator between them
-  loop,                    // `count` times the steps up to `end`, a separator between the rounds
+  loop,                    // `count` times the steps behind it, a separator between the rounds
   // Members of an object that may lose some of them. The literal begins with the separator, which is left out
   // while the object is empty.
   object_open,
@@ -73,18 +75,23 @@ enum class StepKind : std::uint8_t {
   local_time,  // a timestamp in microseconds as quoted local time; left out when it cannot be converted
 };
 
+// A cache line, so that all a value needs but its bytes is read at once.
 struct Step {
+  static constexpr std::size_t kTextSize = 32;
+
+  std::array<char, kTextSize> text{};  // the literal, or as much of it as there is room for
+  std::uint32_t literal_size = 0;
+  std::uint32_t literal = 0;  // of one that is longer: its position in the plan's literals
+  std::uint32_t offset = 0;   // from the start of the record, or of the round of a loop
+  std::uint32_t count = 1;
   StepKind kind = StepKind::literal;
   StepKind element = StepKind::literal;  // of an array
-  std::uint32_t literal = 0;             // position in the plan's literals
-  std::uint32_t literal_size = 0;
-  std::uint32_t offset = 0;  // from the start of the record, or of the round of a loop
-  std::uint32_t count = 1;
-  std::uint32_t stride = 0;  // bytes from one element or round to the next
-  std::uint32_t separator = 0;
-  std::uint32_t separator_size = 0;
-  std::uint32_t end = 0;  // of a loop: the step behind its last; of a choice: its first candidate
+  std::uint16_t separator_size = 0;
+  std::uint32_t separator = 0;  // position in the plan's literals
+  std::uint32_t stride = 0;     // bytes from one element or round to the next
+  std::uint32_t end = 0;        // of a loop: the step behind its last; of a choice: its first candidate
 };
+static_assert(sizeof(Step) == 64);
 
 class RecordPlan {
  public:
@@ -109,8 +116,8 @@ class RecordPlan {
 
   std::vector<Step> steps_;
   std::vector<Step> candidates_;  // of choices, without literals
-  std::string
-      literals_;  // with readable bytes behind the last one, so that literals are copied in whole words
+  std::string literals_;  // separators, and what is longer than a step's text; with readable bytes behind the
+                          // last one, so that literals are copied in whole words
   std::uint64_t bytes_needed_ = 0;
   std::uint64_t max_text_ = 0;
 };
@@ -177,11 +184,13 @@ class PlanBuilder {
 
   void add_text(std::string_view literal);
   Step& add(StepKind kind, std::uint64_t offset, std::uint64_t text_room);
+  void set_separator(Step& step, std::string_view separator);
   void touch(std::uint64_t offset, std::uint64_t size);
 
   Limits limits_;
   RecordPlan plan_;
   std::string pending_;
+  std::size_t text_size_ = 0;  // of all literals and separators so far
   Extent extent_;
   std::vector<OpenLoop> loops_;
   std::size_t visits_ = 0;
