@@ -6,8 +6,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 cmake --preset release > /dev/null
-cmake --build --preset release --target qvx_read qvx_files_bench qvx_columns_bench qvx_hand_decoder qvx_tree_decoder \
-  > /dev/null
+cmake --build --preset release --target qvx_read qvx_files_bench qvx_columns_bench \
+  qvx_perfect_writer qvx_hand_decoder qvx_tree_decoder > /dev/null
 
 folder=$(mktemp -d)
 trap 'rm -rf "$folder"' EXIT
@@ -19,5 +19,4 @@ if [ "${2:-}" = columns ]; then
   build/release/bench/qvx_columns_bench "$folder" "$1"
   exit
 fi
-build/release/bench/qvx_files_bench build/release/qvx_read build/release/bench/qvx_hand_decoder \
-  build/release/bench/qvx_tree_decoder "$folder" "${@:-256}"
+build/release/bench/qvx_files_bench build/release/qvx_read build/release/bench "$folder" "${@:-256}"
