@@ -235,7 +235,7 @@ TEST_F(CountersTablesTest, ShortMemoryPrintsNothing) {
   const RecordBytes bytes = block();
   const std::string whole = printed(*schema, bytes.bytes());
   ASSERT_GT(whole.size(), OutputSink::kSmallCapacity);  // the text grows more than once
-  std::optional<test::CapturedStream> stream;
+  std::optional<test::FixedStream> stream;
   const auto print = [&] { return qvx_counters_block_print(stream->file(), bytes.bytes(), schema.get()); };
   std::size_t failures = 0;
   for (bool complete = false; !complete; ++failures) {

@@ -34,4 +34,23 @@ class CapturedStream {
   std::FILE* file_;
 };
 
+// One that has all memory it needs before anything is printed.
+class FixedStream {
+ public:
+  FixedStream() : file_(fmemopen(text_.data(), text_.size(), "w")) {
+    if (file_ == nullptr || std::setvbuf(file_, nullptr, _IONBF, 0) != 0)
+      throw std::runtime_error("cannot open a memory stream");
+  }
+  ~FixedStream() { std::fclose(file_); }
+  FixedStream(const FixedStream&) = delete;
+  FixedStream& operator=(const FixedStream&) = delete;
+
+  std::FILE* file() const { return file_; }
+  std::string text() const { return text_.c_str(); }
+
+ private:
+  std::string text_ = std::string(std::size_t{1} << 16, '\0');
+  std::FILE* file_;
+};
+
 }  // namespace qvx::test

@@ -1,7 +1,15 @@
 #include "tests/support/failing_allocations.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <new>
+
+// The sanitizers bring a malloc of their own, behind which only operator new can be made to fail.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || !defined(__GLIBC__)
+#define QVX_FAILS_MALLOC 0
+#else
+#define QVX_FAILS_MALLOC 1
+#endif
 
 namespace {
 
@@ -10,19 +18,49 @@ thread_local bool refused = false;
 thread_local bool once = false;
 thread_local std::size_t left = 0;
 
-void* allocate(std::size_t size) {
-  if (limited && left == 0) {
-    refused = true;
-    limited = !once;
-    throw std::bad_alloc();
+// Whether this allocation is one that fails.
+bool refuses() {
+  if (!limited) return false;
+  if (left > 0) {
+    --left;
+    return false;
   }
-  if (limited) --left;
+  refused = true;
+  limited = !once;
+  errno = ENOMEM;
+  return true;
+}
+
+void* allocate(std::size_t size) {
+#if !QVX_FAILS_MALLOC
+  if (refuses()) throw std::bad_alloc();
+#endif
   void* const block = std::malloc(size != 0 ? size : 1);
   if (block == nullptr) throw std::bad_alloc();
   return block;
 }
 
 }  // namespace
+
+#if QVX_FAILS_MALLOC
+extern "C" {
+
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* block, std::size_t size);
+
+void* malloc(std::size_t size) {
+  return refuses() ? nullptr : __libc_malloc(size);
+}
+void* calloc(std::size_t count, std::size_t size) {
+  return refuses() ? nullptr : __libc_calloc(count, size);
+}
+void* realloc(void* block, std::size_t size) {
+  return refuses() ? nullptr : __libc_realloc(block, size);
+}
+
+}  // extern "C"
+#endif
 
 void* operator new(std::size_t size) {
   return allocate(size);

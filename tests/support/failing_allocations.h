@@ -1,4 +1,5 @@
-// Makes operator new fail, to test what the library promises when memory is short.
+// Makes allocations fail, to test what the library promises when memory is short: those of operator new and,
+// but under a sanitizer, of malloc, calloc and realloc.
 #pragma once
 
 #include <cstddef>
@@ -6,7 +7,7 @@
 namespace qvx::test {
 
 // While one exists, the first `successes` allocations of this thread succeed; the one behind them, and unless
-// only that is to fail all others, throw std::bad_alloc.
+// only that is to fail all others, do not.
 class FailingAllocations {
  public:
   enum class Failing { lasting, once };
