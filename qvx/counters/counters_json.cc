@@ -72,7 +72,7 @@ struct Template {
   bool matches(const json::Value& value) const {
     if (!pattern) {
       QVX_LOG(QVX_LOG_ERROR, "Unable to parse schema to JSON value: '%s'", text);
-      return false;
+      throw std::bad_alloc();  // nothing else keeps a literal from being parsed
     }
     if (json::matches(*pattern, value)) return true;
     QVX_LOG(QVX_LOG_ERROR, "JSON does not match schema '%s'", text);
@@ -136,34 +136,6 @@ qvx::CounterGroupPtr group_from_json(const json::Value& value, const Templates& 
   return group;
 }
 
-qvx::CountersSchemaPtr read_schema(const json::Value& value) {
-  const Templates templates;
-  if (!templates.schema.matches(value)) return nullptr;
-  const json::Object& object = *value.as_object();
-  const std::string version = *text_at(object, "version");
-  if (!qvx::is_compatible_version(qvx::parse_version(version.c_str()), qvx::parse_version(kVersion))) {
-    QVX_LOG(QVX_LOG_ERROR, "Version '%s' of parsing schema is incompatible with current schema version '%s'",
-            version.c_str(), kVersion);
-  }
-  qvx::CountersSchemaPtr schema(new qvx_counters_schema);
-  const json::Array* const groups = object.array_at("counter_groups");
-  if (groups == nullptr) {
-    QVX_LOG(QVX_LOG_ERROR, "Schema JSON is missing counter groups information");
-    return nullptr;
-  }
-  for (const json::Value& element : *groups) {
-    qvx::CounterGroupPtr group = group_from_json(element, templates);
-    if (group == nullptr) {
-      QVX_LOG(QVX_LOG_ERROR, "Failed to decode counter group from JSON");
-      return nullptr;
-    }
-    schema->groups.push_back(std::move(group));
-  }
-  qvx_counters_schema_update_counter_offsets(schema.get());
-  schema->size_of_counters = qvx_counters_schema_size_of_counters(schema.get());
-  return schema;
-}
-
 }  // namespace
 
 std::optional<json::Value> qvx_counters_schema_jsonify(const qvx_counters_schema* schema) noexcept {
@@ -214,9 +186,41 @@ bool qvx_counters_schema_jsonify_print(std::FILE* stream, const qvx_counters_sch
   return std::fflush(stream) == 0 && written && whole;
 }
 
+namespace qvx {
+
+CountersSchemaPtr try_counters_schema_from_json(const json::Value& value) {
+  const Templates templates;
+  if (!templates.schema.matches(value)) return nullptr;
+  const json::Object& object = *value.as_object();
+  const std::string version = *text_at(object, "version");
+  if (!is_compatible_version(parse_version(version.c_str()), parse_version(kVersion))) {
+    QVX_LOG(QVX_LOG_ERROR, "Version '%s' of parsing schema is incompatible with current schema version '%s'",
+            version.c_str(), kVersion);
+  }
+  CountersSchemaPtr schema(new qvx_counters_schema);
+  const json::Array* const groups = object.array_at("counter_groups");
+  if (groups == nullptr) {
+    QVX_LOG(QVX_LOG_ERROR, "Schema JSON is missing counter groups information");
+    return nullptr;
+  }
+  for (const json::Value& element : *groups) {
+    CounterGroupPtr group = group_from_json(element, templates);
+    if (group == nullptr) {
+      QVX_LOG(QVX_LOG_ERROR, "Failed to decode counter group from JSON");
+      return nullptr;
+    }
+    schema->groups.push_back(std::move(group));
+  }
+  qvx_counters_schema_update_counter_offsets(schema.get());
+  schema->size_of_counters = qvx_counters_schema_size_of_counters(schema.get());
+  return schema;
+}
+
+}  // namespace qvx
+
 qvx_counters_schema* qvx_counters_schema_from_json(const json::Value& value) noexcept {
   try {
-    return read_schema(value).release();
+    return qvx::try_counters_schema_from_json(value).release();
   } catch (const std::bad_alloc&) {
     QVX_LOG(QVX_LOG_ERROR, "Failed to allocate schema object: %s", std::strerror(ENOMEM));
     return nullptr;

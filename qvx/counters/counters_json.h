@@ -30,3 +30,11 @@
 // Loads the file that an identifier names in a folder. Null at once for an absent or empty identifier.
 [[nodiscard]] qvx_counters_schema* qvx_counters_schema_load_by_id(const qvx_schema_id* id,
                                                                   const char* directory) noexcept;
+
+namespace qvx {
+
+// qvx_counters_schema_from_json, but short memory is std::bad_alloc, which tells it from a value that is no
+// counters schema.
+[[nodiscard]] CountersSchemaPtr try_counters_schema_from_json(const json::Value& value);
+
+}  // namespace qvx

@@ -59,6 +59,27 @@ FileDescriptor create_beside(const std::string& path, std::string& temporary) {
   return FileDescriptor();
 }
 
+// Removes a file unless it gets its name, also when something is thrown on the way there.
+class Temporary {
+ public:
+  explicit Temporary(const std::string& path) : path_(path) {}
+  ~Temporary() {
+    if (!is_renamed_) ::unlink(path_.c_str());
+  }
+  Temporary(const Temporary&) = delete;
+  Temporary& operator=(const Temporary&) = delete;
+
+  // 0, or errno.
+  int rename_to(const std::string& path) {
+    is_renamed_ = ::rename(path_.c_str(), path.c_str()) == 0;
+    return is_renamed_ ? 0 : errno;
+  }
+
+ private:
+  const std::string& path_;
+  bool is_renamed_ = false;
+};
+
 // errno when not all of the text could be written and the file closed.
 int write_text(FileDescriptor file, const json::Value& schema) {
   constexpr std::size_t kBuffer = std::size_t{64} * 1024;
@@ -138,19 +159,19 @@ void SchemaWriter::write_schema(const json::Value& schema) {
       QVX_LOG(QVX_LOG_WARNING, "[schema writer] Existing file '%s' does not hold its schema", path->c_str());
     return;
   }
-  std::string temporary;
-  FileDescriptor file = create_beside(*path, temporary);
+  std::string temporary_path;
+  FileDescriptor file = create_beside(*path, temporary_path);
   if (!file) {
     QVX_LOG(QVX_LOG_WARNING, "[data] Failed to create schema file '%s': %s", path->c_str(),
             std::strerror(errno));
     enabled_ = false;
     return;
   }
+  Temporary temporary(temporary_path);
   int error = write_text(std::move(file), schema);
-  if (error == 0 && ::rename(temporary.c_str(), path->c_str()) != 0) error = errno;
+  if (error == 0) error = temporary.rename_to(*path);
   if (error == 0) return;
   QVX_LOG(QVX_LOG_WARNING, "[data] Failed writing schema file '%s': %s", path->c_str(), std::strerror(error));
-  ::unlink(temporary.c_str());
 }
 
 }  // namespace qvx

@@ -166,8 +166,14 @@ int qvx_type_system_add_schema_json(qvx_type_system* ts, const char* text, std::
     return -1;
   }
   qvx::SchemaPtr schema = qvx::schema_from_json(*value);
-  qvx::CountersSchemaPtr counters(qvx_counters_schema_from_json(*value));
-  if (schema == nullptr && counters == nullptr) {
+  qvx::CountersSchemaPtr counters;
+  bool is_short = false;  // then a text of both kinds must not pass for an event schema
+  try {
+    counters = qvx::try_counters_schema_from_json(*value);
+  } catch (const std::bad_alloc&) {
+    is_short = true;
+  }
+  if (is_short || (schema == nullptr && counters == nullptr)) {
     QVX_LOG(QVX_LOG_ERROR, "Failed to convert schema from JSON to internal memory representation");
     return -1;
   }

@@ -63,7 +63,8 @@ void qvx_type_system_remove_last_schema(qvx_type_system* ts) noexcept;
 // Recomputes the digest and digest text of every event schema. False when memory is short.
 [[nodiscard]] bool qvx_type_system_fill_digests(qvx_type_system* ts) noexcept;
 
-// The digest of the counters schema's pretty JSON text; all zero without one.
+// The digest of the counters schema's pretty JSON text; all zero without one, and when memory is short, until
+// it is asked for again.
 const qvx_schema_id& qvx_type_system_counters_digest(qvx_type_system* ts) noexcept;
 
 // The first slot whose digest text is `id_text`. Schemas behind slot 254 have no index and are not found.
