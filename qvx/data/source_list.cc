@@ -29,7 +29,7 @@ using FilePtr = std::unique_ptr<std::FILE, CloseFile>;
 
 // Null for anything but a regular file: a device or a pipe may have no end.
 FilePtr open_regular(const char* path) {
-  FileDescriptor descriptor(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  FileDescriptor descriptor = open_to_read(path, O_NONBLOCK);
   struct stat status {};
   if (!descriptor || fstat(descriptor.get(), &status) != 0 || !S_ISREG(status.st_mode)) return nullptr;
   FilePtr file(fdopen(descriptor.get(), "r"));

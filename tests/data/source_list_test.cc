@@ -9,6 +9,7 @@
 
 #include "tests/data/source_fixture.h"
 #include "tests/support/failing_allocations.h"
+#include "tests/support/faulty_calls.h"
 
 namespace qvx {
 namespace {
@@ -144,6 +145,14 @@ TEST_F(SourceFile, TextFileHasASourceALine) {
   const TempDir folder;
   const std::string path = folder.write_file("list", "one\n\ntwo\r\n\r\nthree\rrest\n four ");
   EXPECT_EQ(source_list_from_arg(path.c_str()), (SourceList{"one", "two", "three", " four "}));
+}
+
+TEST_F(SourceFile, InterruptedOpeningIsTriedAgain) {
+  const TempDir folder;
+  const std::string path = folder.write_file("list", "one\n");
+  const test::FaultyCalls interrupted(test::Call::open, EINTR, 0, 2);
+  EXPECT_EQ(source_list_from_arg(path.c_str()), SourceList{"one"});
+  EXPECT_TRUE(interrupted.any_failed());
 }
 
 TEST_F(SourceFile, EmptyTextFileIsAnEmptyList) {

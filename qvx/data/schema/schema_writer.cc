@@ -54,7 +54,7 @@ FileDescriptor create_beside(const std::string& path, std::string& temporary) {
   for (int number = 0; number < kTries; ++number) {
     temporary = format_text("%s.%ld.%d.tmp", path.c_str(), static_cast<long>(::getpid()), number);
     FileDescriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-    if (file || errno != EEXIST) return file;
+    if (file || (errno != EEXIST && errno != EINTR)) return file;
   }
   return FileDescriptor();
 }

@@ -170,7 +170,7 @@ bool nodeinfo_write(qvx_nodeinfo_cache& cache, const char* directory, const qvx_
   try {
     const std::string path = directory;
     if (!bring_up_to_date(cache, page)) return false;
-    const FileDescriptor folder(open(directory, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const FileDescriptor folder = open_to_read(directory, O_PATH | O_DIRECTORY);
     if (!folder) return fail_open(path + "/nodeinfo.json", errno);
     return nodeinfo_write_in(cache, folder.get(), path, page);
   } catch (const std::bad_alloc&) {

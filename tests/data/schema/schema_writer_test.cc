@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -18,6 +19,7 @@
 #include "qvx/support/json_parse.h"
 #include "qvx/support/json_text.h"
 #include "tests/support/env_guard.h"
+#include "tests/support/faulty_calls.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
@@ -123,6 +125,13 @@ TEST_F(SchemaWriterTest, ExistingFileIsKeptAndReportedWhenItHoldsSomethingElse) 
   writer_.onSchema(kSchema);
   EXPECT_EQ(test::read_file(folder_.path() / kSchemaFile), kSchema);
   EXPECT_TRUE(log_.texts(QVX_LOG_WARNING).empty());
+}
+
+TEST_F(SchemaWriterTest, InterruptedOpeningIsTriedAgain) {
+  const test::FaultyCalls interrupted(test::Call::open, EINTR, 0, 4);
+  writer_.onSchema(kSchema);
+  EXPECT_TRUE(interrupted.any_failed());
+  EXPECT_EQ(test::read_file(folder_.path() / kSchemaFile), kPrettySchema);
 }
 
 TEST_F(SchemaWriterTest, NewFileIsNeverSeenInPart) {

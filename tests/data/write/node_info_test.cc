@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -13,6 +14,7 @@
 #include "tests/support/env_guard.h"
 #include "tests/support/failing_allocations.h"
 #include "tests/support/fake_clock.h"
+#include "tests/support/faulty_calls.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
@@ -263,6 +265,13 @@ TEST_F(NodeInfoFile, FileThatCannotBeOpenedIsLoggedAndTriedAgain) {
   std::filesystem::create_directory(missing);
   EXPECT_TRUE(write(page_with({adapter("hcx5_0")}, 2000), missing));
   EXPECT_EQ(read_file(missing + "/nodeinfo.json"), kOneAdapter);
+}
+
+TEST_F(NodeInfoFile, InterruptedOpeningIsTriedAgain) {
+  const test::FaultyCalls interrupted(test::Call::open, EINTR, 0, 2);
+  EXPECT_TRUE(write(page_with({adapter("hcx5_0")})));
+  EXPECT_TRUE(interrupted.any_failed());
+  EXPECT_EQ(read("nodeinfo.json"), kOneAdapter);
 }
 
 TEST_F(NodeInfoFile, FileThatCannotBeWrittenIsLoggedAndRemoved) {
