@@ -47,8 +47,13 @@ class FileDescriptor {
   int number_ = -1;
 };
 
-// Opens a file to read it, again when a signal interrupts that. None, and errno set, on failure.
+// Opens a file to read it, again when a signal interrupts that. None, and errno set, on failure: for an
+// absent path to EFAULT.
 inline FileDescriptor open_to_read(const char* path, int more_flags = 0) noexcept {
+  if (path == nullptr) {
+    errno = EFAULT;
+    return {};
+  }
   int number = -1;
   do {
     number = open(path, O_RDONLY | O_CLOEXEC | more_flags);
