@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string_view>
 #include <utility>
 
 namespace qvx::columns {
@@ -47,6 +48,12 @@ class Buffer {
   void push(T value) {
     __builtin_memcpy(extend(sizeof value), &value, sizeof value);
     commit(sizeof value);
+  }
+
+  void append(std::string_view bytes) {
+    if (bytes.empty()) return;  // there may be no memory yet
+    __builtin_memcpy(extend(bytes.size()), bytes.data(), bytes.size());
+    commit(bytes.size());
   }
 
   void clear() { size_ = 0; }

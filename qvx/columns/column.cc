@@ -17,6 +17,7 @@ const ColumnType kDictionaryText{"", ColumnKind::text, 0, {}, {}};
 // The inner loop of everything: one value of each record, in the order of this processor's bytes.
 template <typename T>
 void gather(Buffer& to, const std::byte* from, std::size_t stride, std::size_t count) {
+  if (count == 0) return;  // there may be no buffer yet
   std::byte* out = to.extend(count * sizeof(T));
   if (std::endian::native == std::endian::little && stride == sizeof(T)) {
     std::memcpy(out, from, count * sizeof(T));
@@ -225,8 +226,7 @@ void Column::append_nulls(std::size_t count) {
 }
 
 void Column::append_text(std::string_view utf8) {
-  std::memcpy(text_.extend(utf8.size()), utf8.data(), utf8.size());
-  text_.commit(utf8.size());
+  text_.append(utf8);
   push_offset();
   count_rows(1);
 }

@@ -1,7 +1,6 @@
 #include "qvx/columns/table_decoder.h"
 
 #include <algorithm>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -369,9 +368,7 @@ bool TableDecoder::stage_counters(const CountersBlock& block, const std::shared_
     return false;
   if (staged_binding_ != shared || staged_count_ == kStagedBlocks) flush_staged();
   staged_binding_ = shared;
-  const auto size = static_cast<std::size_t>(binding.reach);
-  std::memcpy(staged_.extend(size), block.block.data(), size);
-  staged_.commit(size);
+  staged_.append(as_text(block.block.first(static_cast<std::size_t>(binding.reach))));
   ++staged_count_;
   add_extras(block.place, 1);
   if (const auto time = query_.place_of(ExtraColumn::time)) add_times(*time, block.header.timestamp, 1);
