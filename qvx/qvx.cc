@@ -1,6 +1,8 @@
 #include "qvx/qvx.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -21,6 +23,7 @@ struct qvx_reader {
 
   qvx::DataFileReader reader;
   std::vector<const qvx::RecordType*> tables;
+  bool is_short = false;  // no memory for the tables of the file
 };
 
 struct qvx_field {
@@ -127,12 +130,14 @@ void qvx_reader_destroy(qvx_reader* reader) {
 
 int qvx_reader_open(qvx_reader* reader, const char* path) {
   reader->tables.clear();
+  reader->is_short = false;
   try {
     if (!reader->reader.open(path)) return 0;
     reader->tables = reader->reader.types();
     return 1;
   } catch (const std::exception&) {
     reader->reader.close();
+    reader->is_short = true;
     return 0;
   }
 }
@@ -155,11 +160,11 @@ const qvx_record* qvx_reader_next(qvx_reader* reader) {
 }
 
 int qvx_reader_failed(const qvx_reader* reader) {
-  return int{reader->reader.failed()};
+  return int{reader->is_short || reader->reader.failed()};
 }
 
 const char* qvx_reader_error(const qvx_reader* reader) {
-  return reader->reader.error().c_str();
+  return reader->is_short ? std::strerror(ENOMEM) : reader->reader.error().c_str();
 }
 
 size_t qvx_reader_fault_count(const qvx_reader* reader) {
@@ -256,7 +261,8 @@ int qvx_open_arrow(const char* const* paths, size_t count, const char* schema_fo
   try {
     const auto dataset = std::make_shared<const Dataset>(std::vector<std::string>(paths, paths + count),
                                                          schema_folder != nullptr ? schema_folder : "");
-    export_stream(std::make_unique<TableStream>(dataset, resolve(*dataset, Query{.table = table})), stream);
+    export_stream(std::make_unique<TableStream>(dataset, resolve(*dataset, Query{.table = table})), stream,
+                  StreamFaults::end_stream);
     return 1;
   } catch (const std::exception& fault) {
     std::snprintf(words, room, "%s", fault.what());

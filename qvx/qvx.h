@@ -101,8 +101,10 @@ QVX_EXPORT int qvx_record_text(const qvx_record* record, qvx_field* field, size_
 
 /* The records of one table in all the files as batches of columns, in the Arrow C stream interface, which
  * https://arrow.apache.org/docs/format/CStreamInterface.html fixes. Without a schema folder, NULL, each
- * file's is searched for beside it and up to four folders above. The receiver releases the stream. 0: there
- * is no such table, or memory is short; `words`, of `room` bytes, says why. */
+ * file's is searched for beside it and up to four folders above. The receiver releases the stream. Where
+ * something is wrong with a file, all batches that can be read come first, then get_next gives EIO and
+ * get_last_error the first fault. 0: there is no such table, or memory is short; `words`, of `room` bytes,
+ * says why. */
 struct ArrowArrayStream;
 QVX_EXPORT int qvx_open_arrow(const char* const* paths, size_t count, const char* schema_folder,
                               const char* table, struct ArrowArrayStream* stream, char* words, size_t room);

@@ -1,11 +1,13 @@
 // The C interface beyond what the C program of tests/install uses.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <memory>
 #include <string>
 
 #include "qvx/columns/arrow_c.h"
 #include "qvx/qvx.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -136,6 +138,26 @@ TEST(CInterface, HandsATableOverAsAnArrowStream) {
   batch.release(&batch);
   ASSERT_EQ(stream.get_next(&stream, &batch), 0);
   EXPECT_EQ(batch.release, nullptr);
+  stream.release(&stream);
+}
+
+TEST(CInterface, EndsAnArrowStreamWithTheFirstFault) {
+  const qvx::test::TempDir folder;
+  std::string bytes = qvx::test::read_file(kData + "events.bin");
+  bytes[256 + 3 * 1024 + 13] = 99;  // the type of the second block of jobs
+  const std::string path = folder.write_file("damaged.bin", bytes);
+  const char* const paths[] = {path.c_str()};
+  ArrowArrayStream stream;
+  char words[200] = "";
+  const std::string schemas = kData + "schema";
+  ASSERT_EQ(qvx_open_arrow(paths, 1, schemas.c_str(), "job_started", &stream, words, sizeof words), 1);
+  ArrowArray batch;
+  ASSERT_EQ(stream.get_next(&stream, &batch), 0);
+  EXPECT_EQ(batch.length, 3);
+  batch.release(&batch);
+  EXPECT_EQ(stream.get_next(&stream, &batch), EIO);
+  const std::string error = stream.get_last_error(&stream);
+  EXPECT_EQ(error, path + ": Type definition 1:99 not found");
   stream.release(&stream);
 }
 

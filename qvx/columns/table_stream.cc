@@ -7,6 +7,7 @@
 #include <exception>
 #include <mutex>
 #include <new>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -261,7 +262,20 @@ namespace {
 
 struct ExportedStream {
   std::unique_ptr<TableStream> stream;
+  StreamFaults faults = StreamFaults::listed;
   std::string error;
+
+  void next(ArrowArray* to) {
+    if (stream->next(to)) return;
+    *to = {};
+    if (faults == StreamFaults::listed) return;
+    const std::vector<DataFault> found = stream->dataset().faults().list();
+    // That a block failed follows from another fault of its place.
+    for (const bool is_block : {false, true})
+      for (const DataFault& fault : found)
+        if (fault.kind != "warning" && (fault.kind == "block_failed") == is_block)
+          throw std::runtime_error(fault.file + ": " + fault.words);
+  }
 
   template <typename Action>
   int guarded(Action action) noexcept {
@@ -287,17 +301,16 @@ ExportedStream& exported(ArrowArrayStream* stream) {
 
 }  // namespace
 
-void export_stream(std::unique_ptr<TableStream> stream, ArrowArrayStream* out) {
+void export_stream(std::unique_ptr<TableStream> stream, ArrowArrayStream* out, StreamFaults faults) {
   auto owned = std::make_unique<ExportedStream>();
   owned->stream = std::move(stream);
+  owned->faults = faults;
   *out = {};
   out->get_schema = [](ArrowArrayStream* self, ArrowSchema* to) {
     return exported(self).guarded([&] { exported(self).stream->schema(to); });
   };
   out->get_next = [](ArrowArrayStream* self, ArrowArray* to) {
-    return exported(self).guarded([&] {
-      if (!exported(self).stream->next(to)) *to = {};
-    });
+    return exported(self).guarded([&] { exported(self).next(to); });
   };
   out->get_last_error = [](ArrowArrayStream* self) -> const char* {
     const std::string& error = exported(self).error;

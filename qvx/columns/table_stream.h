@@ -37,6 +37,7 @@ class TableStream {
   [[nodiscard]] bool next(ArrowArray* out);
 
   std::shared_ptr<const Progress> progress() const { return progress_; }
+  const Dataset& dataset() const { return *dataset_; }
 
  private:
   class Source;
@@ -49,7 +50,12 @@ class TableStream {
   std::unique_ptr<Source> source_;
 };
 
+// Whether faults of files are for the list of the dataset only, or end a stream with an error, too: that of
+// the first, behind the last batch.
+enum class StreamFaults : std::uint8_t { listed, end_stream };
+
 // Hands a stream over to the Arrow C stream interface, whose functions return errno values and never throw.
-void export_stream(std::unique_ptr<TableStream> stream, ArrowArrayStream* out);
+void export_stream(std::unique_ptr<TableStream> stream, ArrowArrayStream* out,
+                   StreamFaults faults = StreamFaults::listed);
 
 }  // namespace qvx::columns
