@@ -21,10 +21,6 @@ ColumnType column(const char* name, ColumnKind kind, const char* description) {
   return {name, kind, 0, {}, {{"description", description}}};
 }
 
-std::string id_text(const qvx_schema_id& id) {
-  return schema_id_text(id).value_or("");
-}
-
 std::string name_with_schema(const ColumnType& column, const std::string& schema_id) {
   return column.name + "@" + schema_id.substr(0, 8);
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -159,6 +160,12 @@ std::optional<EventColumns> compile_event_columns(const qvx_type_definition& typ
                                  [](const ColumnPlan& plan) { return plan.kind == ColumnKind::timestamp; });
   if (time != columns.plans.end()) columns.time_offset = time->offset;
   return columns;
+}
+
+std::string id_text(const qvx_schema_id& id) {
+  std::optional<std::string> text = schema_id_text(id);
+  if (!text) throw std::bad_alloc();
+  return std::move(*text);
 }
 
 }  // namespace qvx::columns

@@ -28,4 +28,7 @@ struct EventColumns {
                                                                 const std::string& schema_id,
                                                                 std::string& why_not);
 
+// The digits of a schema's identifier. Throws std::bad_alloc.
+std::string id_text(const qvx_schema_id& id);
+
 }  // namespace qvx::columns

@@ -198,7 +198,7 @@ const Binding& TableDecoder::event_binding(LoadedSchema& schema, std::size_t typ
                           utf8_text(schema.events->name.value_or("")) == query_.table.provider;
   if (binding->is_asked_for) {
     std::string why_not;
-    const std::string id = schema_id_text(schema.id).value_or("");
+    const std::string id = id_text(schema.id);
     if (auto columns = compile_event_columns(type, id, why_not)) {
       binding->plans = std::move(columns->plans);
       binding->reach = columns->reach;
@@ -222,7 +222,7 @@ const std::shared_ptr<const Binding>& TableDecoder::counters_binding(LoadedSchem
   Binding& binding = *made;
   notes->binding = made;
   std::string why_not;
-  const std::string id = schema_id_text(schema.id).value_or("");
+  const std::string id = id_text(schema.id);
   if (auto columns = compile_counters_columns(*schema.counters, id, why_not)) {
     binding.is_asked_for = true;
     binding.plans = std::move(columns->plans);

@@ -25,7 +25,9 @@ bool ends_file(FaultKind kind) {
 
 class DataFileReader::Impl final : public ScanVisitor {
  public:
-  explicit Impl(std::string schema_folder) : types_(std::move(schema_folder)) {}
+  explicit Impl(std::string schema_folder) : types_(std::move(schema_folder)) {
+    error.reserve(std::strlen(std::strerror(ENOMEM)));  // so that it can be said when it is so
+  }
 
   template <typename Source>
   bool open(Source source);

@@ -48,6 +48,7 @@ extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* block, std::size_t size);
+void* __libc_memalign(std::size_t alignment, std::size_t size);
 
 void* malloc(std::size_t size) {
   return refuses() ? nullptr : __libc_malloc(size);
@@ -57,6 +58,10 @@ void* calloc(std::size_t count, std::size_t size) {
 }
 void* realloc(void* block, std::size_t size) {
   return refuses() ? nullptr : __libc_realloc(block, size);
+}
+
+void* aligned_alloc(std::size_t alignment, std::size_t size) {
+  return refuses() ? nullptr : __libc_memalign(alignment, size);
 }
 
 }  // extern "C"

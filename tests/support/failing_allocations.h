@@ -1,5 +1,5 @@
 // Makes allocations fail, to test what the library promises when memory is short: those of operator new and,
-// but under a sanitizer, of malloc, calloc and realloc.
+// but under a sanitizer, of malloc and its like.
 #pragma once
 
 #include <cstddef>
