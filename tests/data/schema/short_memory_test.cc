@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <filesystem>
 #include <map>
@@ -260,14 +261,15 @@ class ShortMemoryOfPages : public testing::Test {
         .add(std::uint16_t{0})
         .add(std::uint8_t{1});
     const Bytes bytes = add_record(data).bytes();
-    page_.insert(page_.end(), bytes.begin(), bytes.end());
+    page_.resize(720 + bytes.size());
+    std::memcpy(page_.data() + 720, bytes.data(), bytes.size());
     store_le<std::uint64_t>(page_.data() + 12, page_.size());
     const std::string_view name = "hcx4_0";
     name.copy(adapter_.name.data(), name.size());
   }
 
   TypeSystemPtr types_ = make_types_with_counters();
-  std::vector<std::byte> page_ = std::vector<std::byte>(720);
+  std::vector<std::byte> page_;
   qvx_adapter_info adapter_;
 };
 
