@@ -1,5 +1,6 @@
 #include "qvx/support/number.h"
 
+#include <array>
 #include <bit>
 #include <charconv>
 #include <cmath>
@@ -35,7 +36,7 @@ constexpr int floor_log2_of_power_of_ten(int q) {
   return q * 1741647 >> 19;
 }
 
-const PowerOfTen& power_of_ten(int q) {
+constexpr const PowerOfTen& power_of_ten(int q) {
   return kPowersOfTen[q - detail::kFirstPowerOfTen];
 }
 
@@ -47,38 +48,58 @@ struct Decimal17 {
   int exponent;
 };
 
-// The decimal exponent of significand * 2^(exponent - 63), the significand having its highest bit set.
-int decimal_exponent(std::uint64_t significand, int exponent) {
-  const int low = floor_log10_of_power_of_two(exponent);
-  // The next power of ten may lie between 2^exponent and the value. Where the table holds it exactly its
-  // lower half is zero, elsewhere that half is not.
-  const PowerOfTen& next = power_of_ten(low + 1);
-  const bool same_binade = floor_log2_of_power_of_ten(low + 1) == exponent;
-  const bool reached = significand > next.high - (next.low == 0);
-  return low + (same_binade & reached);
+// Of the values in [2^e, 2^(e + 1)).
+struct Binade {
+  std::uint64_t low_end;  // the last significand below the power of ten inside, if there is one
+  std::int16_t decimal;   // exponent of the values below that power
+  // How far the product with the power of ten is to be shifted for twice the digits, below that power and
+  // from it on.
+  std::array<std::uint8_t, 2> shift;
+};
+
+constexpr std::uint8_t shift_of(int exponent, int decimal) {
+  return static_cast<std::uint8_t>(61 - exponent - floor_log2_of_power_of_ten(16 - decimal));  // 5 to 9
 }
 
-// Rounds significand * 2^(exponent - 63), the value of a normal double, to 17 digits, ties to even. False
-// where the table is too coarse to tell how. Free of branches that depend on the digits.
-bool round_to_17_digits(std::uint64_t significand, int exponent, Decimal17& result) {
-  const int decimal = decimal_exponent(significand, exponent);
+// By the biased exponent, of normal doubles.
+constexpr auto kBinades = [] {
+  std::array<Binade, kExponentMask> binades{};
+  for (unsigned biased = 1; biased < kExponentMask; ++biased) {
+    const int exponent = static_cast<int>(biased) - kExponentBias;
+    const int low = floor_log10_of_power_of_two(exponent);
+    // Where the table holds a power exactly its lower half is zero, elsewhere that half is not.
+    const PowerOfTen& next = power_of_ten(low + 1);
+    const bool is_inside = floor_log2_of_power_of_ten(low + 1) == exponent;
+    binades[biased] = {is_inside ? next.high - (next.low == 0) : UINT64_MAX,
+                       static_cast<std::int16_t>(low),
+                       {shift_of(exponent, low), shift_of(exponent, low + 1)}};
+  }
+  return binades;
+}();
+
+// Rounds significand * 2^(biased - bias - 63), the value of a normal double, to 17 digits, ties to even.
+// False where the table is too coarse to tell how. Free of branches that depend on the digits.
+bool round_to_17_digits(std::uint64_t significand, unsigned biased, Decimal17& result) {
+  const Binade& binade = kBinades[biased];
+  const bool is_above = significand > binade.low_end;
+  const int decimal = binade.decimal + is_above;
+  const unsigned shift = binade.shift[is_above];
   const int k = 16 - decimal;
   const PowerOfTen& power = power_of_ten(k);
 
-  // The 192 bits upper:middle:low are the value * 10^k * 2^(128 + point). The rounding of the table makes
+  // The 192 bits upper:middle:low are the value * 10^k * 2^(129 + shift). The rounding of the table makes
   // them too small, by less than one unit of the middle word.
   const Uint128 lower_product = Uint128{significand} * power.low;
   const Uint128 product = Uint128{significand} * power.high + static_cast<std::uint64_t>(lower_product >> 64);
   const auto upper = static_cast<std::uint64_t>(product >> 64);
   const auto middle = static_cast<std::uint64_t>(product);
-  const int point = 62 - exponent - floor_log2_of_power_of_ten(k);  // 6 to 10
 
-  const std::uint64_t halves = upper >> (point - 1);
+  const std::uint64_t halves = upper >> shift;
   std::uint64_t digits = (halves + 1) / 2;
   if (middle == 0 || middle == UINT64_MAX) [[unlikely]] {
     // Only an exact product can be told from a tie here; 5^55 is the last power below 2^128.
     if (k < 0 || k > 55) return false;
-    const std::uint64_t below_half = upper & ((std::uint64_t{1} << (point - 1)) - 1);
+    const std::uint64_t below_half = upper & ((std::uint64_t{1} << shift) - 1);
     const bool tie =
         (halves & 1) != 0 && (below_half | middle | static_cast<std::uint64_t>(lower_product)) == 0;
     if (tie) digits &= ~std::uint64_t{1};
@@ -199,8 +220,7 @@ char* write_general(char* out, double value) {
   Decimal17 decimal;
   // Zero and subnormal numbers have exponent 0.
   if (biased == 0 || biased == kExponentMask ||
-      !round_to_17_digits((bits | kHiddenBit) << (63 - kMantissaBits),
-                          static_cast<int>(biased) - kExponentBias, decimal)) [[unlikely]]
+      !round_to_17_digits((bits | kHiddenBit) << (63 - kMantissaBits), biased, decimal)) [[unlikely]]
     return std::to_chars(out, out + kNumberRoom, value, std::chars_format::general, 17).ptr;
 
   out = write_sign(out, bits >> 63 != 0);

@@ -1,6 +1,7 @@
 // Decimal integers, eight digits at a time in one 64-bit word.
 #pragma once
 
+#include <array>
 #include <bit>
 #include <cstdint>
 
@@ -47,9 +48,28 @@ inline char* write_leading_digits(char* out, std::uint32_t value) {
   return out + (8 - skipped / 8);
 }
 
+// The texts of the numbers below 1000, which half of all telemetry is: up to three characters for store_le,
+// and how many they are in the highest byte.
+inline constexpr auto kShortTexts = [] {
+  std::array<std::uint32_t, 1000> texts{};
+  for (std::uint32_t value = 0; value < texts.size(); ++value) {
+    std::uint32_t characters = 0;
+    std::uint32_t count = 0;
+    for (std::uint32_t rest = value; count == 0 || rest != 0; rest /= 10, ++count)
+      characters = characters << 8 | ('0' + rest % 10);
+    texts[value] = characters | count << 24;
+  }
+  return texts;
+}();
+
 // Touches at most 24 bytes.
 inline char* write_unsigned(char* out, std::uint64_t value) {
   constexpr std::uint64_t kEight = 100'000'000;
+  if (value < kShortTexts.size()) {
+    const std::uint32_t text = kShortTexts[value];
+    store_le(out, text);
+    return out + (text >> 24);
+  }
   if (value < kEight) return write_leading_digits(out, static_cast<std::uint32_t>(value));
   const std::uint64_t upper = value / kEight;
   const auto lower = static_cast<std::uint32_t>(value % kEight);
