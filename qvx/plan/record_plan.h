@@ -101,10 +101,21 @@ class RecordPlan {
   // Memory that the plan takes.
   std::size_t bytes() const { return sizeof *this + steps_.capacity() * sizeof(Step) + literals_.capacity(); }
 
-  // Writes the text of the record that begins at the first of the bytes at hand, with `before` ahead of it.
-  // False, with nothing written, when there are too few bytes or a value has no text. `clock` converts local
-  // times; plans without one take null. Throws std::bad_alloc only when a single piece of text outgrows the
-  // sink's buffer.
+  // Records of one size, one after the other.
+  struct Records {
+    Bytes at_hand;  // from the first record on
+    std::size_t size;
+    std::size_t count;
+  };
+
+  // Writes the texts of the records with `first` ahead of the first and `before` ahead of each other. Gives
+  // how many were written: all before the first one that has too few bytes at hand or a value without a text,
+  // of which nothing is written. `clock` converts local times; plans without one take null. Throws
+  // std::bad_alloc only when a single piece of text outgrows the sink's buffer.
+  [[nodiscard]] std::size_t write_all(const Records& records, std::string_view first, std::string_view before,
+                                      OutputSink& sink, LocalTimeText* clock = nullptr) const;
+
+  // The same for one record; false when it was not written.
   [[nodiscard]] bool write(Bytes at_hand, std::string_view before, OutputSink& sink,
                            LocalTimeText* clock = nullptr) const;
 
@@ -113,6 +124,8 @@ class RecordPlan {
 
  private:
   friend class PlanBuilder;
+
+  bool write_in_pieces(Bytes record, std::string_view ahead, OutputSink& sink, LocalTimeText* clock) const;
 
   std::vector<Step> steps_;
   std::vector<Step> candidates_;  // of choices, without literals

@@ -11,6 +11,9 @@
 namespace qvx {
 namespace {
 
+// In one JSON document.
+constexpr std::string_view kBetweenRecords = ",\n";
+
 // The file error of a record that cannot be written in its form.
 const char* failure_of(RecordForm form) {
   switch (form) {
@@ -28,9 +31,9 @@ const char* failure_of(RecordForm form) {
 
 }  // namespace
 
-// What stands before the next record: in one JSON document a separator, unless it is the first.
+// What stands before the next record, unless it is the first.
 std::string_view PrintVisitor::before_record() const {
-  return run_.format.one_document && records_written_ != 0 ? ",\n" : "";
+  return run_.format.one_document && records_written_ != 0 ? kBetweenRecords : "";
 }
 
 void PrintVisitor::on_header(const qvx_data_file_header& header) {
@@ -44,22 +47,28 @@ void PrintVisitor::on_event_header(const EventHeader& header) {
 bool PrintVisitor::on_events(const EventsBlock& block) {
   const EventPrint& print = EventPrints::of(block.schema, block.type_index, run_.options);
   if (!print.selected) return true;
-  const auto failed = [](bool ok) {
-    if (!ok) QVX_LOG(QVX_LOG_ERROR, "Failed to print");
-    return ok;
-  };
-  const OutputFormatRow& format = run_.format;
-  Bytes left = block.records;
-  for (std::size_t index = 0; index < block.count; ++index) {
-    if (format.events == RecordForm::none) {
-      file_error(format.no_events);
-      if (format.no_events_fails) return failed(false);
-    } else if (!print.plan || !print.plan->write(left, before_record(), run_.sink)) {
-      file_error(failure_of(format.events));
-      return failed(false);
-    }
+  bool ok = true;
+  if (run_.format.events == RecordForm::none) {
+    ok = refuse_events(block.count);
+  } else {
+    const RecordPlan::Records records{block.records, block.type.size, block.count};
+    const std::string_view between = run_.format.one_document ? kBetweenRecords : "";
+    const std::size_t written =
+        print.plan ? print.plan->write_all(records, before_record(), between, run_.sink) : 0;
+    records_written_ += static_cast<std::uint32_t>(written);
+    ok = written == block.count;
+    if (!ok) file_error(failure_of(run_.format.events));
+  }
+  if (!ok) QVX_LOG(QVX_LOG_ERROR, "Failed to print");
+  return ok;
+}
+
+// Says of each record that its format has no events, or of the first if that is a failure.
+bool PrintVisitor::refuse_events(std::size_t count) {
+  for (std::size_t index = 0; index < count; ++index) {
+    file_error(run_.format.no_events);
+    if (run_.format.no_events_fails) return false;
     ++records_written_;
-    left = left.subspan(block.type.size);
   }
   return true;
 }

@@ -1,6 +1,7 @@
 // Prints what a walk over one file hands out, in the format of the options.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
@@ -61,6 +62,7 @@ class PrintVisitor : public ScanVisitor, private metrics::MetricsRecordTarget {
   void end_record() override;
 
   std::string_view before_record() const;
+  bool refuse_events(std::size_t count);
   bool print_counters(const CountersBlock& block);
 
   const char* path_;

@@ -118,6 +118,57 @@ TEST_F(RecordPlanTest, RecordThatFailsLeavesWhatWasWrittenBefore) {
   EXPECT_EQ(text, R"({"a":1,"b":2.5},{"a":1,"b":2.5})");
 }
 
+// Records one after the other.
+
+TEST_F(RecordPlanTest, RecordsHaveOneTextAheadOfTheFirstAndAnotherAheadOfTheOthers) {
+  qvx_type_definition& type = types_.make();
+  types_.add(type, "a", "uint8_t");
+  types_.add(type, "b", "uint8_t");
+  const std::optional<RecordPlan> plan = compile_json_plan(type, json::Style::compact, "\n");
+  const RecordBytes records =
+      RecordBytes().add(std::uint8_t{1}).add(std::uint8_t{2}).add(std::uint8_t{3}).add(std::uint8_t{4});
+  std::string text;
+  {
+    OutputSink sink(text);
+    EXPECT_EQ(plan->write_all({records.bytes(), 2, 2}, "first ", "next ", sink), 2U);
+    EXPECT_EQ(plan->write_all({records.bytes(), 2, 1}, "", "next ", sink), 1U);
+    EXPECT_EQ(plan->write_all({records.bytes(), 2, 0}, "first ", "next ", sink), 0U);
+  }
+  EXPECT_EQ(text, "first {\"a\":1,\"b\":2}\nnext {\"a\":3,\"b\":4}\n{\"a\":1,\"b\":2}\n");
+}
+
+TEST_F(RecordPlanTest, RecordsAreWrittenUpToTheFirstThatCannotBe) {
+  qvx_type_definition& type = types_.make();
+  types_.add(type, "b", "double");
+  const std::optional<RecordPlan> plan = compile_json_plan(type, json::Style::compact, "");
+  const RecordBytes records =
+      RecordBytes().add(1.5).add(2.5).add(std::numeric_limits<double>::infinity()).add(3.5);
+  std::string text;
+  {
+    OutputSink sink(text);
+    EXPECT_EQ(plan->write_all({records.bytes(), 8, 4}, "", ",", sink), 2U);
+    sink.write("|");
+    EXPECT_EQ(plan->write_all({Bytes(records.bytes()).first(15), 8, 2}, "", ",", sink), 1U);
+  }
+  EXPECT_EQ(text, "{\"b\":1.5},{\"b\":2.5}|{\"b\":1.5}");
+}
+
+TEST_F(RecordPlanTest, LargeRecordsAreWrittenUpToTheFirstThatCannotBe) {
+  qvx_type_definition& type = types_.make();
+  types_.add(type, "a", "char", 70000);
+  types_.add(type, "b", "double");
+  const std::optional<RecordPlan> plan = compile_json_plan(type, json::Style::compact, "");
+  std::vector<std::byte> records(2 * 70008);
+  store_le(records.data() + 70000, 1.0);
+  store_le(records.data() + 70008 + 70000, std::numeric_limits<double>::infinity());
+  std::string text;
+  {
+    OutputSink sink(text);
+    EXPECT_EQ(plan->write_all({records, 70008, 2}, "first ", "next ", sink), 1U);
+  }
+  EXPECT_EQ(text, "first {\"a\":\"\",\"b\":1}");
+}
+
 // Types that claim more than any record holds. None may cost noticeable time or memory.
 class RecordPlanLimitTest : public RecordPlanTest {
  protected:
