@@ -45,10 +45,11 @@ class LineBuilder {
   }
 
   void number_tag(std::string_view key, ValueClass value_class, bool is_bool, std::uint64_t offset) {
-    const StepKind kind = is_bool ? StepKind::influx_bool : integer_kind(value_class);
+    const StepKind kind = is_bool ? StepKind::influx_bool : integer_step(value_class);
     if (kind == StepKind::literal) end_certain_text();
     begin(key);
-    builder_.value(kind == StepKind::literal ? float_kind(value_class) : kind, offset, size_of(value_class));
+    builder_.value(kind == StepKind::literal ? float_kind(value_class) : kind, offset,
+                   value_size(value_class));
   }
 
   void text_tag(std::string_view key, std::uint64_t offset, std::uint32_t length) {
@@ -64,14 +65,14 @@ class LineBuilder {
 
   void field(std::string_view key, ValueClass value_class, bool is_bool, std::uint64_t offset) {
     begin(key);
-    const StepKind integer = integer_kind(value_class);
+    const StepKind integer = integer_step(value_class);
     if (value_class == ValueClass::u64) {
-      builder_.value(StepKind::optional_influx_u64, offset, size_of(value_class));
+      builder_.value(StepKind::optional_influx_u64, offset, value_size(value_class));
     } else if (integer == StepKind::literal) {
-      builder_.value(float_kind(value_class), offset, size_of(value_class));
+      builder_.value(float_kind(value_class), offset, value_size(value_class));
     } else {
       builder_.structure(StepKind::member);
-      builder_.value(is_bool ? StepKind::influx_bool : integer, offset, size_of(value_class));
+      builder_.value(is_bool ? StepKind::influx_bool : integer, offset, value_size(value_class));
       if (is_bool) return;
       builder_.text("i");
       builder_.structure(StepKind::literal);
@@ -108,48 +109,8 @@ class LineBuilder {
 
   void begin(std::string_view key) { builder_.text(",", key, "="); }
 
-  static StepKind integer_kind(ValueClass value_class) {
-    switch (value_class) {
-      case ValueClass::u8:
-        return StepKind::u8;
-      case ValueClass::i8:
-        return StepKind::i8;
-      case ValueClass::u16:
-        return StepKind::u16;
-      case ValueClass::i16:
-        return StepKind::i16;
-      case ValueClass::u32:
-        return StepKind::u32;
-      case ValueClass::i32:
-        return StepKind::i32;
-      case ValueClass::u64:
-        return StepKind::u64;
-      case ValueClass::i64:
-        return StepKind::i64;
-      default:
-        return StepKind::literal;
-    }
-  }
-
   static StepKind float_kind(ValueClass value_class) {
     return value_class == ValueClass::f32 ? StepKind::optional_influx_f32 : StepKind::optional_influx_f64;
-  }
-
-  static std::uint32_t size_of(ValueClass value_class) {
-    switch (value_class) {
-      case ValueClass::u8:
-      case ValueClass::i8:
-        return 1;
-      case ValueClass::u16:
-      case ValueClass::i16:
-        return 2;
-      case ValueClass::u32:
-      case ValueClass::i32:
-      case ValueClass::f32:
-        return 4;
-      default:
-        return 8;
-    }
   }
 
   PlanBuilder& builder_;

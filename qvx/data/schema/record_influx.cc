@@ -19,29 +19,16 @@ struct InfluxValue {
 
 InfluxValue influx_value(const qvx_type_definition& type) {
   if (type.id == kBoolTypeId) return {StepKind::influx_bool, ""};
-  switch (builtin_value_class(type.id)) {
-    case ValueClass::u8:
-      return {StepKind::u8, "i"};
-    case ValueClass::i8:
-      return {StepKind::i8, "i"};
-    case ValueClass::u16:
-      return {StepKind::u16, "i"};
-    case ValueClass::i16:
-      return {StepKind::i16, "i"};
-    case ValueClass::u32:
-      return {StepKind::u32, "i"};
-    case ValueClass::i32:
-      return {StepKind::i32, "i"};
-    case ValueClass::u64:
-      return {StepKind::u64, "i"};
-    case ValueClass::i64:
-      return {StepKind::i64, "i"};
+  const ValueClass value_class = builtin_value_class(type.id);
+  switch (value_class) {
+    case ValueClass::none:
+      return {};
     case ValueClass::f32:
       return {StepKind::influx_f32, ""};
     case ValueClass::f64:
       return {StepKind::influx_f64, ""};
     default:
-      return {};
+      return {integer_step(value_class), "i"};
   }
 }
 

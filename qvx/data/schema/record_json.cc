@@ -21,20 +21,9 @@ namespace qvx {
 
 namespace {
 
+// JSON numbers are doubles, so only integers of up to 32 bits have all their digits.
 StepKind json_kind(ValueClass value_class) {
   switch (value_class) {
-    case ValueClass::u8:
-      return StepKind::u8;
-    case ValueClass::i8:
-      return StepKind::i8;
-    case ValueClass::u16:
-      return StepKind::u16;
-    case ValueClass::i16:
-      return StepKind::i16;
-    case ValueClass::u32:
-      return StepKind::u32;
-    case ValueClass::i32:
-      return StepKind::i32;
     case ValueClass::u64:
       return StepKind::json_u64;
     case ValueClass::i64:
@@ -44,7 +33,7 @@ StepKind json_kind(ValueClass value_class) {
     case ValueClass::f64:
       return StepKind::json_f64;
     default:
-      return StepKind::literal;
+      return integer_step(value_class);
   }
 }
 

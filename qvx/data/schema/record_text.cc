@@ -37,6 +37,54 @@ class Work {
 
 }  // namespace
 
+StepKind integer_step(ValueClass value_class) {
+  switch (value_class) {
+    case ValueClass::u8:
+      return StepKind::u8;
+    case ValueClass::i8:
+      return StepKind::i8;
+    case ValueClass::u16:
+      return StepKind::u16;
+    case ValueClass::i16:
+      return StepKind::i16;
+    case ValueClass::u32:
+      return StepKind::u32;
+    case ValueClass::i32:
+      return StepKind::i32;
+    case ValueClass::u64:
+      return StepKind::u64;
+    case ValueClass::i64:
+      return StepKind::i64;
+    case ValueClass::f32:
+    case ValueClass::f64:
+    case ValueClass::none:
+      break;
+  }
+  return StepKind::literal;
+}
+
+std::uint32_t value_size(ValueClass value_class) {
+  switch (value_class) {
+    case ValueClass::u8:
+    case ValueClass::i8:
+      return 1;
+    case ValueClass::u16:
+    case ValueClass::i16:
+      return 2;
+    case ValueClass::u32:
+    case ValueClass::i32:
+    case ValueClass::f32:
+      return 4;
+    case ValueClass::u64:
+    case ValueClass::i64:
+    case ValueClass::f64:
+      return 8;
+    case ValueClass::none:
+      break;
+  }
+  return 0;
+}
+
 std::optional<std::uint64_t> size_allowing_for_values(const qvx_type_definition& type) {
   const std::uint64_t work = Work().of(type, 0);
   if (work == kEndless) return std::nullopt;

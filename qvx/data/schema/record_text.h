@@ -7,6 +7,7 @@
 
 #include "qvx/data/schema/builtin_types.h"
 #include "qvx/data/schema/schema.h"
+#include "qvx/plan/record_plan.h"
 
 namespace qvx {
 
@@ -17,6 +18,12 @@ inline constexpr std::size_t kMaxNesting = 500;
 inline bool is_character_array(const qvx_field_definition& field) {
   return field.array_length > 1 && (field.type->id == kCharTypeId || field.type->id == kUnsignedCharTypeId);
 }
+
+// The step that writes an integer with all its digits; `literal` for other classes.
+StepKind integer_step(ValueClass value_class);
+
+// In bytes; 0 for none.
+std::uint32_t value_size(ValueClass value_class);
 
 // The values of one record may take together at most 16 × the record's size + 1,024 bytes; an object without
 // members counts for one byte. Otherwise fields that lie on top of each other would make a few bytes of
