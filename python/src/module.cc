@@ -83,7 +83,7 @@ class Data {
     nb::list all;
     for (const DataFault& fault : data_->faults().list())
       all.append(nb::make_tuple(nb::bytes(fault.file.data(), fault.file.size()), fault.offset, fault.kind,
-                                fault.words));
+                                fault.words, fault.page_offset));
     return all;
   }
   std::uint64_t faults_left_out() const { return data_->faults().left_out(); }

@@ -148,8 +148,8 @@ void Dataset::learn(const TypeSet& types, const std::string& file) {
       const auto columns = compile_event_columns(*type, id, why_not);
       const std::string name = utf8_text(type->name);
       if (!columns) {
-        faults_.add(file, 0, "type_refused",
-                    "Type " + name + " of schema " + id + " has no columns: " + why_not);
+        faults_.add(
+            {file, 0, "type_refused", "Type " + name + " of schema " + id + " has no columns: " + why_not});
         continue;
       }
       Table& table = events_[{provider, name}];
@@ -165,7 +165,7 @@ void Dataset::learn(const TypeSet& types, const std::string& file) {
     merge_columns(counters_.columns, columns->types, id);
     counters_.schemas.push_back(id);
   } else {
-    faults_.add(file, 0, "type_refused", "Counters schema " + id + " has no columns: " + why_not);
+    faults_.add({file, 0, "type_refused", "Counters schema " + id + " has no columns: " + why_not});
   }
 }
 

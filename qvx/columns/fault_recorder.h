@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include "qvx/columns/faults.h"
 #include "qvx/scan/visitor.h"
@@ -27,16 +28,22 @@ class FaultRecorder {
     std::string text = words;
     for (const std::string& said : unused())
       text += (text.empty() ? "" : ": ") + said;
-    list_.add(file_, place.offset, kind, std::move(text));
+    list_at(place, kind, std::move(text));
   }
 
   // Lists what was logged and explains no fault.
   void finish(const Place& place) {
     for (std::string& said : unused())
-      list_.add(file_, place.offset, "warning", std::move(said));
+      list_at(place, "warning", std::move(said));
   }
 
  private:
+  void list_at(const Place& place, const char* kind, std::string words) {
+    DataFault fault{file_, place.offset, kind, std::move(words)};
+    if (place.in_page) fault.page_offset = place.page_offset;
+    list_.add(std::move(fault));
+  }
+
   std::vector<std::string> unused() {
     std::vector<std::string> texts;
     for (; used_ < recorder_.messages().size(); ++used_)

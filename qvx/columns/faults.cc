@@ -6,10 +6,10 @@
 
 namespace qvx::columns {
 
-void FaultList::add(const std::string& file, std::uint64_t offset, std::string kind, std::string words) {
+void FaultList::add(DataFault fault) {
   const std::lock_guard lock(mutex_);
-  std::set<Key>& faults = by_file_[file];
-  Key key(offset, std::move(kind), utf8_text(words));
+  std::set<Key>& faults = by_file_[fault.file];
+  Key key(fault.offset, fault.page_offset, std::move(fault.kind), utf8_text(fault.words));
   if (faults.size() < kMostOfFile) {
     faults.insert(std::move(key));
   } else if (!faults.contains(key)) {
@@ -21,8 +21,8 @@ std::vector<DataFault> FaultList::list() const {
   const std::lock_guard lock(mutex_);
   std::vector<DataFault> all;
   for (const auto& [file, faults] : by_file_)
-    for (const auto& [offset, kind, words] : faults)
-      all.push_back({file, offset, kind, words});
+    for (const auto& [offset, page_offset, kind, words] : faults)
+      all.push_back({file, offset, kind, words, page_offset});
   return all;
 }
 

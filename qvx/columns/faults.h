@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <tuple>
@@ -15,8 +16,10 @@ namespace qvx::columns {
 struct DataFault {
   std::string file;
   std::uint64_t offset = 0;  // in the file, unpacked if the whole file is compressed
-  std::string kind;          // that of FaultKind, or "warning"
-  std::string words;         // one line, UTF-8
+  std::string kind = {};     // that of FaultKind, or "warning"
+  std::string words = {};    // one line, UTF-8
+  // Of a block in a compressed page, which stands at the offset: where it stands in the unpacked page.
+  std::optional<std::uint64_t> page_offset = {};
 };
 
 // Shared by everything that reads the same files; any thread may add. A fault that is found again is not
@@ -26,7 +29,7 @@ class FaultList {
   static constexpr std::size_t kMostOfFile = 1000;
 
   // Throws std::bad_alloc.
-  void add(const std::string& file, std::uint64_t offset, std::string kind, std::string words);
+  void add(DataFault fault);
 
   // In the order of files' names and offsets.
   std::vector<DataFault> list() const;
@@ -34,7 +37,8 @@ class FaultList {
   std::uint64_t left_out() const;
 
  private:
-  using Key = std::tuple<std::uint64_t, std::string, std::string>;
+  // Offset, offset in the page, kind, words.
+  using Key = std::tuple<std::uint64_t, std::optional<std::uint64_t>, std::string, std::string>;
 
   mutable std::mutex mutex_;
   std::map<std::string, std::set<Key>> by_file_;

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -57,6 +58,7 @@ TEST_F(DamagedFilesTest, DamagedPageEndsItsFileAndIsToldWithItsOffset) {
   ASSERT_FALSE(found.empty());
   EXPECT_EQ(found[0].kind, "page_damaged");
   EXPECT_EQ(found[0].offset, 256 + 512 + page.size());
+  EXPECT_EQ(found[0].page_offset, std::nullopt);
 }
 
 TEST_F(DamagedFilesTest, BlocksThatStateMoreThanIsThereGiveWhatIsThere) {
@@ -70,6 +72,23 @@ TEST_F(DamagedFilesTest, BlocksThatStateMoreThanIsThereGiveWhatIsThere) {
   ASSERT_EQ(found.size(), 1u);
   EXPECT_EQ(found[0].kind, "events_cut");
   EXPECT_EQ(found[0].words, "2 of 200 records are there");
+}
+
+TEST_F(DamagedFilesTest, FaultsInsideAPageHaveTheirPlaceInIt) {
+  const std::string lying = test::events_block({.type_index = 1, .num_events = 200}, {test::job(3)});
+  const std::string unknown = test::events_block({.type_index = 99, .num_events = 1}, {test::job(4)});
+  const std::string first = test::page_block({}, jobs_block(1, 2) + lying);
+  const std::string second = test::page_block({}, jobs_block(5, 1) + unknown);
+  const std::vector<DataFault> found = faults({files_.write("a.bin", {first, second})}, {.table = "job"});
+  EXPECT_EQ(rows_.size(), 4u);
+  ASSERT_EQ(found.size(), 3u);
+  EXPECT_EQ(found[0].kind, "events_cut");
+  EXPECT_EQ(found[0].offset, 256u);
+  EXPECT_EQ(found[0].page_offset, jobs_block(1, 2).size());
+  EXPECT_EQ(found[1].kind, "block_failed");
+  EXPECT_EQ(found[2].kind, "unknown_type");
+  EXPECT_EQ(found[2].offset, 256u + 512);
+  EXPECT_EQ(found[2].page_offset, jobs_block(5, 1).size());
 }
 
 TEST_F(DamagedFilesTest, CountersBlockThatIsTooShortIsLeftOut) {

@@ -47,12 +47,16 @@ class TableInfo:
 
 @dataclass(frozen=True)
 class Fault:
-    """Something wrong in a file: the offset in bytes, the kind in one word, and the words for people."""
+    """Something wrong in a file: the offset in bytes, the kind in one word, and the words for people.
+
+    Of a block in a compressed page, which stands at the offset, page_offset is where it stands in the unpacked page.
+    """
 
     file: str
     offset: int
     kind: str
     words: str
+    page_offset: Optional[int] = None
 
     def __str__(self) -> str:
         return f"{self.file}: at {self.offset}: {self.words}"
@@ -257,7 +261,7 @@ class Dataset:
     @property
     def faults(self) -> List[Fault]:
         """What was found wrong so far, in the order of files and offsets."""
-        return [Fault(os.fsdecode(file), offset, kind, words) for file, offset, kind, words in self._data.faults()]
+        return [Fault(os.fsdecode(file), *rest) for file, *rest in self._data.faults()]
 
     def info(self, threads: Optional[int] = None) -> Info:
         """Reads everything once, and counts. The result is kept."""
