@@ -8,7 +8,10 @@ import pyarrow
 import pytest
 
 import qvx
+import random_files  # noqa: F401  makes the builders known
+import builders
 from conftest import SAMPLES
+from qvx import cli
 
 
 def test_tables_files_and_info(data):
@@ -114,6 +117,39 @@ def test_schema_folder_and_whole_gzip_files(tmp_path):
     assert data.table("job_started").to_arrow().equals(expected)
     lost = qvx.open(path)
     assert [fault.kind for fault in lost.faults] == ["types_failed"]
+
+
+def test_times_that_no_datetime_holds_are_numbers_and_stop_nothing(tmp_path, capsys):
+    at = [builders.field("at", "timestamp", 0, 8)]
+    types = builders.event_schema(
+        builders.event_type("moment", 8, *at),
+        builders.event_type("list", 32, builders.field("all", "timestamp", 0, 8, 2), builders.field("in", "moment", 16, 8, 2)),
+    )
+    (tmp_path / "schema").mkdir()
+    (tmp_path / builders.schema_path(builders.EVENTS)).write_bytes(builders.text(types))
+    (tmp_path / builders.schema_path(builders.COUNTERS)).write_bytes(builders.text(builders.USUAL_COUNTERS))
+    numbers = (builders.START, 2**62, 2**64 - 1, 0)
+    path = tmp_path / "wild.bin"
+    path.write_bytes(
+        builders.events_file(
+            builders.events_block([builders.pack("Q", number) for number in numbers]),
+            builders.events_block([builders.pack("4Q", *numbers)], type_index=1),
+        )
+        + builders.unit(builders.counters_block(2**62, builders.usual_values(7, 0.5)))
+    )
+    start = datetime.datetime(2023, 11, 14, 22, 13, 20, tzinfo=datetime.timezone.utc)
+    zero = datetime.datetime(1970, 1, 1, tzinfo=datetime.timezone.utc)
+    data = qvx.open(path)
+    assert [row["at"] for row in data.table("moment")] == [start, 2**62, None, zero]
+    row = {"all": [int(start.timestamp()) * 10**6, 2**62], "in": [{"at": None}, {"at": zero}]}
+    assert list(data.table("list")) == [row]
+    for arguments in (
+        ["info"], ["check"], ["sql", "select * from moment"], ["export", "-o", tmp_path / "out", "--to", "csv"],
+        ["report", "-o", tmp_path / "r.html"],
+    ):  # fmt: skip
+        assert cli.main([arguments[0], str(path), *map(str, arguments[1:])]) == 0, arguments
+    assert cli.main(["plot", str(path), "-c", "net.load"]) == 2
+    assert capsys.readouterr().err == "qvx: no values in this range of time\n"
 
 
 def test_stream_outlives_its_dataset():

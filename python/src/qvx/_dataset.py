@@ -171,6 +171,34 @@ def _data_files(paths: Union[PathLike, Iterable[PathLike]]) -> List[bytes]:
     return files
 
 
+def _values(column: "pyarrow.Array") -> List[Any]:
+    """The values of a column as Python objects; a time that a datetime cannot hold as microseconds."""
+    try:
+        return column.to_pylist()
+    except OverflowError:
+        return [_value(column.slice(row, 1)) for row in range(len(column))]
+
+
+def _value(one: "pyarrow.Array") -> Any:
+    try:
+        return one[0].as_py()
+    except OverflowError:
+        return one.cast(_without_times(one.type))[0].as_py()
+
+
+def _without_times(kind: "pyarrow.DataType") -> "pyarrow.DataType":
+    import pyarrow
+
+    if pyarrow.types.is_timestamp(kind):
+        return pyarrow.int64()
+    if pyarrow.types.is_fixed_size_list(kind):
+        return pyarrow.list_(_without_times(kind.value_type), kind.list_size)
+    if pyarrow.types.is_struct(kind):
+        fields = (kind.field(i) for i in range(kind.num_fields))
+        return pyarrow.struct([pyarrow.field(field.name, _without_times(field.type)) for field in fields])
+    return kind
+
+
 class Table:
     """Rows of one table of a data set, as a query that any library with Arrow's PyCapsule interface reads.
 
@@ -210,9 +238,14 @@ class Table:
         return polars.DataFrame(self)
 
     def records(self) -> Iterator[Dict[str, Any]]:
-        """The rows one after the other, as dictionaries from column name to value."""
+        """The rows one after the other, as dictionaries from column name to value.
+
+        Times that a datetime cannot hold, as damaged files have them, are microseconds since 1970.
+        """
         for batch in self.reader():
-            yield from batch.to_pylist()
+            columns = [_values(column) for column in batch.columns]
+            for row in zip(*columns):
+                yield dict(zip(batch.schema.names, row))
 
     __iter__ = records
 

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import base64
+import datetime
 import html
 import io
 import math
@@ -26,7 +27,11 @@ def _series(
     table = data.table(
         "counters", ["timestamp", "set", "_source_id", *counters], since=since, until=until, threads=threads
     ).to_arrow()
-    table = table.filter(pyarrow.compute.equal(table["set"], 0)).sort_by("timestamp")
+    last = pyarrow.scalar(datetime.datetime.max, pyarrow.timestamp("us")).cast(table["timestamp"].type)
+    shown = pyarrow.compute.and_(
+        pyarrow.compute.equal(table["set"], 0), pyarrow.compute.less_equal(table["timestamp"], last)
+    )
+    table = table.filter(shown).sort_by("timestamp")
     names = [
         name
         for name in table.column_names
