@@ -1,9 +1,9 @@
 import contextlib
-import gzip
 import json
 import os
 import pathlib
 import shutil
+import signal
 import subprocess
 import sys
 
@@ -127,32 +127,51 @@ def test_check_says_what_is_damaged(capsys, tmp_path):
     assert report["faults"][0]["kind"] == "page_damaged" and report["files"][0]["bytes_lost"] > 0
 
 
-def test_salvage_keeps_everything_but_the_damaged_page(capsys, tmp_path):
+def test_salvage_says_what_it_kept(capsys, tmp_path):
     path = damaged_file(tmp_path)
-    whole = qvx.open(SAMPLES / "gzip_pages.bin").info().rows
-    before = qvx.open(path).info().rows
     status, out, err = run(capsys, "salvage", path, "-o", tmp_path / "good.bin")
     assert (status, err) == (0, "")
-    good = qvx.open(tmp_path / "good.bin")
-    assert before < good.info().rows < whole
-    assert good.faults == []
-    assert good.info().files[0].pages == qvx.open(SAMPLES / "gzip_pages.bin").info().files[0].pages - 1
-    # Every row of it is one of the whole file.
-    for table in good.info().tables:
-        rows = [str(row) for row in qvx.open(SAMPLES / "gzip_pages.bin").table(table.name)]
-        assert all(str(row) in rows for row in good.table(table.name))
-    assert run(capsys, "salvage", path, "-o", tmp_path / "good.bin")[0] == 2
-    assert sorted(os.listdir(tmp_path)) == ["damaged.bin", "good.bin", "schema"]
+    rows, size = qvx.open(tmp_path / "good.bin").info().rows, (tmp_path / "good.bin").stat().st_size
+    left_out = path.stat().st_size - size
+    assert out == f"{tmp_path / 'good.bin'}: {rows} rows, {size} bytes kept, {left_out} left out\n"
+    assert run(capsys, "check", tmp_path / "good.bin")[0] == 0
 
 
-@pytest.mark.parametrize("cut", [300, 2000, 3000, 4000])
-def test_salvage_of_cut_files_gives_whole_files(capsys, tmp_path, cut):
-    shutil.copytree(SAMPLES / "schema", tmp_path / "schema")
-    content = (SAMPLES / "events.bin").read_bytes()
-    (tmp_path / "cut.bin.gz").write_bytes(gzip.compress(content)[:-cut] if cut < 3000 else gzip.compress(content[:-cut]))
-    run(capsys, "salvage", tmp_path / "cut.bin.gz", "-o", tmp_path / "good.bin")
-    if (tmp_path / "good.bin").exists():
-        assert qvx.open(tmp_path / "good.bin").info() and qvx.open(tmp_path / "good.bin").faults == []
+def test_damaged_file_gives_its_good_part_to_every_command(capsys, tmp_path):
+    path = damaged_file(tmp_path)
+    good = qvx.open(path).table("job_started").to_arrow()
+    assert 0 < good.num_rows < qvx.open(SAMPLES / "gzip_pages.bin").table("job_started").to_arrow().num_rows
+    status, out, err = run(capsys, "sql", path, "select count(*) n from job_started")
+    assert (status, out.split()) == (1, ["n", str(good.num_rows)])
+    assert err.startswith(f"qvx: {path}: at ") and "A page of " in err
+    status, out, err = run(capsys, "export", path, "-o", tmp_path / "x.parquet", "--table", "job_started")
+    assert status == 1 and "A page of " in err
+    assert pyarrow.parquet.read_table(tmp_path / "x.parquet").to_pylist() == good.to_pylist()
+    assert run(capsys, "info", path)[0] == 1
+
+
+@pytest.mark.parametrize("signal_number", [signal.SIGINT, signal.SIGTERM, signal.SIGKILL])
+def test_export_that_is_interrupted_leaves_nothing_under_the_final_name(tmp_path, signal_number):
+    # It stops when the first rows are written, which the final name must not show.
+    program = (
+        "import sys, time; from qvx import _export, cli; write = _export._Writer.write\n"
+        "def slow(self, table):\n write(self, table); print('written', flush=True); time.sleep(60)\n"
+        "_export._Writer.write = slow; sys.exit(cli.main(sys.argv[1:]))"
+    )
+    out = tmp_path / "out"
+    export = subprocess.Popen(
+        [sys.executable, "-c", program, "export", DATA, "-o", str(out)],
+        stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+    )  # fmt: skip
+    assert export.stdout.readline() == "written\n"
+    export.send_signal(signal_number)
+    _, err = export.communicate(timeout=30)
+    left = os.listdir(out)
+    assert not any(name.endswith(".parquet") for name in left)
+    if signal_number == signal.SIGKILL:
+        assert all(name.startswith(".qvx-") for name in left)
+    else:
+        assert (export.returncode, err, left) == (128 + signal_number, "", [])
 
 
 def test_plot_draws_files_and_text(capsys, tmp_path):

@@ -14,6 +14,8 @@ import pyarrow.csv
 import pyarrow.parquet
 
 import qvx
+from qvx import _files
+from qvx._dataset import _values
 
 SUFFIXES = {"parquet": ".parquet", "arrow": ".arrow", "csv": ".csv"}
 ROW_GROUP = 131072
@@ -24,7 +26,7 @@ def flat(table: Any) -> Any:
     arrays = []
     for column in table.columns:
         if pyarrow.types.is_nested(column.type):
-            column = pyarrow.array([None if value is None else str(value) for value in column.to_pylist()], "string")
+            column = pyarrow.array([None if value is None else str(value) for value in _values(column)], "string")
         elif pyarrow.types.is_dictionary(column.type):
             column = column.cast(column.type.value_type)
         arrays.append(column)
@@ -42,9 +44,7 @@ class _Writer:
         folder = os.path.dirname(path) or "."
         os.makedirs(folder, exist_ok=True)
         handle, self._temporary = tempfile.mkstemp(prefix=".qvx-", dir=folder)
-        umask = os.umask(0)
-        os.umask(umask)
-        os.fchmod(handle, 0o666 & ~umask)
+        os.fchmod(handle, _files.mode())
         os.close(handle)
 
     def write(self, table: Any) -> None:

@@ -8,6 +8,7 @@ import dataclasses
 import datetime
 import json
 import os
+import signal
 import sys
 from typing import Any, Callable, Iterator, List, Optional, Sequence
 
@@ -297,6 +298,14 @@ def _time(text: str) -> int:
         raise argparse.ArgumentTypeError(f"no time: {text!r}; as 2024-05-06T12:00:00Z") from None
 
 
+class _Terminated(BaseException):
+    """Ends a command as SIGTERM asks for, with what it has to clean up cleaned up."""
+
+
+def _terminate(*_: Any) -> None:
+    raise _Terminated
+
+
 def main(arguments: Optional[Sequence[str]] = None) -> int:
     top = parser()
     with contextlib.suppress(ImportError):
@@ -304,13 +313,17 @@ def main(arguments: Optional[Sequence[str]] = None) -> int:
 
         argcomplete.autocomplete(top)
     options = top.parse_args(arguments)
+    with contextlib.suppress(ValueError):  # of a thread that is not the first
+        signal.signal(signal.SIGTERM, _terminate)
     try:
         return options.run(options)
     except BrokenPipeError:
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         return WHOLE
     except KeyboardInterrupt:
-        return 130
+        return 128 + signal.SIGINT
+    except _Terminated:
+        return 128 + signal.SIGTERM
     except ModuleNotFoundError as error:
         print(f"qvx: this needs {error.name}: pip install 'qvx[cli]'", file=sys.stderr)
         return USAGE
