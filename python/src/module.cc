@@ -191,6 +191,8 @@ class BoundQuery {
 }  // namespace
 
 NB_MODULE(_core, module) {
+  // It would be told on standard error of what is still in use when the interpreter ends.
+  nb::set_leak_warnings(false);
   nb::class_<Data>(module, "Data")
       .def(nb::init<const std::vector<nb::bytes>&, const nb::bytes&>(), nb::arg("paths"), nb::arg("schema"))
       .def("tables", &Data::tables)

@@ -109,6 +109,12 @@ def test_damaged_file_gives_its_good_part_and_faults_but_no_output(tmp_path):
     assert failed == "True" and int(faults) >= 2 and "open_failed" in kinds
 
 
+def test_what_is_in_use_at_the_end_of_the_program_is_told_nowhere():
+    program = "import builtins, qvx, sys; builtins.kept = qvx.open(sys.argv[1]).table('job_started'); kept.to_arrow()"
+    run = subprocess.run([sys.executable, "-c", program, str(SAMPLES)], capture_output=True, text=True)
+    assert (run.returncode, run.stdout, run.stderr) == (0, "", "")
+
+
 def test_schema_folder_and_whole_gzip_files(tmp_path):
     path = tmp_path / "events.bin.gz"
     path.write_bytes(gzip.compress((SAMPLES / "events.bin").read_bytes()))
