@@ -2,7 +2,8 @@
 # Builds the Python package into a virtual environment and runs its tests against build/release/qvx_read. Where the
 # package registry cannot be reached it says so and is done.
 #   ./scripts/test_python.sh          the package of the tree, in build/venv
-#   ./scripts/test_python.sh browser  the same, and the report in a headless Chromium; makes the pictures of the README
+#   ./scripts/test_python.sh all      the same, and what needs more: the report in a headless Chromium, which makes the
+#                                     pictures of the README, and the recipes of docs/recipes.md with all their tools
 #   ./scripts/test_python.sh wheel    a wheel with all it links, in dist/, installed into empty environments of
 #                                     $PYTHONS ("python3"); from Python 3.12 on one wheel is for all later ones
 set -euo pipefail
@@ -39,9 +40,9 @@ install_packages "${QVX_PACKAGES[@]}"
 build release qvx_read
 if [ "${1:-}" != wheel ]; then
   extra=test
-  if [ "${1:-}" = browser ]; then
-    install_packages chromium chromium-driver
-    extra=test,browser
+  if [ "${1:-}" = all ]; then
+    install_packages chromium chromium-driver jq miller sqlite3 curl
+    extra=test,all
     export QVX_PICTURES=$PWD/docs/images
     mkdir -p "$QVX_PICTURES"
   fi
