@@ -224,13 +224,6 @@ std::optional<Record> Record::record(const FieldPlace& field, std::size_t index)
   return Record(*field.nested, bytes_at_hand().subspan(offset), time_);
 }
 
-std::string_view Record::metric() const {
-  if (batch_ == nullptr) return {};
-  const std::size_t id = load_le<std::uint16_t>(data_ + metrics::wire::kSampleIdAt);
-  const metrics::StringTable& names = *batch_->metric_names;
-  return id < names.size() ? names[id] : std::string_view();
-}
-
 std::string_view Record::label(std::string_view name) const {
   for (const MetricLabel& label : labels())
     if (label.name == name) return label.value;

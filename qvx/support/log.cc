@@ -69,8 +69,12 @@ class LineLock {
 };
 
 // Until the logger is initialised every message passes the threshold, and waits or initialises behind it.
+// Errors and warnings always do: they are rare, and recorders that take no more, of which readers make one
+// for each block, need not be counted then.
+constexpr std::uint32_t kAlwaysPasses = QVX_LOG_WARNING;
+
 void update_threshold() {
-  std::uint32_t highest = logger.initialised ? logger.level.load() : kNotInitialised;
+  std::uint32_t highest = logger.initialised ? std::max(logger.level.load(), kAlwaysPasses) : kNotInitialised;
   for (std::uint32_t level = 0; level < kRecorderLevels; ++level)
     if (logger.recorders[level] > 0) highest = std::max(highest, level);
   qvx::detail::log_threshold.store(highest, std::memory_order_relaxed);
@@ -240,6 +244,7 @@ void initialise_once() {
 }
 
 void count_recorder(std::uint32_t level, std::uint32_t change) {
+  if (level <= kAlwaysPasses) return;
   const std::lock_guard guard(configuration);
   logger.recorders[level] += change;
   update_threshold();
