@@ -80,14 +80,18 @@ void TableDecoder::open(std::size_t file) {
 void TableDecoder::begin_batch() {
   columns_.clear();
   columns_.reserve(query_.columns.size());
+  // Room for as many rows as the batch before had: it was full, as a rule, and growing copies what is there.
   for (const ColumnType& type : query_.columns)
-    columns_.emplace_back(type);
+    columns_.emplace_back(type).reserve(std::min(last_rows_, batch_rows_));
   rows_ = 0;
+  last_rows_ = 0;
 }
 
 bool TableDecoder::next(std::uint64_t limit, ArrowArray* out) {
-  last_rows_ = 0;
-  if (!scan_ || limit == 0) return false;
+  if (!scan_ || limit == 0) {
+    last_rows_ = 0;
+    return false;
+  }
   batch_rows_ = static_cast<std::size_t>(std::min<std::uint64_t>(most_batch_rows_, limit));
   begin_batch();
   FaultRecorder recorder(dataset_.faults(), file_->path);
