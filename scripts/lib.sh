@@ -7,7 +7,7 @@ readonly QVX_PACKAGES=(
   g++ cmake ninja-build git python3 pkg-config
   zlib1g-dev libdeflate-dev libsnappy-dev libssl-dev
   libboost-dev rapidjson-dev
-  libgtest-dev libbenchmark-dev valgrind
+  libgtest-dev libbenchmark-dev valgrind abigail-tools
 )
 
 # Servers that tests start for themselves.
