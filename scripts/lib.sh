@@ -107,12 +107,25 @@ run_tests() {
   grep -E 'tests passed|Total Test time' "$QVX_SCRATCH/log"
 }
 
-# make_tree <suite> <folder>: a minimal Debian or Ubuntu from $MIRROR, or from the archive that this system uses.
+# make_tree <suite> <folder>: a minimal Debian or Ubuntu from $MIRROR, or from the archive that this system uses; mirrors
+# have Ubuntu's beside Debian's.
 make_tree() {
-  local mirror=${MIRROR:-}
+  local suite=$1 folder=$2 scripts=/usr/share/debootstrap/scripts mirror=${MIRROR:-} arguments=()
+  # shellcheck disable=SC2016
   [ -n "$mirror" ] || mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' | head -n 1)
-  say "A minimal tree of $1"
-  quietly "debootstrap" debootstrap --variant=minbase "$1" "$2" "$mirror"
+  case $suite in
+    bookworm) ;;
+    noble)
+      [ -n "${MIRROR:-}" ] || mirror=${mirror%/debian*}/ubuntu
+      arguments+=("--components=main,universe")
+      # What older versions of debootstrap do not know is made as all of Ubuntu is.
+      [ -e "$scripts/$suite" ] || scripts+=/gutsy
+      ;;
+    *) fail "no tree of $suite is known" ;;
+  esac
+  [ -d "$scripts" ] && scripts+=/$suite
+  say "A minimal tree of $suite"
+  quietly "debootstrap" debootstrap --variant=minbase "${arguments[@]}" "$suite" "$folder" "$mirror" "$scripts"
 }
 
 # can_reach_package_registry: whether Python packages can be fetched; says it when not.
