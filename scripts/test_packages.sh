@@ -7,13 +7,17 @@ cd "$(dirname "$0")/.."
 
 dist=$(realpath "${1:-dist}")
 [ "$(id -u)" -eq 0 ] || fail "debootstrap needs root"
-install_packages debootstrap lintian
+install_packages debootstrap lintian rpm
 for package in qvx-tools libqvx1 libqvx-dev; do
   ls "$dist/${package}"_*.deb >/dev/null || fail "there is no package $package in $dist"
 done
 
 say "lintian"
 lintian --allow-root --fail-on error "$dist"/*.deb
+
+say "The files for rpm and Arch"
+quietly "Parsing qvx.spec" rpmspec --parse "$dist/qvx.spec"
+quietly "Parsing PKGBUILD" bash -n "$dist/PKGBUILD"
 
 tree=$QVX_SCRATCH/tree
 make_tree bookworm "$tree"
