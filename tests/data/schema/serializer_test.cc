@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <string>
@@ -25,8 +26,8 @@ constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
 
 // A page whose data area holds the bytes.
 std::vector<std::byte> page_of(Bytes data) {
-  std::vector<std::byte> page(720);
-  page.insert(page.end(), data.begin(), data.end());
+  std::vector<std::byte> page(720 + data.size());
+  std::copy(data.begin(), data.end(), page.begin() + 720);
   store_le<std::uint64_t>(page.data() + 12, page.size());
   return page;
 }
