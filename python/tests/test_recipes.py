@@ -26,6 +26,7 @@ NEEDS = {
     "pandas": [".pandas"],
     "Polars": [".polars"],
     "InfluxDB": ["influxd", "curl"],
+    "Spark": ["java", ".pyspark"],
     "A notebook": [".nbclient", ".ipykernel"],
 }
 BLOCK = re.compile(r"```(console|python)\n(.*?)```\n(?:\n```text\n(.*?)```\n)?", re.S)
@@ -37,6 +38,8 @@ def sections():
 
 
 def skip_without(needs):
+    if needs == NEEDS["Spark"] and not os.environ.get("QVX_TEST_ALL"):
+        pytest.skip("takes a minute; scripts/test_python.sh all runs it")
     for need in needs:
         is_there = importlib.util.find_spec(need[1:]) if need.startswith(".") else shutil.which(need)
         if not is_there:
