@@ -3,7 +3,8 @@
 # package registry cannot be reached it says so and is done.
 #   ./scripts/test_python.sh          the package of the tree, in build/venv
 #   ./scripts/test_python.sh all      the same, and what needs more: the report in a headless Chromium, which makes the
-#                                     pictures of the README, and the recipes of docs/recipes.md with all their tools
+#                                     pictures of the README, and the recipes of docs/recipes.md with all their tools,
+#                                     and clusters of this machine: Spark's and Slurm's
 #   ./scripts/test_python.sh wheel    a wheel with all it links, in dist/, installed into empty environments of
 #                                     $PYTHONS ("python3"); from Python 3.12 on one wheel is for all later ones
 set -euo pipefail
@@ -41,8 +42,10 @@ build release qvx_read
 if [ "${1:-}" != wheel ]; then
   extra=test
   if [ "${1:-}" = all ]; then
-    install_packages chromium chromium-driver jq miller sqlite3 curl
+    install_packages chromium chromium-driver jq miller sqlite3 curl default-jre-headless \
+      parallel slurmctld slurmd slurm-client munge
     extra=test,all
+    export QVX_TEST_ALL=1
     export QVX_PICTURES=$PWD/docs/images
     mkdir -p "$QVX_PICTURES"
   fi
