@@ -42,8 +42,10 @@ as_root() {
   fi
 }
 
+# Packages of other architectures may stand beside those of this one.
 is_installed() {
-  [ "$(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
+  dpkg-query -W -f='${db:Status-Status} ${Architecture}\n' "$1" 2>/dev/null |
+    grep -qxE "installed ($(dpkg --print-architecture)|all)"
 }
 
 # install_packages <package...>: installs those that are missing. The package manager is not called when none
