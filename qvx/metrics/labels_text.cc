@@ -1,5 +1,7 @@
 #include "qvx/metrics/labels_text.h"
 
+#include <new>
+
 #include "qvx/metrics/metrics_text.h"
 
 namespace qvx::metrics {
@@ -53,14 +55,17 @@ void write_labels(const RecordLabels& labels, json::Style style, OutputSink& sin
 }
 
 bool LabelsText::make(const RecordLabels& labels, Bytes made_of, json::Style style) {
-  static_assert(kLabelRoom + kRoomAround <= kMostKept);
+  static_assert(kLabelRoom + kRoomAround <= kAtFirst);
   made_of_.clear();
   const RecordSpelling& spelling = record_spelling(style);
   char* out = put(text_.data(), spelling.labels);
-  const char* const last_start = text_.data() + text_.size() - kLabelRoom - kRoomAround;
   char separator = '[';
   const bool fits = visit_all(labels, [&](std::string_view name, std::string_view value) {
-    if (out > last_start) return false;
+    const auto size = static_cast<std::size_t>(out - text_.data());
+    if (text_.size() - size < kLabelRoom + kRoomAround) {
+      if (!grow()) return false;
+      out = text_.data() + size;
+    }
     out = write_label(out, name, value, separator, spelling);
     separator = ',';
     return true;
@@ -69,6 +74,17 @@ bool LabelsText::make(const RecordLabels& labels, Bytes made_of, json::Style sty
   out = put(out, separator == '[' ? ShortText("[]") : spelling.array_close);
   size_ = static_cast<std::size_t>(out - text_.data());
   made_of_ = as_text(made_of);
+  return true;
+}
+
+// Without memory texts are written without being kept.
+bool LabelsText::grow() {
+  if (text_.size() >= kMostKept) return false;
+  try {
+    text_.resize(2 * text_.size());
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
   return true;
 }
 

@@ -25,10 +25,10 @@ struct RecordLabels {
 void write_labels(const RecordLabels& labels, json::Style style, OutputSink& sink);
 
 // The text of the labels that a labels block gives with the tables at hand; to be forgotten with these. Texts
-// of more than a few thousand bytes are not kept.
+// of more than kMostKept bytes are not kept.
 class LabelsText {
  public:
-  LabelsText() : text_(kMostKept) {}  // throws std::bad_alloc
+  LabelsText() : text_(kAtFirst) {}  // throws std::bad_alloc
 
   // The size of the labels block at the start of the bytes when it is the one that the text was made of, else
   // 0. Such a block has no fault.
@@ -45,7 +45,10 @@ class LabelsText {
   std::string_view text() const { return {text_.data(), size_}; }
 
  private:
-  static constexpr std::size_t kMostKept = 8 * 1024;
+  static constexpr std::size_t kAtFirst = 8 * 1024;
+  static constexpr std::size_t kMostKept = 512 * 1024;
+
+  bool grow();
 
   std::string made_of_;  // empty: no text
   std::vector<char> text_;
