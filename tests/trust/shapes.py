@@ -177,5 +177,79 @@ def schema_of_deep_brackets(size):
     return {schema_path(EVENTS): b"[" * size + b"]" * size, "a.bin": header(events=[EVENTS])}
 
 
+# The same in numbers that go up: what a value costs must not hang on how many there are of it. Every 4 KiB asked for are a data
+# block, whatever its size.
+
+
+def _records(fields, record, size, count=1, earlier=()):
+    types = [*earlier, event_type("t", len(record), *fields)]
+    block = events_block([record] * count, type_index=len(types) - 1)
+    block_size = max(64, len(block))
+    return {schema_path(EVENTS): text(event_schema(*types)),
+            "a.bin": header(events=[EVENTS], block_size=block_size) + unit(block, size=block_size) * (size // BLOCK)}
+
+
+def _array(count):
+    return lambda size: _records([field("f", "uint32_t", 0, 4, length=count)], pack("I", 123456) * count, size)
+
+
+def _fields(count):
+    fields = [field(f"f{at}", "uint32_t", 4 * at, 4) for at in range(count)]
+    return lambda size: _records(fields, pack("I", 123456) * count, size)
+
+
+def _records_in_a_block(count):
+    fields = [field(f"f{at}", "uint32_t", 4 * at, 4) for at in range(12)]
+    return lambda size: _records(fields, pack("I", 123456) * 12, size, count)
+
+
+def _text(length):
+    return lambda size: _records([field("f", "char", 0, 1, length=length)], b"a" * length, size, 16)
+
+
+def _nested(depth):
+    types = [event_type("t0", 4, field("a", "uint32_t", 0, 4))]
+    types += [event_type(f"t{at}", 4, field("a", f"t{at - 1}", 0, 4)) for at in range(1, depth)]
+    return lambda size: _records([field(f"f{at}", f"t{depth - 1}", 4 * at, 4) for at in range(12)],
+                                 pack("I", 123456) * 12, size, earlier=types)
+
+
+def _counters_in_a_block(count):
+    schema = counters_schema(group(*[counter(f"c{at}") for at in range(count)], name="g"))
+    block = counters_block(START, pack("Q", 123456) * count)
+    return lambda size: _counters(schema, block, (size // BLOCK) * len(block), len(block))
+
+
+def _labels(names, constants):
+    texts = [text_ for at in range(constants) for text_ in (f"c{at}", f"v{at}")]
+    batch = metrics_batch(START, [(0, 123456)], 0, list(range(names)))
+    block = metrics_block([[f"l{at}" for at in range(names)]], [f"v{at}" for at in range(names)], ["m"], texts, [batch])
+    return lambda size: _usual(unit(block, size=len(block)) * (size // BLOCK), len(block))
+
+
+def _changing_schemas(schemas):
+    ids = [bytes([at // 256, at % 256]) * 8 for at in range(1, schemas + 1)]
+    files = {schema_path(name): text(event_schema(ONE, name=f"s{at}")) for at, name in enumerate(ids)}
+    units = [unit(schemas_block([name]), events_block([b"\7"] * 12), size=512) for name in ids]
+    return lambda size: {**files, "a.bin": header(events=ids[:1], block_size=512)
+                         + b"".join(units * (size // BLOCK))}
+
+
+SERIES = {
+    "array_of": (_array, (12, 1000, 100_000)),
+    "counters": (_counters_in_a_block, (10, 1000, 100_000)),
+    "records_in_a_block": (_records_in_a_block, (1, 16, 255)),
+    "labels_by_name": (lambda count: _labels(count, 0), (10, 200)),
+    "constant_labels": (lambda count: _labels(1, count), (10, 1000, 10_000)),
+    "nested": (_nested, (1, 10, 100)),
+    "text_of_bytes": (_text, (2, 16, 1000, 60_000)),
+    "fields": (_fields, (10, 1000, 60_000)),
+    "schemas_in_turn": (_changing_schemas, (2, 60, 100)),
+}
+# The largest are for the table of docs/performance.md only: they take minutes.
+for _name, (_make, _counts) in SERIES.items():
+    for _count in filter(lambda count: count <= 10_000, _counts):
+        globals()[f"{_name}_{_count}"] = _make(_count)
+
 ALL = {name: function for name, function in list(globals().items())
        if callable(function) and not name.startswith("_") and function.__module__ == __name__}
