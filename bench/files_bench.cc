@@ -2,6 +2,7 @@
 // second.
 //
 //   qvx_files_bench <qvx_read> <folder of the yardsticks> <work folder> [MiB of data per file [payload...]]
+//   qvx_files_bench --make <folder> <MiB>    makes the plain events file only
 //
 // CPU seconds are user and system time of the process, the best of several runs; output goes to /dev/null.
 // The yardsticks run in turn with the reader and print the same bytes.
@@ -193,6 +194,11 @@ int main(int argc, char** argv) {
     return EXIT_FAILURE;
   }
   try {
+    if (argc == 4 && std::string_view(argv[1]) == "--make") {
+      qvx::bench::make_data_file(argv[2], Payload::events, Pages::plain,
+                                 std::strtoull(argv[3], nullptr, 10) << 20);
+      return EXIT_SUCCESS;
+    }
     const std::uint64_t mebibytes = argc > 4 ? std::strtoull(argv[4], nullptr, 10) : 256;
     const std::vector<std::string> payloads(argv + std::min(argc, 5), argv + argc);
     return run(argv[1], argv[2], argv[3], mebibytes << 20, payloads);
