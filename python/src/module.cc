@@ -6,9 +6,15 @@
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
 
+#include <chrono>
 #include <cstdint>
+#include <exception>
+#include <future>
 #include <memory>
+#include <stop_token>
 #include <string>
+#include <thread>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -37,6 +43,34 @@ const char* kind_name(TableKind kind) {
 nb::object times_of(const TimeRange& times) {
   if (times.first > times.last) return nb::none();
   return nb::make_tuple(times.first, times.last);
+}
+
+// Does the work on a thread of its own, without the interpreter's lock, and looks after signals meanwhile:
+// one whose handler raises stops the work, and what it raised goes on.
+template <typename Work>
+auto interruptible(const Work& work) {
+  std::promise<std::invoke_result_t<Work, std::stop_token>> promise;
+  auto result = promise.get_future();
+  std::jthread worker([&](const std::stop_token& stop) {
+    try {
+      promise.set_value(work(stop));
+    } catch (...) {
+      promise.set_exception(std::current_exception());
+    }
+  });
+  const nb::gil_scoped_release unlocked;
+  while (result.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready) {
+    const nb::gil_scoped_acquire locked;
+    if (PyErr_CheckSignals() == 0) continue;
+    worker.request_stop();
+    nb::python_error raised;  // takes it over before the lock is given back
+    {
+      const nb::gil_scoped_release unlocked_again;
+      worker.join();
+    }
+    throw raised;
+  }
+  return result.get();
 }
 
 class Data {
@@ -89,11 +123,8 @@ class Data {
   std::uint64_t faults_left_out() const { return data_->faults().left_out(); }
 
   nb::dict survey(unsigned threads) {
-    Survey found;
-    {
-      const nb::gil_scoped_release unlocked;
-      found = qvx::columns::survey(*data_, threads);
-    }
+    const Survey found =
+        interruptible([&](std::stop_token stop) { return qvx::columns::survey(*data_, threads, stop); });
     nb::list tables;
     for (const TableSurvey& table : found.tables)
       tables.append(

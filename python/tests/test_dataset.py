@@ -1,8 +1,11 @@
+import concurrent.futures
 import datetime
 import gzip
 import os
+import signal
 import subprocess
 import sys
+import time
 
 import pyarrow
 import pytest
@@ -156,6 +159,55 @@ def test_times_that_no_datetime_holds_are_numbers_and_stop_nothing(tmp_path, cap
         assert cli.main([arguments[0], str(path), *map(str, arguments[1:])]) == 0, arguments
     assert cli.main(["plot", str(path), "-c", "net.load"]) == 2
     assert capsys.readouterr().err == "qvx: no values in this range of time\n"
+
+
+def write_many(folder, count, content):
+    (folder / "schema").mkdir()
+    for name, schema in builders.usual_schemas().items():
+        (folder / name).write_bytes(schema)
+    first = folder / "0000.bin"
+    first.write_bytes(content)
+    for number in range(1, count):
+        os.link(first, folder / f"{number:04}.bin")
+
+
+def test_a_signal_ends_the_survey_of_many_files(tmp_path):
+    # Pages that unpack to 32 MiB of nothing take half a minute in all.
+    page = builders.counters_block(builders.START, builders.usual_values(1, 0.5)) + bytes(32 << 20)
+    content = builders.usual_header(block_size=65536) + builders.page_block(builders.gzipped(page))
+    write_many(tmp_path, 1000, content)
+    program = "import sys; from qvx import cli; print('begun', flush=True); sys.exit(cli.main(sys.argv[1:]))"
+    for number in (signal.SIGINT, signal.SIGTERM):
+        command = subprocess.Popen(
+            [sys.executable, "-c", program, "info", "-j", "2", str(tmp_path)], stdout=subprocess.PIPE, stderr=subprocess.PIPE
+        )
+        assert command.stdout.readline() == b"begun\n"
+        time.sleep(1)
+        command.send_signal(number)
+        start = time.monotonic()
+        out, err = command.communicate(timeout=30)
+        assert (command.returncode, out, err) == (128 + number, b"", b"")
+        assert time.monotonic() - start < 5
+
+
+def test_many_files_many_threads_and_streams_that_are_left_early(tmp_path):
+    records = [builders.link_state(builders.START + i, i, 1, b"eth") for i in range(200)]
+    blocks = [builders.unit(builders.events_block(records), size=4096) for _ in range(3)]
+    write_many(tmp_path, 150, builders.usual_header(block_size=4096) + b"".join(blocks))
+    data = qvx.open(tmp_path)
+    alone = data.table("link_state").to_arrow()
+    assert alone.num_rows == 150 * 600
+    assert data.table("link_state", threads=4).to_arrow().equals(alone)
+    any_order = data.table("link_state", ["port"], threads=4, in_order=False).to_arrow()
+    assert sorted(any_order["port"].to_pylist()) == sorted(alone["port"].to_pylist())
+    for _ in range(20):
+        reader = data.table("link_state", threads=4, batch_rows=50).reader()
+        assert reader.read_next_batch().num_rows == 50
+        del reader
+    with concurrent.futures.ThreadPoolExecutor(8) as pool:
+        tables = pool.map(lambda _: data.table("link_state", threads=2).to_arrow(), range(8))
+        assert all(table.equals(alone) for table in tables)
+    assert data.faults == []
 
 
 def test_stream_outlives_its_dataset():

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <stdexcept>
+#include <stop_token>
 #include <thread>
 #include <utility>
 
@@ -55,7 +56,8 @@ class TypeNotes final : public SchemaNotes {
 
 class Surveyor final : private ScanVisitor {
  public:
-  Surveyor(Dataset& dataset, Found& found) : dataset_(dataset), found_(found) {}
+  Surveyor(Dataset& dataset, Found& found, std::stop_token stop)
+      : dataset_(dataset), found_(found), stop_(std::move(stop)) {}
 
   FileSurvey run(std::size_t file) {
     info_ = &dataset_.files()[file];
@@ -75,7 +77,7 @@ class Surveyor final : private ScanVisitor {
     recorder_ = &recorder;
     FileScan scan(*cache);
     if (scan.open(info_->path.c_str(), *this) && scan.read_header(*this) && scan.load_types(*this)) {
-      while (scan.next(*this)) {
+      while (!stop_.stop_requested() && scan.next(*this)) {
         recorder.finish(place_);
       }
       survey_.failed = scan.failed();
@@ -233,6 +235,7 @@ class Surveyor final : private ScanVisitor {
 
   Dataset& dataset_;
   Found& found_;
+  std::stop_token stop_;
   std::map<std::string, std::unique_ptr<TypeCache>> caches_;
   const FileInfo* info_ = nullptr;
   FileSurvey survey_;
@@ -267,7 +270,7 @@ void merge(Found& into, const Found& from) {
 
 }  // namespace
 
-Survey survey(Dataset& dataset, unsigned threads) {
+Survey survey(Dataset& dataset, unsigned threads, std::stop_token stop) {
   Survey result;
   const std::size_t files = dataset.files().size();
   result.files.resize(files);
@@ -278,8 +281,8 @@ Survey survey(Dataset& dataset, unsigned threads) {
   const auto work = [&] {
     try {
       Found found;
-      Surveyor surveyor(dataset, found);
-      for (std::size_t file = next++; file < files; file = next++)
+      Surveyor surveyor(dataset, found, stop);
+      for (std::size_t file = next++; file < files && !stop.stop_requested(); file = next++)
         result.files[file] = surveyor.run(file);
       const std::lock_guard lock(mutex);
       merge(all, found);

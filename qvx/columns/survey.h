@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -62,8 +63,9 @@ struct Survey {
   std::vector<FileSurvey> files;  // as in the dataset
 };
 
-// Makes every schema known that a file names anywhere, and lists all faults. `threads` files at a time.
-// Throws std::bad_alloc, and std::system_error when no thread can be started.
-Survey survey(Dataset& dataset, unsigned threads = 1);
+// Makes every schema known that a file names anywhere, and lists all faults. `threads` files at a time. Ends
+// within a data block or page after it was asked to stop; what was not read is then missing. Throws
+// std::bad_alloc, and std::system_error when no thread can be started.
+Survey survey(Dataset& dataset, unsigned threads = 1, std::stop_token stop = {});
 
 }  // namespace qvx::columns

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -168,6 +169,15 @@ TEST_F(DamagedFilesTest, SurveyCountsRowsSourcesPagesAndWhatIsLost) {
   EXPECT_EQ(survey.files[0].pages, 2u);
   EXPECT_EQ(survey.files[0].unpacked_bytes, 16 + 4 * 37u);
   EXPECT_EQ(survey.files[0].bytes_lost, 2 * 512u);
+}
+
+TEST_F(DamagedFilesTest, SurveyEndsWhenItIsAskedToStop) {
+  const auto data =
+      test::open({files_.write("a.bin", {jobs_block(1, 2)}), files_.write("b.bin", {jobs_block(3, 2)})});
+  std::stop_source stop;
+  EXPECT_EQ(columns::survey(*data, 2, stop.get_token()).tables.size(), 1u);
+  stop.request_stop();
+  EXPECT_TRUE(columns::survey(*data, 2, stop.get_token()).tables.empty());
 }
 
 TEST_F(DamagedFilesTest, SchemasBlocksMakeTablesKnownToASurvey) {

@@ -225,7 +225,11 @@ class Table:
 
     def to_arrow(self) -> "pyarrow.Table":
         """All rows as a pyarrow.Table of shape (rows, columns)."""
-        return self.reader().read_all()
+        import pyarrow
+
+        # Batch by batch, since reading all at once is not interrupted by a signal.
+        reader = self.reader()
+        return pyarrow.Table.from_batches(list(reader), reader.schema)
 
     def to_pandas(self, **options: Any) -> "pandas.DataFrame":
         """All rows as a pandas.DataFrame of shape (rows, columns); options of pyarrow.Table.to_pandas."""
