@@ -13,6 +13,7 @@ import sys
 import threading
 import time
 
+import pyarrow
 import pytest
 
 import qvx
@@ -129,33 +130,45 @@ def reader_of(table, columns=None, path=SAMPLES, **options):
     return source.reader(source.schema())
 
 
+SAMPLE_JOBS = pyarrow.schema([("timestamp", pyarrow.timestamp("us", "UTC")), ("job", pyarrow.uint32())])
+
+
 def test_conditions_reach_the_decoder():
     at = datetime.datetime(2023, 11, 14, 22, 15, tzinfo=UTC)
     us = 1_700_000_100_000_000
     reader = reader_of("job_started")
     conditions = [GreaterThan(("timestamp",), at), LessThanOrEqual(("timestamp",), at), Not(EqualTo(("timestamp",), at))]
     assert reader.pushFilters(conditions) == conditions
-    assert (reader.since, reader.until, reader.where) == (us, us, {})
+    assert (reader.row_times(SAMPLE_JOBS), reader.where) == ((us, us), {})
     reader = reader_of("metrics")
     reader.pushFilters([EqualTo(("metric",), "a"), In(("_source_id",), ("x", "y")), StringStartsWith(("_source_tag",), "t")])
     assert reader.where == {"metric": ["a"], "_source_id": ["x", "y"], "_source_tag": ["t*"]}
     reader = reader_of("metrics")
     reader.pushFilters([EqualTo(("metric",), "a*b"), EqualTo(("value",), 1.0), EqualTo(("kind",), "counter")])
-    assert (reader.where, reader.since, reader.until) == ({}, None, None)
+    assert (reader.where, reader.times) == ({}, {})
 
 
-def test_another_time_than_that_of_the_row_selects_nothing_while_decoding(tmp_path):
-    two = builders.event_type(
-        "two", 16, builders.field("at", "timestamp", 0, 8), builders.field("later", "timestamp", 8, 8)
-    )
-    (tmp_path / "schema").mkdir()
-    (tmp_path / builders.schema_path(builders.EVENTS)).write_bytes(builders.text(builders.event_schema(two)))
-    (tmp_path / builders.schema_path(builders.COUNTERS)).write_bytes(builders.text(builders.USUAL_COUNTERS))
-    path = tmp_path / "a.bin"
-    path.write_bytes(builders.events_file(builders.events_block([builders.pack("QQ", 1, 2)])))
-    reader = reader_of("two", columns="later", path=path)
-    reader.pushFilters([GreaterThan(("later",), datetime.datetime(1970, 1, 1, 0, 0, 1, tzinfo=UTC))])
-    assert (reader.since, reader.until) == (None, None)
+def write_two_times(path, identifier, *names):
+    """A file with one row: at 3 s, later 1 s; the times stand in the order of the names."""
+    fields = [builders.field(name, "timestamp", 8 * place, 8) for place, name in enumerate(names)]
+    schema = path.parent / builders.schema_path(identifier)
+    schema.parent.mkdir(exist_ok=True)
+    schema.write_bytes(builders.text(builders.event_schema(builders.event_type("two", 16, *fields))))
+    values = {"at": 3_000_000, "later": 1_000_000}
+    block = builders.events_block([builders.pack("QQ", *(values[name] for name in names))])
+    path.write_bytes(builders.header(events=[identifier]) + builders.unit(block))
+
+
+def test_one_of_several_times_selects_nothing_while_decoding(tmp_path):
+    other = bytes.fromhex("e2" * 16)
+    write_two_times(tmp_path / "a.bin", builders.EVENTS, "at", "later")
+    write_two_times(tmp_path / "b.bin", other, "later", "at")
+    for name, files in (("later", "a.bin"), ("at", "b.bin"), ("at", "")):
+        path = tmp_path / files
+        reader = reader_of("two", columns=name, path=path)
+        reader.pushFilters([GreaterThan((name,), datetime.datetime(1970, 1, 1, 0, 0, 2, tzinfo=UTC))])
+        rows = sum(batch.num_rows for task in reader.partitions() for batch in reader.read(task))
+        assert rows == (2 if files == "" else 1), name
 
 
 def test_files_are_shared_out_to_tasks_by_number_and_size(tmp_path):

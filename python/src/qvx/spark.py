@@ -147,39 +147,41 @@ class QvxReader(DataSourceReader):  # type: ignore[misc]
     files_per_task: int
     bytes_per_task: int
     fail_on_faults: bool
-    since: Optional[int] = None
-    until: Optional[int] = None
+    times: Dict[str, Tuple[Optional[int], Optional[int]]] = field(default_factory=dict)
     where: Dict[str, List[str]] = field(default_factory=dict)
 
     def pushFilters(self, filters: List[Any]) -> Iterable[Any]:  # noqa: N802
         """Notes what decoding can use. Spark applies all of them again, as patterns match in any case."""
-        row_times = ("_time", self._row_time())
         for condition in filters:
             name = ".".join(getattr(condition, "attribute", ()))
-            if name in row_times:
-                self._note_time(type(condition).__name__, getattr(condition, "value", None))
-            elif name in CONDITIONS:
+            if name in CONDITIONS:
                 self._note_text(name, condition)
+            else:
+                self._note_time(name, type(condition).__name__, getattr(condition, "value", None))
         return filters
 
-    def _row_time(self) -> Optional[str]:
-        """The column by whose time rows are selected: the first one that is a time, whether it is asked for or not."""
-        try:
-            table = pyarrow.schema(qvx.open(self.files[:1], self.schema_folder).table(self.table))
-        except KeyError:  # the first file has nothing of it
-            return None
-        return next((member.name for member in table if pyarrow.types.is_timestamp(member.type)), None)
-
-    def _note_time(self, kind: str, value: Any) -> None:
+    def _note_time(self, name: str, kind: str, value: Any) -> None:
         if not isinstance(value, datetime.datetime):
             return
         # One without a zone is local time, as everywhere in Spark's Python interface.
         since_1970 = value.astimezone(datetime.timezone.utc) - datetime.datetime(1970, 1, 1, tzinfo=datetime.timezone.utc)
         at = since_1970 // datetime.timedelta(microseconds=1)
+        since, until = self.times.get(name, (None, None))
         if kind in ("GreaterThan", "GreaterThanOrEqual", "EqualTo"):
-            self.since = max(at, self.since if self.since is not None else at)
+            since = at if since is None else max(at, since)
         if kind in ("LessThan", "LessThanOrEqual", "EqualTo"):
-            self.until = min(at, self.until if self.until is not None else at)
+            until = at if until is None else min(at, until)
+        self.times[name] = (since, until)
+
+    def row_times(self, local: pyarrow.Schema) -> Tuple[Optional[int], Optional[int]]:
+        """The range of row times that the conditions leave of files with these columns. Of several times the first one of a
+        type is that of the row, and files need not agree on which one that is.
+        """
+        times = [member.name for member in local if pyarrow.types.is_timestamp(member.type)]
+        for name, (since, until) in self.times.items():
+            if name == "_time" or (len(times) == 1 and self._find(pyarrow.field(name, local.field(times[0]).type), local) == times[0]):
+                return since, until
+        return None, None
 
     def _note_text(self, name: str, condition: Any) -> None:
         kind = type(condition).__name__
@@ -227,7 +229,8 @@ class QvxReader(DataSourceReader):  # type: ignore[misc]
     def _rows(self, data: qvx.Dataset, local: pyarrow.Schema) -> Iterator[pyarrow.RecordBatch]:
         places: List[Tuple[Any, Optional[str]]] = [(member, self._find(member, local)) for member in self.columns]
         asked_for = [name for _, name in places if name is not None] or ["_block"]
-        table = data.table(self.table, asked_for, self.since, self.until, self.where)
+        since, until = self.row_times(local)
+        table = data.table(self.table, asked_for, since, until, self.where)
         for batch in table.reader():
             arrays = [
                 pyarrow.nulls(batch.num_rows, member.type) if name is None else _converted(batch.column(name), member.type)
