@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -204,6 +205,10 @@ TEST_F(BinOutputFaults, KilledAtAnyMomentEveryFileCanBeReadUpToItsLastWholeBlock
     }
   }
   const std::string in = temp_.write_file("in.bin", sample_file(header(8192), units));
+  const auto begin = std::chrono::steady_clock::now();
+  resave({in});
+  const auto length =
+      std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - begin);
   std::mt19937 random(20231114);
   int killed = 0;
   std::size_t whole = 0;
@@ -222,7 +227,7 @@ TEST_F(BinOutputFaults, KilledAtAnyMomentEveryFileCanBeReadUpToItsLastWholeBlock
       while (true)
         run(OutputFormat::bin, {in});
     }
-    usleep(static_cast<useconds_t>(500 + random() % 5000));
+    usleep(static_cast<useconds_t>(500 + random() % (2 * static_cast<unsigned>(length.count()))));
     kill(child, SIGKILL);
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);

@@ -98,9 +98,11 @@ TEST_F(DataWriterRoom, SourcesBeyondNumberTakeNoMoreMemory) {
   write_some(0, 2500);
   EXPECT_EQ(writer_->sources.size(), 2048u);
   EXPECT_EQ(writer_->sources_by_key.size(), 2048u);
-  const std::size_t before = resident_bytes();
+  [[maybe_unused]] const std::size_t before = resident_bytes();
   write_some(2500, 12000);
+#if !defined(__SANITIZE_ADDRESS__)  // which keeps what was freed
   EXPECT_LT(resident_bytes(), before + (std::size_t{1} << 20));
+#endif
   EXPECT_EQ(fs::file_size(temp_.path() / "all.bin"), 256u + 12000 * 20);
 }
 
