@@ -157,6 +157,8 @@ inline std::string blob_block(std::uint64_t timestamp, std::string_view data) {
 
 // -- Compressed pages
 
+constexpr int kGzipWindowBits = 31;  // as zlib asks for a gzip stream
+
 // What the header of a gzip stream may carry besides the data.
 struct GzipHeader {
   std::string name = {};
@@ -167,7 +169,6 @@ struct GzipHeader {
 
 inline std::string gzip(std::string_view bytes, int level = 6, int strategy = Z_DEFAULT_STRATEGY,
                         const GzipHeader& header = {}) {
-  constexpr int kGzipWindowBits = 31;
   z_stream stream{};
   if (deflateInit2(&stream, level, Z_DEFLATED, kGzipWindowBits, 8, strategy) != Z_OK)
     throw std::runtime_error("deflateInit2");
@@ -191,6 +192,21 @@ inline std::string gzip(std::string_view bytes, int level = 6, int strategy = Z_
   out.resize(out.size() - stream.avail_out);
   deflateEnd(&stream);
   if (result != Z_STREAM_END) throw std::runtime_error("deflate");
+  return out;
+}
+
+// What zlib makes of the beginning of one member, of up to 100,000 bytes decoded.
+inline std::string gunzip_beginning(std::string_view packed) {
+  z_stream stream{};
+  if (inflateInit2(&stream, kGzipWindowBits) != Z_OK) throw std::runtime_error("inflateInit2");
+  std::string out(100000, '\0');
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(packed.data()));
+  stream.avail_in = static_cast<uInt>(packed.size());
+  stream.next_out = reinterpret_cast<Bytef*>(out.data());
+  stream.avail_out = static_cast<uInt>(out.size());
+  inflate(&stream, Z_SYNC_FLUSH);
+  out.resize(out.size() - stream.avail_out);
+  inflateEnd(&stream);
   return out;
 }
 

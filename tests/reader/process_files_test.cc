@@ -8,7 +8,6 @@
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -30,6 +29,7 @@ namespace {
 
 using test::counters_line;
 using test::file_header;
+using test::gunzip_beginning;
 using test::gzip;
 using test::padded;
 using test::ReaderFiles;
@@ -162,28 +162,13 @@ TEST(ProcessFilesTest, EveryTruncationOfADocumentClosesWhatIsWhole) {
   }
 }
 
-// The decompressor alone, up to where it comes.
-std::string unpacked_beginning(std::string_view packed) {
-  z_stream stream{};
-  EXPECT_EQ(inflateInit2(&stream, 31), Z_OK);
-  std::string out(100000, '\0');
-  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(packed.data()));
-  stream.avail_in = static_cast<uInt>(packed.size());
-  stream.next_out = reinterpret_cast<Bytef*>(out.data());
-  stream.avail_out = static_cast<uInt>(out.size());
-  inflate(&stream, Z_SYNC_FLUSH);
-  out.resize(out.size() - stream.avail_out);
-  inflateEnd(&stream);
-  return out;
-}
-
 TEST(ProcessFilesTest, EveryTruncationOfAGzipFilePrintsWhatWasDecodedAndFails) {
   const ReaderFiles files;
   ReaderOptions options = files.options();
   const std::string whole = gzip(mixed_file());
   for (std::size_t size = 0; size < whole.size(); ++size) {
     const std::string path = files.write("a.bin", whole.substr(0, size));
-    const std::size_t unpacked = size < 2 ? 0 : unpacked_beginning(whole.substr(0, size)).size();
+    const std::size_t unpacked = size < 2 ? 0 : gunzip_beginning(whole.substr(0, size)).size();
     const test::LogCapture log(QVX_LOG_ERROR);
     const RunResult result = run(options, {path});
     ASSERT_EQ(result.out, output_of_beginning(unpacked)) << size;

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <cerrno>
 #include <chrono>
@@ -23,6 +22,7 @@ namespace qvx {
 namespace {
 
 using test::FakeRead;
+using test::gunzip_beginning;
 using test::gzip;
 using test::ReadStep;
 
@@ -70,21 +70,6 @@ std::string sample_text(std::size_t size) {
   return text;
 }
 
-// What the decompressor alone makes of the beginning of one member.
-std::string decoded_beginning(std::string_view packed) {
-  z_stream stream{};
-  EXPECT_EQ(inflateInit2(&stream, 31), Z_OK);
-  std::string out(100000, '\0');
-  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(packed.data()));
-  stream.avail_in = static_cast<uInt>(packed.size());
-  stream.next_out = reinterpret_cast<Bytef*>(out.data());
-  stream.avail_out = static_cast<uInt>(out.size());
-  inflate(&stream, Z_SYNC_FLUSH);
-  out.resize(out.size() - stream.avail_out);
-  inflateEnd(&stream);
-  return out;
-}
-
 TEST(DataInputReads, PlainFileComesAsItIs) {
   const test::TempDir folder;
   const std::string text = sample_text(200000);
@@ -106,12 +91,12 @@ TEST(DataInputReads, EveryCutOfJoinedMembersGivesWhatWasDecoded) {
     if (size == 1) {
       expected.bytes = "\x1f";  // not yet the magic of a member
     } else if (size > 1 && size < first.size()) {
-      expected = {decoded_beginning(cut.text()), "unexpected end of file", 0, false};
+      expected = {gunzip_beginning(cut.text()), "unexpected end of file", 0, false};
     } else if (size >= first.size() && size < first.size() + 2) {
       expected.bytes = first_text;
     } else if (size >= first.size() + 2 && size < whole.size()) {
-      expected = {first_text + decoded_beginning(cut.text().substr(first.size())), "unexpected end of file",
-                  0, false};
+      expected = {first_text + gunzip_beginning(cut.text().substr(first.size())), "unexpected end of file", 0,
+                  false};
     } else if (size == whole.size()) {
       expected.bytes = first_text + second_text;
     }
@@ -175,14 +160,14 @@ TEST(DataInputReads, FaultOfTheSystemStandsBehindWhatWasRead) {
     const std::string path = folder.write_file("packed.bin", packed);
     const FakeRead fake({{.most = 90}, {.most = 90}, {.most = 90}, {.error = EIO}});
     EXPECT_EQ(read_file_at(path),
-              (Outcome{decoded_beginning(packed.substr(0, 270)), "Input/output error", EIO, false}));
+              (Outcome{gunzip_beginning(packed.substr(0, 270)), "Input/output error", EIO, false}));
   }
   {
     const std::string path = folder.write_file("at_once.bin", text);
     const FakeRead fake(std::vector<ReadStep>{{.error = EIO}});
     EXPECT_EQ(read_file_at(path), (Outcome{"", "Input/output error", EIO, false}));
   }
-  EXPECT_GT(decoded_beginning(packed.substr(0, 270)).size(), 200u);
+  EXPECT_GT(gunzip_beginning(packed.substr(0, 270)).size(), 200u);
 }
 
 TEST(DataInputReads, FolderCanBeOpenedButNotRead) {
