@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -177,20 +178,16 @@ std::optional<Value> build(std::string_view text) {
 
 // The content up to the first NUL or the end; false, and errno set, when reading fails.
 bool read_text(const FileDescriptor& file, std::string& text) {
-  constexpr std::size_t kPiece = std::size_t{64} * 1024;
-  std::size_t size = 0;
+  // Schemas are small: a buffer as large as a large one, zeroed first, costs more than reading a small one.
+  std::array<char, std::size_t{16} * 1024> piece;
   for (;;) {
-    text.resize(size + kPiece);
-    const ssize_t count = ::read(file.get(), text.data() + size, kPiece);
+    const ssize_t count = ::read(file.get(), piece.data(), piece.size());
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return false;
-    const std::size_t end = size + static_cast<std::size_t>(count);
-    const bool has_nul = std::memchr(text.data() + size, '\0', static_cast<std::size_t>(count)) != nullptr;
-    size = end;
-    if (count == 0 || has_nul) break;
+    text.append(piece.data(), static_cast<std::size_t>(count));
+    if (count == 0 || std::memchr(piece.data(), '\0', static_cast<std::size_t>(count)) != nullptr)
+      return true;
   }
-  text.resize(size);
-  return true;
 }
 
 }  // namespace
