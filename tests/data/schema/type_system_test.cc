@@ -316,6 +316,8 @@ TEST_F(TypeSystemTest, AbsentTextsAreStatedFailures) {
   EXPECT_EQ(qvx_type_system_load_schema_file(ts_.get(), nullptr), nullptr);
   EXPECT_EQ(errors(), (Texts{"Failed to read schemas as JSON", "Failed parsing schema JSON string",
                              "Failed reading schema JSON from file ''"}));
+  std::uint8_t index = 0;
+  ASSERT_EQ(add(schema_of("net"), index), 0);
   EXPECT_FALSE(qvx_type_system_find_schema(ts_.get(), nullptr, nullptr));
   EXPECT_EQ(schema_file_path(nullptr, {}), std::nullopt);
 }
