@@ -1,17 +1,20 @@
 #include "qvx/data/schema/schema_writer.h"
 
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "qvx/data/schema/schema_json.h"
@@ -135,7 +138,23 @@ TEST_F(SchemaWriterTest, InterruptedOpeningIsTriedAgain) {
 }
 
 TEST_F(SchemaWriterTest, NewFileIsNeverSeenInPart) {
-  // A left-over of a writer that died does not stop another, and is not taken for a schema.
+  const int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  if (watch < 0) GTEST_SKIP() << "no inotify here";
+  ASSERT_GE(inotify_add_watch(watch, folder_.path().c_str(), IN_CREATE | IN_MODIFY | IN_MOVED_TO), 0);
+  writer_.onSchema(kSchema);
+  alignas(inotify_event) char events[8192];
+  const ssize_t size = ::read(watch, events, sizeof events);
+  ::close(watch);
+  std::vector<std::uint32_t> of_the_file;
+  for (ssize_t at = 0; at < size;) {
+    const auto* const event = reinterpret_cast<const inotify_event*>(events + at);
+    if (std::string_view(event->name) == kSchemaFile) of_the_file.push_back(event->mask);
+    at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+  }
+  EXPECT_EQ(of_the_file, std::vector<std::uint32_t>{IN_MOVED_TO});
+}
+
+TEST_F(SchemaWriterTest, LeftOverOfAWriterThatDiedStopsNoOtherAndIsNoSchema) {
   const std::string left_over = std::string(kSchemaFile) + "." + std::to_string(getpid()) + ".0.tmp";
   folder_.write_file(left_over, "half");
   writer_.onSchema(kSchema);
