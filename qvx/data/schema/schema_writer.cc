@@ -93,10 +93,12 @@ int write_text(FileDescriptor file, const json::Value& schema) {
   return whole ? 0 : ENOMEM;
 }
 
+// A file that memory is too short to read is not known to.
 bool holds_another_schema(const std::string& path, const qvx_schema_id& id) {
   const std::optional<json::Value> value = json::parse_file(path);
-  const auto digest = value ? json::pretty_text_md5(*value) : std::nullopt;
-  return !digest || *digest != id.bytes;
+  if (!value) return errno != ENOMEM;
+  const auto digest = json::pretty_text_md5(*value);
+  return digest && *digest != id.bytes;
 }
 
 }  // namespace

@@ -347,5 +347,32 @@ TEST(ShortMemory, OfTheSchemaWriterIsToldAndLeavesNoPartOfAFile) {
   qvx_logger_register_callback(nullptr, level);
 }
 
+bool was_blamed = false;
+
+void note_blame(std::uint32_t, const char* format, ...) {
+  was_blamed = was_blamed || std::strstr(format, "does not hold its schema") != nullptr;
+}
+
+TEST(ShortMemory, OfTheSchemaWriterBlamesNoFileThatItCouldNotRead) {
+  const std::string text = text_of(make_types_with_counters());
+  const test::TempDir folder;
+  SchemaWriter(folder.path()).onSchema(text);
+  const std::uint32_t level = qvx_logger_set_level(QVX_LOG_WARNING);
+  qvx_logger_register_callback(note_blame, QVX_LOG_WARNING);
+  bool any_failed = true;
+  for (std::size_t successes = 0; any_failed && !was_blamed; ++successes) {
+    const std::string path = folder.path();
+    const test::FailingAllocations failures(successes, test::FailingAllocations::Failing::once);
+    try {
+      SchemaWriter(path).onSchema(text);
+    } catch (const std::exception&) {
+      // Told as it should be.
+    }
+    any_failed = failures.any_failed();
+  }
+  qvx_logger_register_callback(nullptr, level);
+  EXPECT_FALSE(was_blamed);
+}
+
 }  // namespace
 }  // namespace qvx
