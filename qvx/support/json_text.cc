@@ -30,8 +30,14 @@ constexpr Word marks_to_escape(Word word) {
          kHighBits;
 }
 
-constexpr bool needs_escape(unsigned char byte) {
-  return byte < 0x20 || byte == '"' || byte == '\\';
+// One to seven bytes, in a word whose others are zero.
+Word load_tail(const char* at, std::size_t size) {
+  if (size >= sizeof(std::uint32_t)) {
+    const std::size_t last = size - sizeof(std::uint32_t);
+    return load_le<std::uint32_t>(at) | Word{load_le<std::uint32_t>(at + last)} << (8 * last);
+  }
+  const auto byte = [at](std::size_t i) { return Word{static_cast<unsigned char>(at[i])} << (8 * i); };
+  return byte(0) | byte(size / 2) | byte(size - 1);
 }
 
 char* write_escape(char* out, unsigned char byte) {
@@ -191,29 +197,30 @@ std::optional<std::array<std::byte, 16>> pretty_text_md5(const Value& value) noe
 
 char* write_escaped(char* out, std::string_view text) {
   const char* at = text.data();
-  const char* const end = at + text.size();
-  while (static_cast<std::size_t>(end - at) >= sizeof(Word)) {
-    const auto word = load_le<Word>(at);
-    const Word marks = marks_to_escape(word);
-    store_le(out, word);
-    if (marks == 0) {
+  std::size_t left = text.size();
+  for (;;) {
+    Word marks = 0;
+    while (left >= sizeof(Word)) {
+      const auto word = load_le<Word>(at);
+      store_le(out, word);
+      marks = marks_to_escape(word);
+      if (marks != 0) break;
       at += sizeof(Word);
       out += sizeof(Word);
-      continue;
+      left -= sizeof(Word);
+    }
+    if (marks == 0) {
+      if (left == 0) return out;
+      const Word word = load_tail(at, left);
+      store_le(out, word);
+      marks = marks_to_escape(word) & (~Word{0} >> (8 * (sizeof(Word) - left)));
+      if (marks == 0) return out + left;
     }
     const auto clean = static_cast<std::size_t>(std::countr_zero(marks)) / 8;
-    at += clean;
-    out = write_escape(out + clean, static_cast<unsigned char>(*at++));
+    out = write_escape(out + clean, static_cast<unsigned char>(at[clean]));
+    at += clean + 1;
+    left -= clean + 1;
   }
-  while (at != end) {
-    const auto byte = static_cast<unsigned char>(*at++);
-    if (needs_escape(byte)) {
-      out = write_escape(out, byte);
-    } else {
-      *out++ = static_cast<char>(byte);
-    }
-  }
-  return out;
 }
 
 void append_quoted(std::string& out, std::string_view text) {
