@@ -16,9 +16,7 @@ char* write_label(char* out, std::string_view name, std::string_view value, char
                   const RecordSpelling& spelling) {
   *out++ = separator;
   out = put(out, spelling.element_open);
-  *out++ = '"';
   out = json::write_escaped(out, up_to_nul(name));
-  *out++ = '"';
   out = put(out, spelling.colon);
   *out++ = '"';
   out = json::write_escaped(out, up_to_nul(value));

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "qvx/metrics/wire.h"
 #include "qvx/support/number.h"
@@ -14,9 +15,10 @@ constexpr RecordSpelling kCompactRecord{
     .labels = ",\"labels\":",
     .metrics = ",\"metrics\":",
     .record_close = "}",
-    .colon = ":",
-    .element_open = "{",
+    .element_open = "{\"",
+    .colon = "\":",
     .element_close = "}",
+    .next_element = "},",
     .array_close = "]",
 };
 constexpr RecordSpelling kPrettyRecord{
@@ -25,11 +27,22 @@ constexpr RecordSpelling kPrettyRecord{
     .labels = ",\n    \"labels\": ",
     .metrics = ",\n    \"metrics\": ",
     .record_close = "\n}",
-    .colon = ": ",
-    .element_open = "\n        {\n            ",
+    .element_open = "\n        {\n            \"",
+    .colon = "\": ",
     .element_close = "\n        }",
+    .next_element = "\n        },",
     .array_close = "\n    ]",
 };
+
+namespace {
+
+// Writes the text of a name up to its value.
+char* compose(char* out, std::string_view name, const RecordSpelling& spelling) {
+  out = put(put(out, spelling.next_element), spelling.element_open);
+  return put(json::write_escaped(out, name), spelling.colon);
+}
+
+}  // namespace
 
 const std::byte* MetricNameTexts::read_table(const std::byte* pos, const std::byte* end) {
   pos = wire::find_marker(pos, end, wire::kMetricNamesMarker);
@@ -42,15 +55,24 @@ const std::byte* MetricNameTexts::read_table(const std::byte* pos, const std::by
       read_string_table(pos, end, wire::kMetricNamesMarker, wire::kMetricNamesEnd, names_);
   if (names_.empty()) return table_end;
   table_ = text.substr(0, static_cast<std::size_t>(table_end - pos) - wire::kMarkerSize);
-  for (std::string_view& name : names_)
+  // A NUL, or the length of a name without characters.
+  const bool has_nul = table_.find('\0', wire::kStringTableHeaderSize) != std::string::npos;
+  longest_ = 0;
+  for (std::string_view& name : names_) {
     name = {table_.data() + (name.data() - text.data()), name.size()};
+    if (has_nul) name = up_to_nul(name);
+    longest_ = std::max(longest_, name.size());
+  }
+  is_new_ = true;
   return table_end;
 }
 
 void MetricNameTexts::use_style(json::Style style) {
-  if (sizes_.size() == names_.size() && style == style_) return;
+  const bool is_new = std::exchange(is_new_, false);
+  if (!is_new && sizes_.size() == names_.size() && style == style_) return;
   sizes_.clear();
   style_ = style;
+  if (is_new) return;
   make_slots();
   sizes_.resize(names_.size());
   unmade_ = names_.size();
@@ -59,11 +81,9 @@ void MetricNameTexts::use_style(json::Style style) {
 
 // As long as the longest name needs, as far as memory goes.
 void MetricNameTexts::make_slots() {
-  std::size_t longest = 0;
-  for (const std::string_view name : names_)
-    longest = std::max(longest, name.size());
   const RecordSpelling& spelling = record_spelling(style_);
-  longest += spelling.element_close.size + 1 + spelling.element_open.size + 2 + spelling.colon.size;
+  const std::size_t longest =
+      spelling.next_element.size + spelling.element_open.size + longest_ + spelling.colon.size;
   const std::size_t count = std::max<std::size_t>(names_.size(), 1);
   slot_size_ = std::min((longest + kStep - 1) / kStep, kMostKept / count / kStep) * kStep;
   if (slots_room_ >= count * slot_size_) return;
@@ -72,20 +92,9 @@ void MetricNameTexts::make_slots() {
   slots_room_ = count * slot_size_;
 }
 
-char* MetricNameTexts::compose(char* out, std::size_t id) const {
-  const RecordSpelling& spelling = record_spelling(style_);
-  out = put(out, spelling.element_close);
-  *out++ = ',';
-  out = put(out, spelling.element_open);
-  *out++ = '"';
-  out = json::write_escaped(out, up_to_nul(names_[id]));
-  *out++ = '"';
-  return put(out, spelling.colon);
-}
-
 void MetricNameTexts::keep(std::size_t id) {
   char text[kLongestText];
-  const auto size = static_cast<std::size_t>(compose(text, id) - text);
+  const auto size = static_cast<std::size_t>(compose(text, names_[id], record_spelling(style_)) - text);
   --unmade_;
   if (size > slot_size_) {
     sizes_[id] = kTooLong;
@@ -94,6 +103,16 @@ void MetricNameTexts::keep(std::size_t id) {
   }
   std::memcpy(slots_.get() + id * slot_size_, text, size);
   sizes_[id] = static_cast<std::uint16_t>(size);
+}
+
+char* MetricNameTexts::write_unkept(char* out, const MetricSamples& samples) const {
+  const std::string_view* const names = names_.data();
+  const RecordSpelling& spelling = record_spelling(style_);
+  for (const MetricSample sample : samples) {
+    out = compose(out, names[sample.sample_id], spelling);
+    out = write_json_number(out, sample.sample_value);
+  }
+  return out;
 }
 
 // Writes samples whose texts are in slots of one step.
@@ -115,7 +134,7 @@ char* MetricNameTexts::write_any(char* out, const MetricSamples& samples) const 
   for (const MetricSample sample : samples) {
     const std::size_t size = sizes[sample.sample_id];
     if (size == kTooLong) [[unlikely]] {
-      out = compose(out, sample.sample_id);
+      out = compose(out, names_[sample.sample_id], record_spelling(style_));
     } else {
       const char* const text = slots + sample.sample_id * slot_size;
       for (std::size_t copied = 0; copied < size; copied += kStep)
@@ -134,14 +153,18 @@ void MetricNameTexts::write_metrics(const MetricSamples& samples, OutputSink& si
     sink.write(spelling.metrics);
     return sink.write("[]");
   }
-  if (unmade_ != 0) {
+  const bool is_kept = !sizes_.empty();
+  if (is_kept && unmade_ != 0) {
     for (const MetricSample sample : samples)
       if (sizes_[sample.sample_id] == 0) keep(sample.sample_id);
   }
   // No more at once than the sink has: a record is not begun to be given up for want of memory.
   constexpr std::size_t kRoomAround = 4 * ShortText::kRoom;
   static_assert(kRoomAround + kLongestText + kNumberRoom <= OutputSink::kSmallCapacity);
-  const std::size_t room = (all_fit_ ? slot_size_ : kLongestText) + kNumberRoom;
+  const bool is_short = is_kept && all_fit_ && slot_size_ == kStep;
+  const std::size_t text_room =
+      is_kept && all_fit_ ? slot_size_ : json::escaped_room(longest_) + 3 * ShortText::kRoom;
+  const std::size_t room = text_room + kNumberRoom;
   const std::size_t most = std::max(sink.capacity(), OutputSink::kSmallCapacity) - kRoomAround;
   std::size_t at = 0;
   while (at < count) {
@@ -150,9 +173,9 @@ void MetricNameTexts::write_metrics(const MetricSamples& samples, OutputSink& si
     char* const start = sink.reserve((stop - at) * room + kRoomAround);
     char* out = start;
     // The first sample's text has the end of a sample before it, which the opening is written over.
-    if (at == 0) out += spelling.metrics.size + 1 - (spelling.element_close.size + 1);
+    if (at == 0) out += spelling.metrics.size + 1 - spelling.next_element.size;
     const MetricSamples part = samples.part(at, stop);
-    out = all_fit_ && slot_size_ == kStep ? write_short(out, part) : write_any(out, part);
+    out = !is_kept ? write_unkept(out, part) : is_short ? write_short(out, part) : write_any(out, part);
     if (at == 0) {
       std::memcpy(start, spelling.metrics.text, spelling.metrics.size);
       start[spelling.metrics.size] = '[';

@@ -1,4 +1,5 @@
-// The text of a metrics record: the two spellings, and the metric names escaped once per table.
+// The text of a metrics record: the two spellings, and the metric names, whose texts are kept with a table
+// that repeats.
 #pragma once
 
 #include <algorithm>
@@ -42,9 +43,10 @@ struct RecordSpelling {
   ShortText labels;
   ShortText metrics;
   ShortText record_close;
-  ShortText colon;
-  ShortText element_open;
+  ShortText element_open;  // and the opening quote of the name
+  ShortText colon;         // and the closing quote of the name
   ShortText element_close;
+  ShortText next_element;  // the close and a comma
   ShortText array_close;
 };
 
@@ -71,8 +73,8 @@ inline std::string_view up_to_nul(std::string_view text) {
 }
 
 // For each metric name of a table the text from the end of the sample before it to its own value, such as
-// `},{"name":`. Texts are made when first used and kept while the table stays the same: blocks that differ in
-// their labels mostly have their metrics in common.
+// `},{"name":`. A table that a second block has, too, has its texts kept from then on, each when it is first
+// used: blocks that differ in their labels mostly have their metrics in common.
 class MetricNameTexts {
  public:
   // Reads the table of metric names in [pos, end), as read_string_table does. A copy is kept, and the same
@@ -82,7 +84,7 @@ class MetricNameTexts {
   // How many names the table has.
   std::size_t size() const { return names_.size(); }
 
-  // To be called before writing. Throws std::bad_alloc.
+  // To be called before the samples of a block are written. Throws std::bad_alloc.
   void use_style(json::Style style);
 
   // Writes the member with the samples, whose ids are all in the table.
@@ -92,19 +94,20 @@ class MetricNameTexts {
   // Texts are copied in steps of this size.
   static constexpr std::size_t kStep = 32;
   static constexpr std::size_t kLongestName = 255;
-  static constexpr std::size_t kLongestText = json::escaped_room(kLongestName) + 4 * ShortText::kRoom;
+  static constexpr std::size_t kLongestText = json::escaped_room(kLongestName) + 3 * ShortText::kRoom;
   static constexpr std::uint16_t kTooLong = 0xFFFF;
   static constexpr std::size_t kMostKept = 8 * 1024 * 1024;
 
   void make_slots();
   void keep(std::size_t id);
-  // Writes the text of a name, which needs kLongestText bytes of room.
-  char* compose(char* out, std::size_t id) const;
+  char* write_unkept(char* out, const MetricSamples& samples) const;
   char* write_short(char* out, const MetricSamples& samples) const;
   char* write_any(char* out, const MetricSamples& samples) const;
 
-  std::string table_;  // from its marker to its last name; empty for a table without names
-  StringTable names_;  // in table_
+  std::string table_;        // from its marker to its last name; empty for a table without names
+  StringTable names_;        // in table_, up to their first NUL
+  std::size_t longest_ = 0;  // of the names
+  bool is_new_ = true;       // met for the first time, so that nothing is kept of it
   json::Style style_ = json::Style::compact;
 
   // A slot for each name, a whole number of steps long. A text that does not fit, because of its escapes or
