@@ -42,10 +42,12 @@ as_root() {
   fi
 }
 
-# Packages of other architectures may stand beside those of this one.
+# Packages of other architectures, which are asked for as <package>:<architecture>, may stand beside those of this one.
 is_installed() {
+  local architecture=${1#*:}
+  [ "$architecture" != "$1" ] || architecture=$(dpkg --print-architecture)
   dpkg-query -W -f='${db:Status-Status} ${Architecture}\n' "$1" 2>/dev/null |
-    grep -qxE "installed ($(dpkg --print-architecture)|all)"
+    grep -qxE "installed ($architecture|all)"
 }
 
 # install_packages <package...>: installs those that are missing. The package manager is not called when none
