@@ -13,8 +13,9 @@ class MemoryLimit {
  public:
   static constexpr std::size_t kTooMuch = std::size_t{96} << 20;
 
-  // A sanitizer's shadow memory does not fit under a limit; tests skip then.
-#if defined(__SANITIZE_ADDRESS__)
+  // A sanitizer's shadow memory does not fit under a limit, and an emulator has none for what it runs; tests
+  // skip then.
+#if defined(__SANITIZE_ADDRESS__) || defined(QVX_EMULATED)
   static constexpr bool kSupported = false;
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer)

@@ -37,7 +37,7 @@ def measure(binary, name):
 
 
 def run(options, kind):
-    if shutil.which("valgrind") is None or options.sanitized:
+    if shutil.which("valgrind") is None or options.unlimited:
         return
     names = list(shapes.ALL)
     if options.quick:

@@ -37,7 +37,7 @@ def run_bombs(options, kind):
                 if options.verbose:
                     print(said)
                 kind.check(run.status in (0, 1) and run.seconds <= allowed_seconds
-                           and (options.sanitized or run.kib <= allowed_kib), said)
+                           and (options.unlimited or run.kib <= allowed_kib), said)
 
 
 KINDS = {"bombs": run_bombs, "costs": costs.run, "surroundings": surroundings.run, "limits": surroundings.run_limits,
@@ -49,7 +49,8 @@ def main():
     parser.add_argument("--bin", required=True)
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--quick", action="store_true", help="a part of the cases, chosen by the seed")
-    parser.add_argument("--sanitized", action="store_true", help="the program has a sanitizer, which takes memory")
+    parser.add_argument("--unlimited", action="store_true",
+                        help="no limits: the program has a sanitizer or runs in an emulator, which take memory")
     parser.add_argument("--optimised", action="store_true", help="the program is a release build")
     parser.add_argument("--verbose", action="store_true")
     parser.add_argument("--store-costs", action="store_true")

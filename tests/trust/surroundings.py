@@ -46,7 +46,7 @@ def run(options, kind):
             same(f"locale {locale!r}", env={"LC_ALL": locale, "LANG": locale, "QVX_DONT_SET_LOCALE": dont_set})
         for mask in (0, 0o077, 0o777):
             same(f"umask {mask:o}", before=lambda: os.umask(mask))
-        if not options.sanitized:
+        if not options.unlimited:
             for files in (5, 6, 8, 16):
                 same(f"ulimit -n {files}", before=_limit(resource.RLIMIT_NOFILE, files))
             same("ulimit -v", before=_limit(resource.RLIMIT_AS, 96 << 20))
