@@ -15,16 +15,27 @@ tally=${QVX_TRUST_TALLY:-$QVX_SCRATCH/tally}
 export TZ=UTC
 
 sweeps=(forms bit-flips cuts-and-growth noise allocations input-faults output-faults numbers inflate soak)
+# Kinds that are tests of the ordinary programs and go on for as long as they are told: program, filter.
+tests=(
+  write_tests "WriterTrust.FailingCalls*"
+  write_tests "WriterTrust.KilledAtAnyCall*"
+  write_tests "WriterTrust.HostileNames*"
+  write_tests "WriterTrust.ProcessesInOneFolder*"
+  bin_output_tests "BinSchemas.WhereverTheyChange*"
+  data_tests "SharedPageFaults.KilledAtAnyCall*"
+  data_tests "SharedPageFaults.ProcessesThatStartAtOnce*"
+)
 targets=()
 for folder in fuzz/corpus/*/; do targets+=("$(basename "$folder")"); done
 
 # Half of the time is for the fuzz targets, and those that read whole files get three shares; a third is for the sweeps.
 share() { awk -v minutes="$minutes" -v part="$1" -v of="$2" 'BEGIN { printf "%d", 60 * minutes * part / of + 1 }'; }
 fuzz_seconds=$(share 0.5 $((${#targets[@]} + 4)))
-sweep_seconds=$(share 0.33 ${#sweeps[@]})
+sweep_seconds=$(share 0.33 $((${#sweeps[@]} + ${#tests[@]} / 2)))
 
 cmake --preset release >/dev/null
-cmake --build build/release --target qvx_read trust_sweeps "${targets[@]/%/_replay}" >/dev/null
+cmake --build build/release --target qvx_read trust_sweeps write_tests bin_output_tests data_tests \
+  "${targets[@]/%/_replay}" >/dev/null
 fuzz_build=build/release
 if command -v clang++ >/dev/null; then
   fuzz_build=build/fuzz
@@ -32,6 +43,14 @@ if command -v clang++ >/dev/null; then
     -DQVX_BUILD_EXAMPLES=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
   cmake --build $fuzz_build --target "${targets[@]}" >/dev/null
 fi
+
+# run_test <program> <filter>
+run_test() {
+  QVX_TRUST_SECONDS=$sweep_seconds QVX_TRUST_SEED=$seed build/release/tests/"$1" --gtest_filter="$2" \
+    >"$QVX_SCRATCH/test" 2>&1 || tail -n 30 "$QVX_SCRATCH/test" >&2
+  # A test that ended without its line failed altogether.
+  grep -a '^result' "$QVX_SCRATCH/test" || printf 'result\t%s\t0\t1\t0\n' "$2"
+}
 
 # run_fuzzer <target> <seconds>: a crash is a finding, and its input stays in build/findings.
 run_fuzzer() {
@@ -60,6 +79,9 @@ run_memcheck() {
 for kind in "${sweeps[@]}"; do
   build/release/tests/trust_sweeps --seed="$seed" --seconds="$sweep_seconds" "$kind" | tee -a "$tally" || true
 done
+for ((at = 0; at < ${#tests[@]}; at += 2)); do
+  run_test "${tests[at]}" "${tests[at + 1]}" | tee -a "$tally"
+done
 for target in "${targets[@]}"; do
   case $target in
     whole_file_fuzz | typed_file_fuzz) run_fuzzer "$target" $((3 * fuzz_seconds)) ;;
@@ -76,4 +98,4 @@ fi
 
 machine="One core of $(lscpu | sed -n 's/^Model name: *//p' | head -n 1), $(c++ --version | head -n 1)"
 python3 tests/trust/table.py "$tally" docs/trust.md "$machine" "$(date -u +%F)"
-! grep -q '^finding' "$tally"
+awk -F '\t' '$1 == "finding" || ($1 == "result" && $4 > 0) { found = 1 } END { exit found }' "$tally"

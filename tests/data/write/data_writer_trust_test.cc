@@ -89,12 +89,25 @@ Found read_back(const fs::path& root) {
   return found;
 }
 
-// Twelve pages of three sources, two of them on one path. True when nothing was said to be lost.
-bool write_twelve(qvx_data_writer& writer) {
+constexpr std::size_t kPagesOfARun = 12;
+using Sources = std::vector<std::string>;  // of the pages of a run
+
+// Three sources in turns, two of them on one path; in later rounds some by chance.
+Sources sources_of(std::uint64_t seed, std::size_t round) {
+  std::mt19937_64 random(seed * 1000 + round);
+  const Sources few = {"a", "b", "./a"};
+  const Sources more = {"a", "b", "./a", "a/a", "b//b", "c", "_/c"};
+  Sources made;
+  for (std::size_t number = 0; number < kPagesOfARun; ++number)
+    made.push_back(round == 0 ? few[number % few.size()] : more[random() % more.size()]);
+  return made;
+}
+
+// True when nothing was said to be lost.
+bool write_all(qvx_data_writer& writer, const Sources& sources) {
   bool ok = true;
-  const std::vector<std::string> sources = {"a", "b", "./a"};
-  for (std::size_t number = 0; number < 12; ++number)
-    ok &= write_numbered(writer, number, sources[number % sources.size()]);
+  for (std::size_t number = 0; number < sources.size(); ++number)
+    ok &= write_numbered(writer, number, sources[number]);
   return data_writer_finish(writer) && ok;
 }
 
@@ -105,6 +118,7 @@ TEST(WriterTrust, FailingCallsLeaveValidFilesAndLoseNothingWithoutAWord) {
   if (run.time_is_left())
     errors.insert(errors.end(), {EACCES, EDQUOT, EROFS, ENAMETOOLONG, EPERM, EINVAL, ENFILE});
   LogCapture quiet(QVX_LOG_ERROR);
+  Sources sources;
   const auto try_one = [&](Call call, int error, std::size_t first, std::size_t count) {
     const TempDir temp;
     bool told = false;
@@ -112,11 +126,11 @@ TEST(WriterTrust, FailingCallsLeaveValidFilesAndLoseNothingWithoutAWord) {
     {
       const DataWriterPtr writer = writer_below(temp.path());
       const FaultyCalls faults(call, error, first, count);
-      told = !write_twelve(*writer);
+      told = !write_all(*writer, sources);
       failed = faults.any_failed();
     }
     const Found found = read_back(temp.path());
-    const bool all_there = found.pages.size() == 12;
+    const bool all_there = found.pages.size() == kPagesOfARun;
     bool twice = false;
     for (const auto& [number, times] : found.pages)
       twice |= times != 1;
@@ -128,12 +142,15 @@ TEST(WriterTrust, FailingCallsLeaveValidFilesAndLoseNothingWithoutAWord) {
     quiet.clear();
     return failed;
   };
-  for (std::size_t kind = 0; kind < test::kCalls; ++kind) {
-    const Call call = static_cast<Call>(kind);
-    for (const int error : errors) {
-      for (const std::size_t count : {std::size_t{1}, static_cast<std::size_t>(-1)}) {
-        const std::size_t step = run.time_is_left() ? 1 : 4;
-        for (std::size_t first = 0; try_one(call, error, first, count); first += step) {
+  for (std::size_t round = 0; round == 0 || run.time_is_left(); ++round) {
+    sources = sources_of(run.seed(), round);
+    for (std::size_t kind = 0; kind < test::kCalls; ++kind) {
+      const Call call = static_cast<Call>(kind);
+      for (const int error : errors) {
+        for (const std::size_t count : {std::size_t{1}, static_cast<std::size_t>(-1)}) {
+          const std::size_t step = run.time_is_left() ? 1 : 4;
+          for (std::size_t first = 0; try_one(call, error, first, count); first += step) {
+          }
         }
       }
     }
@@ -143,33 +160,36 @@ TEST(WriterTrust, FailingCallsLeaveValidFilesAndLoseNothingWithoutAWord) {
 // The process dies at each call that changes something.
 TEST(WriterTrust, KilledAtAnyCallLeavesValidFilesAndAPrefix) {
   TrustRun run("writer-kill");
-  bool died = true;
-  for (std::size_t number = 0; died; ++number) {
-    const TempDir temp;
-    const pid_t child = fork();
-    if (child == 0) {
-      qvx_logger_set_level(0);
-      const FaultyCalls faults = FaultyCalls::dying_at(number);
-      const DataWriterPtr writer = writer_below(temp.path());
-      _exit(write_twelve(*writer) ? 0 : 1);
+  for (std::size_t round = 0; round == 0 || run.time_is_left(); ++round) {
+    const Sources sources = sources_of(run.seed(), round);
+    bool died = true;
+    for (std::size_t number = 0; died; ++number) {
+      const TempDir temp;
+      const pid_t child = fork();
+      if (child == 0) {
+        qvx_logger_set_level(0);
+        const FaultyCalls faults = FaultyCalls::dying_at(number);
+        const DataWriterPtr writer = writer_below(temp.path());
+        _exit(write_all(*writer, sources) ? 0 : 1);
+      }
+      int status = 0;
+      ASSERT_EQ(waitpid(child, &status, 0), child);
+      died = WIFSIGNALED(status);
+      const Found found = read_back(temp.path());
+      // Pages are written one after the other.
+      const bool prefix = found.pages.empty() || found.pages.rbegin()->first == found.pages.size() - 1;
+      const bool ok = found.faults.empty() && prefix && (died || found.pages.size() == kPagesOfARun);
+      EXPECT_TRUE(ok) << "killed at " << number << ": " << found.pages.size() << " pages "
+                      << (found.faults.empty() ? "" : found.faults.front());
+      // A later run finds its way with what is there.
+      LogCapture quiet(QVX_LOG_ERROR);
+      const DataWriterPtr later = writer_below(temp.path());
+      const bool again = write_all(*later, sources);
+      EXPECT_TRUE(again) << "after the kill at " << number;
+      EXPECT_EQ(read_back(temp.path()).pages.size(), kPagesOfARun);
+      run.count(ok && again);
+      ASSERT_LT(number, 1000u);
     }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    died = WIFSIGNALED(status);
-    const Found found = read_back(temp.path());
-    // Pages are written one after the other.
-    const bool prefix = found.pages.empty() || found.pages.rbegin()->first == found.pages.size() - 1;
-    const bool ok = found.faults.empty() && prefix && (died || found.pages.size() == 12);
-    EXPECT_TRUE(ok) << "killed at " << number << ": " << found.pages.size() << " pages "
-                    << (found.faults.empty() ? "" : found.faults.front());
-    // A later run finds its way with what is there.
-    LogCapture quiet(QVX_LOG_ERROR);
-    const DataWriterPtr later = writer_below(temp.path());
-    const bool again = write_twelve(*later);
-    EXPECT_TRUE(again) << "after the kill at " << number;
-    EXPECT_EQ(read_back(temp.path()).pages.size(), 12u);
-    run.count(ok && again);
-    ASSERT_LT(number, 1000u);
   }
   EXPECT_GT(run.cases(), 40u);
 }
@@ -239,7 +259,7 @@ TEST(WriterTrust, HostileNamesTouchNothingOutside) {
   }
   const std::string before = tree_of(outer.path(), root);
   LogCapture quiet(QVX_LOG_ERROR);
-  std::mt19937_64 random(20231114);
+  std::mt19937_64 random(run.seed());
   DataWriterPtr writer = writer_below(root);
   const auto name = [&](std::size_t limit) {
     std::string made;
@@ -284,7 +304,7 @@ TEST(WriterTrust, ProcessesInOneFolderLoseNothing) {
   TrustRun run("writer-together");
   constexpr std::size_t kProcesses = 4;
   constexpr std::size_t kPages = 150;
-  std::mt19937_64 random(7);
+  std::mt19937_64 random(run.seed());
   do {
     const TempDir temp;
     std::vector<pid_t> children;
