@@ -14,6 +14,7 @@ import sys
 from program import Folder, Kind, Run  # first: it says where the builders are
 import bombs
 import costs
+import memcheck
 import surroundings
 
 FORMATS = ("ndjson", "json", "txt", "influx")
@@ -40,8 +41,8 @@ def run_bombs(options, kind):
                            and (options.unlimited or run.kib <= allowed_kib), said)
 
 
-KINDS = {"bombs": run_bombs, "costs": costs.run, "surroundings": surroundings.run, "limits": surroundings.run_limits,
-         "messages": surroundings.run_messages}
+KINDS = {"bombs": run_bombs, "costs": costs.run, "memcheck": memcheck.run, "surroundings": surroundings.run,
+         "limits": surroundings.run_limits, "messages": surroundings.run_messages}
 
 
 def main():
