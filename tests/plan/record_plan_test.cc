@@ -359,16 +359,19 @@ TEST_F(RecordPlanLimitTest, OffsetsAndStridesThatWrapAreOutside) {
 }
 
 TEST_F(RecordPlanLimitTest, FiveHundredLevelsHaveATextAndOneMoreHasNone) {
+  const auto around = [&](const qvx_type_definition& inner, std::uint64_t array_length) {
+    qvx_type_definition& outer = types_.make();
+    types_.add(outer, "a", inner, array_length);
+    return &outer;
+  };
   const qvx_type_definition* level = &types_.builtin("uint8_t");
-  for (int i = 0; i < 500; ++i) {
-    qvx_type_definition& next = types_.make();
-    types_.add(next, "a", *level);
-    level = &next;
-  }
-  EXPECT_EQ(forms(*level), (Outcome{true, true, true}));
-  qvx_type_definition& more = types_.make();
-  types_.add(more, "a", *level);
-  EXPECT_EQ(forms(more), kNone);
+  for (int i = 0; i < 499; ++i)
+    level = around(*level, 1);
+  EXPECT_EQ(forms(*around(*level, 1)), (Outcome{true, true, true}));
+  EXPECT_EQ(forms(*around(*around(*level, 1), 1)), kNone);
+  // An array of records is a level of its own in JSON, where it has brackets; in a field set it has none.
+  EXPECT_EQ(forms(*around(*level, 2)), (Outcome{false, false, true}));
+  EXPECT_EQ(forms(*around(*around(*level, 1), 2)), kNone);
 }
 
 TEST_F(RecordPlanLimitTest, WidestTypeOfASchemaHasAText) {

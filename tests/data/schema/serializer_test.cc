@@ -266,6 +266,13 @@ TEST_F(InfluxSerializerTest, TagsOfEveryKind) {
             Lines{R"(t,b=false,f=1.500000,u=18446744073709551615,s=a\,b\=c_ v=-1i 1700000000123456000)"});
   EXPECT_EQ(line(std::numeric_limits<float>::infinity(), "\x01z"),
             Lines{"t,b=false,u=18446744073709551615 v=-1i 1700000000123456000"});
+  // The printable characters are those from the blank to the tilde.
+  EXPECT_EQ(line(1.0F, "\x7Fz"),
+            Lines{"t,b=false,f=1.000000,u=18446744073709551615 v=-1i 1700000000123456000"});
+  EXPECT_EQ(line(1.0F, " ~\x7Fz"),
+            Lines{R"(t,b=false,f=1.000000,u=18446744073709551615,s=\ ~ v=-1i 1700000000123456000)"});
+  EXPECT_EQ(line(1.0F, "~"),
+            Lines{"t,b=false,f=1.000000,u=18446744073709551615,s=~ v=-1i 1700000000123456000"});
 }
 
 TEST_F(InfluxSerializerTest, OddNamesAreMadeAcceptable) {

@@ -132,6 +132,16 @@ TEST_F(DataFileFaults, OfAPageThatDoesNotFitTheWholeBlocksStay) {
   EXPECT_EQ(header_of(path_).file_size, 272u);
 }
 
+TEST_F(DataFileFaults, OfDataWithoutBlocksAllThatFitsStays) {
+  file_.block_size = 0;
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  {
+    const FileSizeLimit limit(256 + 10);
+    EXPECT_EQ(append("0123456789abcdef"), 10u);
+  }
+  EXPECT_EQ(read_file(path_).substr(256), "0123456789");
+}
+
 TEST_F(DataFileFaults, HoleThatDoesNotFitLeavesNothingOfItself) {
   file_.block_size = 1 << 20;
   ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
