@@ -300,7 +300,9 @@ TEST(LyingSize, FourGigabytesClaimedByTwentyBytesTouchNoMemory) {
     EXPECT_EQ(out_size, k4GiBLess1);
   }
   // The memory of an emulator is its own.
-  if (test::MemoryLimit::kSupported) EXPECT_LT(peak_memory() - before, std::size_t{8} << 20);
+  if (test::MemoryLimit::kSupported) {
+    EXPECT_LT(peak_memory() - before, std::size_t{8} << 20);
+  }
   EXPECT_EQ(log.messages(), (Messages{{3, "[encoded_data] zlib error while decompressing"},
                                       {3, "[encoded_data] snappy decompression failed"}}));
 }

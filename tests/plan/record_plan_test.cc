@@ -359,7 +359,7 @@ TEST_F(RecordPlanLimitTest, OffsetsAndStridesThatWrapAreOutside) {
 }
 
 TEST_F(RecordPlanLimitTest, FiveHundredLevelsHaveATextAndOneMoreHasNone) {
-  const auto around = [&](const qvx_type_definition& inner, std::uint64_t array_length) {
+  const auto around = [&](const qvx_type_definition& inner, std::uint32_t array_length) {
     qvx_type_definition& outer = types_.make();
     types_.add(outer, "a", inner, array_length);
     return &outer;
