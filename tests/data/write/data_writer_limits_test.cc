@@ -84,6 +84,22 @@ TEST_F(LimitedDataWriter, FilesThatWereThereBeforeStay) {
   EXPECT_EQ(read_file(path_of("1500000000000000")), before);
 }
 
+TEST_F(LimitedDataWriter, BytesAppendedToAFileThatWasThereBeforeAreNotCounted) {
+  {
+    const DataWriterPtr earlier(data_writer_create({}));
+    earlier->root = temp_.path();
+    ASSERT_TRUE(data_writer_write_page(*earlier,
+                                       *test::make_page({.room = 100, .first_timestamp = kStart + 1000000})));
+  }
+  for (std::uint64_t second = 1; second <= 4; ++second)
+    ASSERT_TRUE(write_at(second));
+  EXPECT_EQ(fs::file_size(path_of("1700000001000000")), 256u + 200u);
+  EXPECT_EQ(data_files(),
+            (Texts{"2023/1114/node1/1700000001000000.bin", "2023/1114/node1/1700000002000000.bin",
+                   "2023/1114/node1/1700000003000000.bin", "2023/1114/node1/1700000004000000.bin"}));
+  EXPECT_EQ(writer_->total_size, 300u);
+}
+
 TEST_F(LimitedDataWriter, VanishedFileIsReportedAndCountedOff) {
   ASSERT_TRUE(write_at(1));
   ASSERT_TRUE(write_at(2));
