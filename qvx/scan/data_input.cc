@@ -12,6 +12,17 @@
 
 #include "qvx/scan/long_path.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#define QVX_HAS_ADDRESS_SANITIZER
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define QVX_HAS_ADDRESS_SANITIZER
+#endif
+#endif
+#ifdef QVX_HAS_ADDRESS_SANITIZER
+#include <sanitizer/asan_interface.h>
+#endif
+
 namespace qvx {
 namespace {
 
@@ -22,6 +33,20 @@ bool begins_gzip_member(Bytes bytes) {
   return bytes.size() >= std::size(kGzipMagic) &&
          std::equal(std::begin(kGzipMagic), std::end(kGzipMagic), bytes.begin());
 }
+
+// With the address sanitizer, whoever reads past a view that was handed out is caught, although the buffer
+// goes on there.
+#ifdef QVX_HAS_ADDRESS_SANITIZER
+void hide(Bytes bytes) {
+  ASAN_POISON_MEMORY_REGION(bytes.data(), bytes.size());
+}
+void unhide(Bytes bytes) {
+  ASAN_UNPOISON_MEMORY_REGION(bytes.data(), bytes.size());
+}
+#else
+void hide(Bytes) {}
+void unhide(Bytes) {}
+#endif
 
 }  // namespace
 
@@ -63,6 +88,19 @@ std::size_t DataInput::read(std::span<std::byte> to) {
   return filled;
 }
 
+std::optional<Bytes> DataInput::view(std::size_t size) {
+  if (form_ != Form::plain || size > kBufferSize) return std::nullopt;
+  // Whole pieces are read ahead, so that none has to be moved.
+  const std::size_t ahead = kBufferSize / size * size;
+  while (buffered_.size() < size && !file_ended_ && fault_.empty())
+    fill_buffer(ahead - buffered_.size());
+  at_end_ = at_end_ || (file_ended_ && buffered_.size() < size);
+  const Bytes taken = take(std::min(size, buffered_.size()));
+  position_ += taken.size();
+  hide({buffered_.data(), buffer_.get() + kBufferSize});
+  return taken;
+}
+
 // At the start of the file, and behind each gzip member. Not more is read ahead than is wanted: a header read
 // with what follows it would put every data block at an odd place in the buffer.
 void DataInput::find_form(std::size_t wanted) {
@@ -94,10 +132,16 @@ std::size_t DataInput::read_plain(std::span<std::byte> to) {
     at_end_ = file_ended_;
     return count;
   }
-  const std::size_t count = std::min(buffered_.size(), to.size());
-  std::memcpy(to.data(), buffered_.data(), count);
+  const Bytes taken = take(std::min(buffered_.size(), to.size()));
+  std::copy(taken.begin(), taken.end(), to.begin());
+  return taken.size();
+}
+
+Bytes DataInput::take(std::size_t count) {
+  unhide({buffer_.get(), kBufferSize});
+  const Bytes taken = buffered_.first(count);
   buffered_ = buffered_.subspan(count);
-  return count;
+  return taken;
 }
 
 std::size_t DataInput::inflate_some(std::span<std::byte> to) {
@@ -133,10 +177,11 @@ std::size_t DataInput::inflate_some(std::span<std::byte> to) {
   return room - stream_->avail_out;
 }
 
-// Adds up to `most` bytes to the buffer, which holds one at most.
+// Adds up to `most` bytes to the buffer.
 void DataInput::fill_buffer(std::size_t most) {
   if (buffer_ == nullptr) buffer_ = std::make_unique_for_overwrite<std::byte[]>(kBufferSize);
   const std::size_t kept = buffered_.size();
+  unhide({buffer_.get(), kBufferSize});
   std::copy_n(buffered_.begin(), kept, buffer_.get());
   const std::size_t count =
       file_ended_ ? 0 : read_file({buffer_.get() + kept, std::min(most, kBufferSize - kept)});

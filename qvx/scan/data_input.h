@@ -40,6 +40,11 @@ class DataInput {
   // what was unpacked before a fault is handed out. Throws std::bad_alloc.
   std::size_t read(std::span<std::byte> to);
 
+  // The next `size` bytes where they were read to, valid until the next call; fewer when the file ends or
+  // reading fails. Nothing, and nothing is read, when they do not fit into the buffer or have to be unpacked:
+  // then read() them. Throws std::bad_alloc.
+  std::optional<Bytes> view(std::size_t size);
+
   // Whether a read came to the end of the file.
   bool at_end() const { return at_end_; }
 
@@ -61,6 +66,7 @@ class DataInput {
   std::size_t read_plain(std::span<std::byte> to);
   std::size_t inflate_some(std::span<std::byte> to);
   void fill_buffer(std::size_t most);
+  Bytes take(std::size_t count);
   std::size_t read_file(std::span<std::byte> to);
 
   ReadHook read_hook_;

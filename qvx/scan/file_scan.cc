@@ -64,20 +64,25 @@ bool FileScan::next(ScanVisitor& visitor) {
 // Reads a data block; a short last one at the end of the file is accepted. What was read before a fault is
 // gone through first.
 bool FileScan::next_unit(ScanVisitor& visitor) {
-  if (unit_ == nullptr) {
-    // Not touched before it is read into: a small file may claim a large block size.
-    unit_.reset(static_cast<std::byte*>(std::malloc(header_.block_size)));
-    if (unit_ == nullptr) {
-      return fail(visitor, FaultKind::no_memory,
-                  format_text("Failed to allocate data block of size %u: %s", header_.block_size,
-                              std::strerror(errno)));
-    }
-  }
   const std::uint64_t start = input_.position();
-  const std::size_t size = input_.read({unit_.get(), header_.block_size});
-  if (size < kMagicSize) return end_of_file(visitor, size);
-  walk_.emplace(types_, decompressor_, Bytes(unit_.get(), size), start);
+  std::optional<Bytes> unit = input_.view(header_.block_size);
+  if (!unit) unit = read_unit();
+  if (!unit) {
+    return fail(visitor, FaultKind::no_memory,
+                format_text("Failed to allocate data block of size %u: %s", header_.block_size,
+                            std::strerror(errno)));
+  }
+  if (unit->size() < kMagicSize) return end_of_file(visitor, unit->size());
+  walk_.emplace(types_, decompressor_, *unit, start);
   return true;
+}
+
+// Into memory of its own; nothing when there is none.
+std::optional<Bytes> FileScan::read_unit() {
+  // Not touched before it is read into: a small file may claim a large block size.
+  if (unit_ == nullptr) unit_.reset(static_cast<std::byte*>(std::malloc(header_.block_size)));
+  if (unit_ == nullptr) return std::nullopt;
+  return Bytes(unit_.get(), input_.read({unit_.get(), header_.block_size}));
 }
 
 // When no data block is left to go through.

@@ -65,6 +65,7 @@ class FileScan {
   };
 
   bool next_unit(ScanVisitor& visitor);
+  std::optional<Bytes> read_unit();
   bool fail(ScanVisitor& visitor, FaultKind kind, std::string words);
   bool end_of_file(ScanVisitor& visitor, std::size_t left_over);
 
@@ -75,8 +76,8 @@ class FileScan {
   bool failed_ = false;
 
   Decompressor decompressor_;
-  std::unique_ptr<std::byte, FreeBytes> unit_;
-  std::optional<UnitWalk> walk_;  // over the unit at hand
+  std::unique_ptr<std::byte, FreeBytes> unit_;  // when it cannot be looked at where it was read to
+  std::optional<UnitWalk> walk_;                // over the unit at hand
 };
 
 }  // namespace qvx

@@ -60,6 +60,27 @@ Outcome read_file_at(const std::string& path, std::size_t at_a_time = 100) {
   return read_all(input, at_a_time);
 }
 
+// The same in views, behind a first byte that tells what kind of file it is.
+Outcome view_all(const std::string& path, std::size_t at_a_time) {
+  DataInput input;
+  EXPECT_TRUE(input.open(path.c_str()));
+  Outcome outcome;
+  outcome.bytes.assign(1, '\0');
+  outcome.bytes.resize(input.read(std::as_writable_bytes(std::span(outcome.bytes))));
+  for (std::size_t count = at_a_time; count == at_a_time;) {
+    const std::optional<Bytes> view = input.view(at_a_time);
+    EXPECT_TRUE(view.has_value());
+    if (!view) break;
+    count = view->size();
+    outcome.bytes += as_text(*view);
+    EXPECT_EQ(input.position(), outcome.bytes.size());
+  }
+  outcome.fault = input.fault();
+  outcome.error = input.error();
+  outcome.at_end = input.at_end();
+  return outcome;
+}
+
 // Text that packs, but not to nothing.
 std::string sample_text(std::size_t size) {
   std::mt19937 random(1);
@@ -77,6 +98,73 @@ TEST(DataInputReads, PlainFileComesAsItIs) {
   EXPECT_EQ(read_file_at(path), (Outcome{text, "", 0, true}));
   EXPECT_EQ(read_file_at(path, 70000), (Outcome{text, "", 0, true}));
   EXPECT_EQ(read_file_at(folder.write_file("empty.bin", "")), (Outcome{"", "", 0, true}));
+}
+
+TEST(DataInputReads, ViewsGiveAPlainFileAsItIs) {
+  const test::TempDir folder;
+  const std::string text = sample_text(200000);
+  const std::string path = folder.write_file("a.bin", text);
+  for (const std::size_t at_a_time : {1, 816, 30000, 65535, 65536})
+    EXPECT_EQ(view_all(path, at_a_time), (Outcome{text, "", 0, true})) << at_a_time;
+}
+
+TEST(DataInputReads, ViewsAndReadsTakeTurns) {
+  const test::TempDir folder;
+  const std::string text = sample_text(200000);
+  DataInput input;
+  ASSERT_TRUE(input.open(folder.write_file("a.bin", text).c_str()));
+  std::string got;
+  std::string part(70000, '\0');
+  for (std::size_t round = 0; got.size() < text.size(); ++round) {
+    const std::size_t wanted = round % 5 == 4 ? 70000 : 300;
+    part.resize(wanted);
+    part.resize(input.read(std::as_writable_bytes(std::span(part))));
+    got += part;
+    const std::optional<Bytes> view = input.view(1000);
+    ASSERT_TRUE(view.has_value());
+    got += as_text(*view);
+    ASSERT_EQ(got, text.substr(0, got.size()));
+  }
+  EXPECT_EQ(got.size(), 200000u);
+}
+
+TEST(DataInputReads, WhatHasToBeUnpackedOrIsTooLongForTheBufferIsNotViewed) {
+  const test::TempDir folder;
+  const std::string text = sample_text(300);
+  for (const auto& [bytes, too_long] : {std::pair(text, 65537), std::pair(gzip(text), 1)}) {
+    DataInput input;
+    ASSERT_TRUE(input.open(folder.write_file("a.bin", bytes).c_str()));
+    EXPECT_FALSE(input.view(10).has_value());  // it may be either
+    std::string got(100, '\0');
+    ASSERT_EQ(input.read(std::as_writable_bytes(std::span(got))), 100u);
+    EXPECT_FALSE(input.view(static_cast<std::size_t>(too_long)).has_value());
+    std::string rest(300, '\0');
+    rest.resize(input.read(std::as_writable_bytes(std::span(rest))));
+    EXPECT_EQ(got + rest, text);
+  }
+}
+
+TEST(DataInputReads, ViewsContinueInterruptedAndShortReads) {
+  const test::TempDir folder;
+  const std::string text = sample_text(300);
+  std::vector<ReadStep> steps;
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    steps.push_back({.error = EINTR});
+    steps.push_back({.most = 1});
+  }
+  const std::string path = folder.write_file("a.bin", text);
+  const FakeRead fake(steps);
+  EXPECT_EQ(view_all(path, 100), (Outcome{text, "", 0, true}));
+  EXPECT_EQ(fake.steps_left(), 0u);
+}
+
+TEST(DataInputReads, ViewsGiveWhatWasReadBeforeAFaultOfTheSystem) {
+  const test::TempDir folder;
+  const std::string text = sample_text(5000);
+  const std::string path = folder.write_file("a.bin", text);
+  // Two bytes tell what kind of file it is.
+  const FakeRead fake({{.most = 2}, {.most = 60}, {.most = 50}, {.error = EIO}});
+  EXPECT_EQ(view_all(path, 100), (Outcome{text.substr(0, 112), "Input/output error", EIO, false}));
 }
 
 TEST(DataInputReads, EveryCutOfJoinedMembersGivesWhatWasDecoded) {
