@@ -74,6 +74,7 @@ class DataFileReader::Impl final : public ScanVisitor {
   Place samples_place_;
   bool has_samples_ = false;
   Run run_;
+  const LogRecorderLevel log_level_{QVX_LOG_WARNING};
   const LogRecorder* log_ = nullptr;  // while the library is at work
   std::size_t log_used_ = 0;          // messages that have become words
 };
@@ -81,7 +82,7 @@ class DataFileReader::Impl final : public ScanVisitor {
 // Runs a step with everything recorded that it logs.
 template <typename Step>
 bool DataFileReader::Impl::record_log(Step step) {
-  const LogRecorder recorder(QVX_LOG_WARNING);
+  const LogRecorder recorder(log_level_);
   log_ = &recorder;
   log_used_ = 0;
   bool ok = false;

@@ -8,6 +8,7 @@
 #include <memory>
 #include <new>
 #include <string_view>
+#include <utility>
 
 #include "qvx/support/log_recording.h"
 
@@ -97,16 +98,27 @@ void record_message(std::uint32_t level, const char* format, ...) {
 
 }  // namespace detail
 
-LogRecorder::LogRecorder(std::uint32_t level, Mode mode) noexcept
-    : level_(std::min(level, kHighestLevel)), mode_(mode), outer_(innermost) {
-  innermost = this;
+LogRecorderLevel::LogRecorderLevel(std::uint32_t level) noexcept : level_(std::min(level, kHighestLevel)) {
   detail::enter_recorder_level(level_);
+}
+
+LogRecorderLevel::~LogRecorderLevel() {
+  detail::leave_recorder_level(level_);
+}
+
+LogRecorder::LogRecorder(std::uint32_t level, Mode mode) noexcept
+    : own_level_(std::in_place, level), level_(own_level_->level_), mode_(mode), outer_(innermost) {
+  innermost = this;
+}
+
+LogRecorder::LogRecorder(const LogRecorderLevel& level, Mode mode) noexcept
+    : level_(level.level_), mode_(mode), outer_(innermost) {
+  innermost = this;
 }
 
 LogRecorder::~LogRecorder() {
   assert(innermost == this);
   innermost = outer_;
-  detail::leave_recorder_level(level_);
 }
 
 void LogRecorder::replay() const noexcept {

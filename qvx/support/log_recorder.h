@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -22,6 +23,22 @@ struct LoggedMessage {
   bool operator==(const LoggedMessage&) const = default;
 };
 
+// While it lives, no thread drops a message up to its level before it asks its recorders. A recorder does
+// this itself, under a lock of the process; who makes one again and again keeps a level instead.
+class LogRecorderLevel {
+ public:
+  // Levels above 7 count as 7.
+  explicit LogRecorderLevel(std::uint32_t level) noexcept;
+  ~LogRecorderLevel();
+  LogRecorderLevel(const LogRecorderLevel&) = delete;
+  LogRecorderLevel& operator=(const LogRecorderLevel&) = delete;
+
+ private:
+  friend class LogRecorder;
+
+  std::uint32_t level_;
+};
+
 class LogRecorder {
  public:
   enum class Mode {
@@ -31,6 +48,8 @@ class LogRecorder {
 
   // Levels above 7 count as 7.
   explicit LogRecorder(std::uint32_t level, Mode mode = Mode::instead) noexcept;
+  // At a level that outlives the recorder.
+  explicit LogRecorder(const LogRecorderLevel& level, Mode mode = Mode::instead) noexcept;
   // On the thread that made it, and after every recorder that this thread made later.
   ~LogRecorder();
   LogRecorder(const LogRecorder&) = delete;
@@ -47,6 +66,7 @@ class LogRecorder {
  private:
   friend struct LogRecorderStack;
 
+  std::optional<LogRecorderLevel> own_level_;  // unless it was given one
   std::uint32_t level_;
   Mode mode_;
   bool is_complete_ = true;

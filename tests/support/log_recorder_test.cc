@@ -56,6 +56,31 @@ TEST(LogRecorder, CollectsWhatASilentProcessSuppresses) {
   EXPECT_TRUE(log.messages().empty());
 }
 
+TEST(LogRecorder, LevelThatIsKeptServesOneRecorderAfterTheOther) {
+  const LogCapture log(0);
+  {
+    const LogRecorderLevel level(QVX_LOG_WARNING);
+    for (int round = 0; round < 2; ++round) {
+      const LogRecorder recorder(level);
+      QVX_LOG(QVX_LOG_WARNING, "warning");
+      QVX_LOG(QVX_LOG_INFO, "beyond it");
+      EXPECT_EQ(recorder.messages(), (Recorded{{4, "warning"}}));
+    }
+    QVX_LOG(QVX_LOG_WARNING, "for nobody");
+    EXPECT_FALSE(QVX_LOG_IS_ENABLED(QVX_LOG_INFO));
+  }
+  EXPECT_FALSE(QVX_LOG_IS_ENABLED(QVX_LOG_WARNING));
+  EXPECT_TRUE(log.messages().empty());
+}
+
+TEST(LogRecorder, LevelWithoutARecorderChangesNothingOfWhatIsLogged) {
+  const LogCapture log(QVX_LOG_ERROR);
+  const LogRecorderLevel level(99);
+  QVX_LOG(QVX_LOG_ERROR, "a");
+  QVX_LOG(QVX_LOG_WARNING, "b");
+  EXPECT_EQ(log.messages(), (Logged{{3, "a"}}));
+}
+
 TEST(LogRecorder, ChangeOfTheProcessLevelChangesNothingInside) {
   const LogCapture log(QVX_LOG_INFO);
   const LogRecorder recorder(QVX_LOG_ERROR, Mode::besides);
