@@ -8,6 +8,7 @@
 #include <zlib.h>
 
 #include <cstdlib>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,6 +24,7 @@
 #include "qvx/metrics/metrics_store.h"
 #include "qvx/reader/process_files.h"
 #include "qvx/scan/data_file_reader.h"
+#include "qvx/scan/file_scan.h"
 
 namespace {
 
@@ -218,34 +220,47 @@ BENCHMARK_CAPTURE(whole_file, events, qvx::bench::Payload::events)->Name("whole 
 BENCHMARK_CAPTURE(whole_file, metrics, qvx::bench::Payload::metrics)->Name("whole file/metrics ndjson");
 BENCHMARK_CAPTURE(whole_file, counters, qvx::bench::Payload::counters)->Name("whole file/counters ndjson");
 
-// Reads every field of every record; sums them up so that each one is needed.
-template <typename ReadRecord>
-void typed_records(benchmark::State& state, qvx::bench::Payload payload, ReadRecord read_record) {
+// Reads every value of a file; sums them up so that each one is needed.
+template <typename ReadFile>
+void typed_file(benchmark::State& state, qvx::bench::Payload payload, ReadFile read_file) {
   const BenchFile data(payload);
   qvx::DataFileReader reader(data.schema_folder());
   for (auto _ : state) {
-    double sum = 0;
     if (!reader.open(data.file().path)) return state.SkipWithError(reader.error().c_str());
-    for (const qvx::Record& record : reader.records())
-      sum += read_record(record);
-    benchmark::DoNotOptimize(sum);
+    benchmark::DoNotOptimize(read_file(reader));
   }
   report(state, data.file().values, data.file().bytes);
 }
 
+// Record by record.
+template <typename ReadRecord>
+void typed_records(benchmark::State& state, qvx::bench::Payload payload, ReadRecord read_record) {
+  typed_file(state, payload, [&](qvx::DataFileReader& reader) {
+    double sum = 0;
+    for (const qvx::Record& record : reader.records())
+      sum += read_record(record);
+    return sum;
+  });
+}
+
+// The fields of the event type.
+struct EventFields {
+  qvx::FieldHandle time{"timestamp"}, node{"node"}, cpu{"cpu"}, device{"device"}, job{"job_id"},
+      bytes{"bytes_received"}, packets{"packets_received"}, errors{"errors"}, status{"state"},
+      load{"load_average"}, temperature{"temperature"}, use{"utilisation"};
+};
+
 void typed_events(benchmark::State& state) {
-  qvx::FieldHandle time("timestamp"), node("node"), cpu("cpu"), device("device"), job("job_id"),
-      bytes("bytes_received"), packets("packets_received"), errors("errors"), status("state"),
-      load("load_average"), temperature("temperature"), use("utilisation");
+  EventFields of;
   typed_records(state, qvx::bench::Payload::events, [&](const qvx::Record& record) {
     const std::uint64_t whole =
-        record.get<std::uint64_t>(time).value_or(0) + record.get<std::uint32_t>(node).value_or(0) +
-        record.get<std::uint16_t>(cpu).value_or(0) + record.get<std::uint64_t>(job).value_or(0) +
-        record.get<std::uint64_t>(bytes).value_or(0) + record.get<std::uint32_t>(packets).value_or(0) +
-        record.get<std::uint16_t>(errors).value_or(0) + record.get<std::uint8_t>(status).value_or(0) +
-        record.get<std::string_view>(device).value_or("").size();
-    return static_cast<double>(whole) + record.get<double>(load).value_or(0) +
-           record.get<double>(temperature).value_or(0) + record.get<double>(use).value_or(0);
+        record.get<std::uint64_t>(of.time).value_or(0) + record.get<std::uint32_t>(of.node).value_or(0) +
+        record.get<std::uint16_t>(of.cpu).value_or(0) + record.get<std::uint64_t>(of.job).value_or(0) +
+        record.get<std::uint64_t>(of.bytes).value_or(0) + record.get<std::uint32_t>(of.packets).value_or(0) +
+        record.get<std::uint16_t>(of.errors).value_or(0) + record.get<std::uint8_t>(of.status).value_or(0) +
+        record.get<std::string_view>(of.device).value_or("").size();
+    return static_cast<double>(whole) + record.get<double>(of.load).value_or(0) +
+           record.get<double>(of.temperature).value_or(0) + record.get<double>(of.use).value_or(0);
   });
 }
 BENCHMARK(typed_events)->Name("typed records/events");
@@ -268,5 +283,90 @@ void typed_metrics(benchmark::State& state) {
   });
 }
 BENCHMARK(typed_metrics)->Name("typed records/metrics");
+
+template <typename Sum, typename T>
+Sum sum_of(const qvx::ArrayView<T>& values) {
+  Sum sum = 0;
+  for (const T value : values)
+    sum += value;
+  return sum;
+}
+
+void typed_event_runs(benchmark::State& state) {
+  EventFields of;
+  typed_file(state, qvx::bench::Payload::events, [&](qvx::DataFileReader& reader) {
+    std::uint64_t whole = 0;
+    double sum = 0;
+    const auto add = [&]<typename T>(const qvx::RecordRun& run, qvx::FieldHandle& field, T) {
+      whole += sum_of<std::uint64_t>(run.column<T>(field));
+    };
+    for (const qvx::RecordRun& run : reader.runs()) {
+      for (qvx::FieldHandle* const field : {&of.time, &of.job, &of.bytes})
+        add(run, *field, std::uint64_t{});
+      for (qvx::FieldHandle* const field : {&of.node, &of.packets})
+        add(run, *field, std::uint32_t{});
+      for (qvx::FieldHandle* const field : {&of.cpu, &of.errors})
+        add(run, *field, std::uint16_t{});
+      add(run, of.status, std::uint8_t{});
+      for (const std::string_view text : run.column<std::string_view>(of.device))
+        whole += text.size();
+      for (qvx::FieldHandle* const field : {&of.load, &of.temperature, &of.use})
+        sum += sum_of<double>(run.column<double>(*field));
+    }
+    return sum + static_cast<double>(whole);
+  });
+}
+BENCHMARK(typed_event_runs)->Name("typed runs/events");
+
+void typed_counters_runs(benchmark::State& state) {
+  typed_file(state, qvx::bench::Payload::counters, [](qvx::DataFileReader& reader) {
+    std::uint64_t sum = 0;
+    for (const qvx::RecordRun& run : reader.runs()) {
+      sum += run.time();
+      const qvx::Record record = run[0];
+      for (const qvx::FieldRange& counters : run.type().ranges())
+        sum += sum_of<std::uint64_t>(record.array<std::uint64_t>(counters));
+    }
+    return sum;
+  });
+}
+BENCHMARK(typed_counters_runs)->Name("typed runs/counters");
+
+void typed_sample_runs(benchmark::State& state) {
+  qvx::FieldHandle value("value");
+  typed_file(state, qvx::bench::Payload::metrics, [&](qvx::DataFileReader& reader) {
+    std::uint64_t sum = 0;
+    for (const qvx::RecordRun& run : reader.runs()) {
+      sum += sum_of<std::uint64_t>(run.column<std::uint64_t>(value)) + run.labels().size();
+      const std::span<const std::string_view> names = run.metric_names();
+      for (const std::uint16_t metric : run.metric_ids())
+        sum += metric < names.size() ? names[metric].size() : 0;
+    }
+    return sum;
+  });
+}
+BENCHMARK(typed_sample_runs)->Name("typed runs/metrics");
+
+// What there is to go through: reads the files and looks at nothing.
+void walk_file(benchmark::State& state, qvx::bench::Payload payload) {
+  class NoVisitor final : public qvx::ScanVisitor {
+    void on_fault(const qvx::Fault&) override {}
+  };
+  const BenchFile data(payload);
+  qvx::TypeCache types(data.schema_folder());
+  for (auto _ : state) {
+    NoVisitor visitor;
+    qvx::FileScan scan(types);
+    if (!scan.open(data.file().path.c_str(), visitor) || !scan.read_header(visitor) ||
+        !scan.load_types(visitor))
+      return state.SkipWithError("the file cannot be opened");
+    while (scan.next(visitor)) {
+    }
+  }
+  report(state, data.file().values, data.file().bytes);
+}
+BENCHMARK_CAPTURE(walk_file, events, qvx::bench::Payload::events)->Name("walk only/events");
+BENCHMARK_CAPTURE(walk_file, counters, qvx::bench::Payload::counters)->Name("walk only/counters");
+BENCHMARK_CAPTURE(walk_file, metrics, qvx::bench::Payload::metrics)->Name("walk only/metrics");
 
 }  // namespace

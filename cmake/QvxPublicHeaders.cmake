@@ -64,6 +64,7 @@ set(QVX_PUBLIC_HEADERS
   qvx/scan/data_file_reader.h
   qvx/scan/data_input.h
   qvx/scan/file_scan.h
+  qvx/scan/record_run.h
   qvx/scan/records.h
   qvx/scan/type_cache.h
   qvx/scan/unit_walk.h

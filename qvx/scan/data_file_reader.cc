@@ -261,8 +261,15 @@ const qvx_data_file_header& DataFileReader::header() const {
   return impl_->header;
 }
 
-bool DataFileReader::next_run() noexcept {
+bool DataFileReader::read_run() noexcept {
   return impl_->next_run(*this);
+}
+
+const RecordRun* DataFileReader::next_run() noexcept {
+  if (next() == nullptr) return nullptr;
+  run_ = RecordRun(record_, left_ + 1, step_);
+  left_ = 0;
+  return &run_;
 }
 
 void DataFileReader::set_run(const Record& first, std::size_t count, std::size_t step) {

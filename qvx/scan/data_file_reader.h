@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "qvx/data/file_header.h"
+#include "qvx/scan/record_run.h"
 #include "qvx/scan/records.h"
 #include "qvx/scan/visitor.h"
 #include "qvx/support/bytes.h"
@@ -53,44 +54,53 @@ class DataFileReader {
 
   // The next record, or null at the end or when the file failed. Valid until the next call.
   const Record* next() noexcept {
-    if (left_ == 0) return next_run() ? &record_ : nullptr;
+    if (left_ == 0) return read_run() ? &record_ : nullptr;
     --left_;
     record_.data_ += step_;
     record_.size_ -= step_;
     return &record_;
   }
+  // The same for the next records that can be read together, behind those that were given out.
+  const RecordRun* next_run() noexcept;
 
+  // One after the other, by one of those functions.
+  template <typename Item, const Item* (DataFileReader::*kNext)() noexcept>
   class Iterator {
    public:
-    using value_type = Record;
+    using value_type = Item;
     using difference_type = std::ptrdiff_t;
 
     Iterator() = default;
-    explicit Iterator(DataFileReader& reader) : reader_(&reader), record_(reader.next()) {}
-    const Record& operator*() const { return *record_; }
-    const Record* operator->() const { return record_; }
+    explicit Iterator(DataFileReader& reader) : reader_(&reader), item_((reader.*kNext)()) {}
+    const Item& operator*() const { return *item_; }
+    const Item* operator->() const { return item_; }
     Iterator& operator++() {
-      record_ = reader_->next();
+      item_ = (reader_->*kNext)();
       return *this;
     }
     void operator++(int) { ++*this; }
-    bool operator==(std::default_sentinel_t) const { return record_ == nullptr; }
+    bool operator==(std::default_sentinel_t) const { return item_ == nullptr; }
 
    private:
     DataFileReader* reader_ = nullptr;
-    const Record* record_ = nullptr;
+    const Item* item_ = nullptr;
   };
-  class Records {
+  template <typename Item, const Item* (DataFileReader::*kNext)() noexcept>
+  class Range {
    public:
-    explicit Records(DataFileReader& reader) : reader_(&reader) {}
-    Iterator begin() const { return Iterator(*reader_); }
+    explicit Range(DataFileReader& reader) : reader_(&reader) {}
+    Iterator<Item, kNext> begin() const { return Iterator<Item, kNext>(*reader_); }
     std::default_sentinel_t end() const { return {}; }
 
    private:
     DataFileReader* reader_;
   };
+  using Records = Range<Record, &DataFileReader::next>;
+  using Runs = Range<RecordRun, &DataFileReader::next_run>;
   // The records from here to the end of the file, to go through once.
   Records records() { return Records(*this); }
+  // The same records run by run: each an events block, a counters block or a batch of samples.
+  Runs runs() { return Runs(*this); }
 
   // Whether the file could not be read to its end.
   bool failed() const;
@@ -109,13 +119,14 @@ class DataFileReader {
  private:
   class Impl;
 
-  bool next_run() noexcept;
+  bool read_run() noexcept;
   void set_run(const Record& first, std::size_t count, std::size_t step);
 
   // The record at hand, and how many more follow it in steps of as many bytes.
   Record record_;
   std::size_t left_ = 0;
   std::size_t step_ = 0;
+  RecordRun run_;  // that was given out last
   std::unique_ptr<Impl> impl_;
 };
 

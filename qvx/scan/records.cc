@@ -67,6 +67,20 @@ FieldKind kind_of(const qvx_counter_info& counter) {
   }
 }
 
+// How many bytes of a word stand before the first that is not printable ASCII.
+std::size_t printable_in(std::uint64_t word) {
+  constexpr std::uint64_t kOnes = 0x0101010101010101;
+  constexpr std::uint64_t kHighBits = kOnes * 0x80;
+  const std::uint64_t low = word & ~kHighBits;
+  // The high bit of each byte tells: from ' ' on, from '\x7F' on, beyond ASCII.
+  const std::uint64_t stops = (~(low + kOnes * 0x60) | (low + kOnes) | word) & kHighBits;
+  return static_cast<std::size_t>(std::countr_zero(stops)) / 8;
+}
+
+bool is_number(FieldKind kind) {
+  return kind >= FieldKind::u8 && kind <= FieldKind::f64;
+}
+
 // Sets `end` to what the rest says.
 void close(FieldPlace& place) {
   if (place.count == 0) {
@@ -171,22 +185,19 @@ FieldPlace find_counter(const std::vector<Field>& fields, std::string_view path)
 std::string_view detail::text_at(FieldKind kind, const std::byte* from, std::size_t size) {
   const std::string_view text = as_text({from, size});
   if (kind == FieldKind::string) return text.substr(0, text.find('\0'));
-  constexpr std::uint64_t kOnes = 0x0101010101010101;
-  constexpr std::uint64_t kHighBits = kOnes * 0x80;
   std::size_t at = 0;
-  for (; size - at >= 8; at += 8) {
-    const auto word = load_le<std::uint64_t>(from + at);
-    const std::uint64_t deletes = word ^ kOnes * 0x7F;
-    // The high bit of the first byte that is not printable is set; bits above it may be wrong.
-    const std::uint64_t stops =
-        (((word - kOnes * 0x20) & ~word) | word | ((deletes - kOnes) & ~deletes)) & kHighBits;
-    if (stops != 0) return text.substr(0, at + static_cast<std::size_t>(std::countr_zero(stops)) / 8);
+  for (; size - at >= 16; at += 16) {
+    const std::size_t first = printable_in(load_le<std::uint64_t>(from + at));
+    const std::size_t second = printable_in(load_le<std::uint64_t>(from + at + 8));
+    // Without a branch: which of the two a text ends in is hard to foretell.
+    const std::size_t length = first + (first == 8 ? second : 0);
+    if (length != 16) return {text.data(), at + length};
   }
   for (; at < size; ++at) {
     const auto byte = std::to_integer<unsigned char>(from[at]);
     if (byte < 0x20 || byte > 0x7E) break;
   }
-  return text.substr(0, at);
+  return {text.data(), at};
 }
 
 RecordType::RecordType(RecordKind kind, std::string name)
@@ -199,6 +210,27 @@ void RecordType::add(Field field) {
       field.nested != nullptr ? std::max<std::uint64_t>(field.nested->reach(), 1) : field.size;
   if (field.count != 0) reach_ = std::max(reach_, saturating_add(last_at, size));
   fields_.push_back(std::move(field));
+  add_to_ranges(fields_.back());
+}
+
+void RecordType::add_to_ranges(const Field& field) {
+  const bool is_one = field.count == 1 || (field.count > 1 && kind_ == RecordKind::counters);
+  if (!is_one || !is_number(field.kind)) return;
+  const std::size_t index = fields_.size() - 1;
+  if (!ranges_.empty()) {
+    FieldRange& last = ranges_.back();
+    if (last.kind == field.kind && last.first + last.count == index && last.end == field.offset) {
+      ++last.count;
+      return close(last);
+    }
+  }
+  FieldRange range;
+  static_cast<FieldPlace&>(range) = field;
+  range.count = 1;
+  range.stride = field.size;
+  range.first = index;
+  close(range);
+  ranges_.push_back(range);
 }
 
 FieldPlace RecordType::find(std::string_view path) const {
@@ -208,7 +240,8 @@ FieldPlace RecordType::find(std::string_view path) const {
 }
 
 std::size_t RecordType::bytes() const {
-  std::size_t bytes = sizeof *this + name_.capacity() + fields_.capacity() * sizeof(Field);
+  std::size_t bytes = sizeof *this + name_.capacity() + fields_.capacity() * sizeof(Field) +
+                      ranges_.capacity() * sizeof(FieldRange);
   for (const Field& field : fields_)
     bytes += field.name.capacity();
   return bytes;

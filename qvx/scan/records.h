@@ -5,6 +5,8 @@
 //     if (const auto number = record.get<std::uint32_t>(job))
 //       use(*number, record.array<std::uint16_t>(nodes));
 //
+// and faster, where there are many: runs of records, a field at a time (record_run.h).
+//
 // Schemas come with the data, so nothing here trusts that a field is there, is of the type asked for or lies
 // inside its record: what cannot be had is absent.
 #pragma once
@@ -72,6 +74,12 @@ struct Field : FieldPlace {
   std::string name;
 };
 
+// Numbers of one kind that stand one behind the other: `count` fields from the field `first` on, each with
+// its only value; of a counter that which all sets show. Read together, as an array.
+struct FieldRange : FieldPlace {
+  std::size_t first = 0;  // in RecordType::fields()
+};
+
 enum class RecordKind : std::uint8_t {
   event,
   counters,  // a field for each counter, named "group.counter", with a value for each counter set
@@ -90,6 +98,8 @@ class RecordType {
   const std::string& name() const { return name_; }
   // As JSON shows them: of fields of one name the last, at the place of the first.
   const std::vector<Field>& fields() const { return fields_; }
+  // In the order of the fields. Every field that is one number is in one of them.
+  const std::vector<FieldRange>& ranges() const { return ranges_; }
 
   // The field of that name. A name "a.b" stands for field "b" in the nested record "a", "a[2]" for one value
   // of an array, "a.b" with an array "a" of records for "b" of each of them; "group[2].counter" for a counter
@@ -108,10 +118,12 @@ class RecordType {
   friend class RecordTypes;
 
   void add(Field field);
+  void add_to_ranges(const Field& field);
 
   RecordKind kind_;
   std::string name_;
   std::vector<Field> fields_;
+  std::vector<FieldRange> ranges_;
   std::uint64_t serial_;
   std::uint64_t reach_ = 0;
 };
@@ -172,6 +184,9 @@ concept RecordNumber = (std::integral<T> || std::same_as<T, float> ||
                         std::same_as<T, double>)&&!std::same_as<T, bool> &&
                        !std::same_as<T, char> && !std::same_as<T, wchar_t>;
 
+template <typename T>
+concept ColumnValue = RecordNumber<T> || std::same_as<T, bool> || std::same_as<T, std::string_view>;
+
 // Whether every value of From is one of To.
 template <typename To, typename From>
 constexpr bool holds() {
@@ -226,23 +241,32 @@ std::string_view text_at(FieldKind kind, const std::byte* from, std::size_t size
 
 }  // namespace detail
 
-// The values of an array where they stand.
+// Values where they stand: numbers, `bool`, and text as std::string_view.
 template <typename T>
 class ArrayView {
  public:
   ArrayView() = default;
-  ArrayView(const std::byte* first, std::size_t count, std::size_t stride)
-      : first_(first), count_(count), stride_(stride) {}
+  // Texts are of that kind and `text_size` bytes long.
+  ArrayView(const std::byte* first, std::size_t count, std::size_t stride,
+            FieldKind text_kind = FieldKind::none, std::size_t text_size = 0)
+      : first_(first), count_(count), stride_(stride), text_size_(text_size), text_kind_(text_kind) {}
 
   std::size_t size() const { return count_; }
   bool empty() const { return count_ == 0; }
   T operator[](std::size_t index) const {
     assert(index < count_);
-    return load_le<T>(first_ + index * stride_);
+    const std::byte* const from = first_ + index * stride_;
+    if constexpr (std::same_as<T, std::string_view>) {
+      return detail::text_at(text_kind_, from, text_size_);
+    } else if constexpr (std::same_as<T, bool>) {
+      return load_le<std::uint8_t>(from) != 0;
+    } else {
+      return load_le<T>(from);
+    }
   }
 
-  // The values as they are in memory, on a machine that has them there in its own byte order and aligned.
-  std::optional<std::span<const T>> span() const {
+  // Numbers as they are in memory, on a machine that has them there in its own byte order and aligned.
+  std::optional<std::span<const T>> span() const requires detail::RecordNumber<T> {
     const bool fits = std::endian::native == std::endian::little && stride_ == sizeof(T) &&
                       reinterpret_cast<std::uintptr_t>(first_) % alignof(T) == 0;
     if (!fits) return std::nullopt;
@@ -275,6 +299,8 @@ class ArrayView {
   const std::byte* first_ = nullptr;
   std::size_t count_ = 0;
   std::size_t stride_ = 0;
+  std::size_t text_size_ = 0;
+  FieldKind text_kind_ = FieldKind::none;
 };
 
 struct MetricLabel {
@@ -351,6 +377,7 @@ class Record {
 
  private:
   friend class DataFileReader;
+  friend class RecordRun;
 
   bool has(const FieldPlace& field) const {
     return field.record_type == type_->serial() && field.end <= size_;
