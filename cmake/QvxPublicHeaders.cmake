@@ -79,6 +79,7 @@ set(QVX_PUBLIC_HEADERS
   qvx/support/log.h
   qvx/support/log_recorder.h
   qvx/support/output_sink.h
+  qvx/support/printable.h
   qvx/support/version.h
 )
 

@@ -5,9 +5,9 @@
 #include <cstring>
 #include <memory>
 
-#include "qvx/plan/plan_values.h"
 #include "qvx/support/bytes.h"
 #include "qvx/support/json_text.h"
+#include "qvx/support/printable.h"
 
 namespace qvx::columns {
 namespace {
@@ -141,15 +141,33 @@ void Column::append_booleans(const ColumnPlan&, const std::byte* from, std::size
 
 void Column::append_texts(const ColumnPlan& plan, const std::byte* from, std::size_t stride,
                           std::size_t count) {
-  constexpr std::size_t kOverwritten = 8;  // write_printable may write so much too far
-  char* const start = reinterpret_cast<char*>(text_.extend(count * plan.count + kOverwritten));
-  char* out = start;
+  const std::size_t size = plan.count;
+  std::byte* const start = text_.extend(count * size);
   std::byte* const offsets = values_.extend(count * sizeof(std::int32_t));
   const std::size_t before = text_.size();
-  for (std::size_t i = 0; i < count; ++i) {
-    out = write_printable<false>(out, from + i * stride, plan.count);
-    const auto end = static_cast<std::int32_t>(before + static_cast<std::size_t>(out - start));
-    std::memcpy(offsets + i * sizeof end, &end, sizeof end);
+  std::byte* out = start;
+  const auto copy_all = [&](auto copy) {
+    for (std::size_t i = 0; i < count; ++i) {
+      out += copy(from + i * stride);
+      const auto end = static_cast<std::int32_t>(before + static_cast<std::size_t>(out - start));
+      std::memcpy(offsets + i * sizeof end, &end, sizeof end);
+    }
+  };
+  if (size >= 8 && size <= 16) {
+    // All of it is copied: what stands behind the text is written over by the next.
+    copy_all([&](const std::byte* text) {
+      const auto first = load_le<std::uint64_t>(text);
+      const auto last = load_le<std::uint64_t>(text + size - 8);
+      store_le(out, first);
+      store_le(out + size - 8, last);
+      return printable_in_8_to_16(text, size);
+    });
+  } else {
+    copy_all([&](const std::byte* text) {
+      const std::size_t length = printable_in(text, size);
+      std::copy_n(text, length, out);
+      return length;
+    });
   }
   text_.commit(static_cast<std::size_t>(out - start));
   values_.commit(count * sizeof(std::int32_t));

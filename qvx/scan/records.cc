@@ -67,16 +67,6 @@ FieldKind kind_of(const qvx_counter_info& counter) {
   }
 }
 
-// How many bytes of a word stand before the first that is not printable ASCII.
-std::size_t printable_in(std::uint64_t word) {
-  constexpr std::uint64_t kOnes = 0x0101010101010101;
-  constexpr std::uint64_t kHighBits = kOnes * 0x80;
-  const std::uint64_t low = word & ~kHighBits;
-  // The high bit of each byte tells: from ' ' on, from '\x7F' on, beyond ASCII.
-  const std::uint64_t stops = (~(low + kOnes * 0x60) | (low + kOnes) | word) & kHighBits;
-  return static_cast<std::size_t>(std::countr_zero(stops)) / 8;
-}
-
 bool is_number(FieldKind kind) {
   return kind >= FieldKind::u8 && kind <= FieldKind::f64;
 }
@@ -181,24 +171,6 @@ FieldPlace find_counter(const std::vector<Field>& fields, std::string_view path)
 }
 
 }  // namespace
-
-std::string_view detail::text_at(FieldKind kind, const std::byte* from, std::size_t size) {
-  const std::string_view text = as_text({from, size});
-  if (kind == FieldKind::string) return text.substr(0, text.find('\0'));
-  std::size_t at = 0;
-  for (; size - at >= 16; at += 16) {
-    const std::size_t first = printable_in(load_le<std::uint64_t>(from + at));
-    const std::size_t second = printable_in(load_le<std::uint64_t>(from + at + 8));
-    // Without a branch: which of the two a text ends in is hard to foretell.
-    const std::size_t length = first + (first == 8 ? second : 0);
-    if (length != 16) return {text.data(), at + length};
-  }
-  for (; at < size; ++at) {
-    const auto byte = std::to_integer<unsigned char>(from[at]);
-    if (byte < 0x20 || byte > 0x7E) break;
-  }
-  return {text.data(), at};
-}
 
 RecordType::RecordType(RecordKind kind, std::string name)
     : kind_(kind), name_(std::move(name)), serial_(next_serial()) {}

@@ -32,6 +32,7 @@
 #include "qvx/metrics/metrics_batch.h"
 #include "qvx/scan/type_cache.h"
 #include "qvx/support/bytes.h"
+#include "qvx/support/printable.h"
 
 namespace qvx {
 
@@ -237,7 +238,10 @@ template <typename T>
 }
 
 // The bytes of a text up to where JSON ends it.
-std::string_view text_at(FieldKind kind, const std::byte* from, std::size_t size);
+inline std::string_view text_at(FieldKind kind, const std::byte* from, std::size_t size) {
+  const std::string_view text = as_text({from, size});
+  return text.substr(0, kind == FieldKind::string ? text.find('\0') : printable_in(from, size));
+}
 
 }  // namespace detail
 
