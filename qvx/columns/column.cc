@@ -22,9 +22,19 @@ void gather(Buffer& to, const std::byte* from, std::size_t stride, std::size_t c
   if (std::endian::native == std::endian::little && stride == sizeof(T)) {
     std::memcpy(out, from, count * sizeof(T));
   } else {
-    for (std::size_t i = 0; i < count; ++i) {
-      const T value = load_le<T>(from + i * stride);
-      std::memcpy(out + i * sizeof(T), &value, sizeof(T));
+    std::size_t left = count;
+    for (; left >= 4; left -= 4) {
+      const std::array<T, 4> values{load_le<T>(from), load_le<T>(from + stride),
+                                    load_le<T>(from + 2 * stride), load_le<T>(from + 3 * stride)};
+      std::memcpy(out, values.data(), sizeof values);
+      from += 4 * stride;
+      out += sizeof values;
+    }
+    for (; left > 0; --left) {
+      const T value = load_le<T>(from);
+      std::memcpy(out, &value, sizeof(T));
+      from += stride;
+      out += sizeof(T);
     }
   }
   to.commit(count * sizeof(T));
@@ -52,11 +62,13 @@ Column::Column(const ColumnType& type) : type_(&type) {
   if (type.kind == ColumnKind::text || type.kind == ColumnKind::labels) push_offset();
 }
 
-void Column::reserve(std::size_t rows) {
+void Column::reserve(std::size_t rows, std::size_t text_bytes) {
   switch (type_->kind) {
     case ColumnKind::boolean:
       return values_.reserve(bit_bytes(rows));
     case ColumnKind::text:
+      if (text_bytes > 0) text_.reserve(text_bytes);
+      return values_.reserve((rows + 1) * sizeof(std::int32_t));
     case ColumnKind::labels:
       return values_.reserve((rows + 1) * sizeof(std::int32_t));
     case ColumnKind::record:
@@ -192,8 +204,11 @@ void Column::append_timestamps(const std::byte* from, std::size_t stride, std::s
   gather<std::uint64_t>(values_, from, stride, count);
   count_rows(count);
   std::uint64_t any = 0;
-  for (std::size_t i = 0; i < count; ++i)
-    any |= load_le<std::uint64_t>(from + i * stride);
+  for (std::size_t at = first; at < values_.size(); at += sizeof any) {
+    std::uint64_t value = 0;
+    std::memcpy(&value, values_.data() + at, sizeof value);
+    any |= value;
+  }
   if (any >> 63 == 0) [[likely]]
     return;
   if (nulls_ == 0) {

@@ -37,8 +37,8 @@ class Column {
   // Bytes of texts and labels, which unlike everything else do not follow from the number of rows.
   std::size_t text_bytes() const;
 
-  // Makes room for so many rows.
-  void reserve(std::size_t rows);
+  // Makes room for so many rows, and for so many bytes of text if it is one of texts.
+  void reserve(std::size_t rows, std::size_t text_bytes = 0);
 
   // Reads one value from each of `count` records that lie `stride` bytes apart. The plan is one of a type
   // with the same values, and all its bytes are there.

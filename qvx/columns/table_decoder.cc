@@ -7,14 +7,14 @@
 #include "qvx/columns/counters_columns.h"
 #include "qvx/columns/event_columns.h"
 #include "qvx/data/block.h"
+#include "qvx/support/saturate.h"
 
 namespace qvx::columns {
 namespace {
 
-// Counters blocks that are staged together, and how long they may be. Few columns are read faster in place.
+// Counters blocks that are staged together, and how long they may be.
 constexpr std::size_t kStagedBlocks = 64;
 constexpr std::size_t kMostStagedBlock = 4096;
-constexpr std::size_t kFewColumns = 4;
 
 class EventBindings final : public SchemaNotes {
  public:
@@ -39,6 +39,13 @@ std::size_t rows_within(const std::vector<ColumnType>& columns, std::size_t want
                                                         static_cast<std::size_t>(kMostBatchBytes / bytes)));
 }
 
+std::uint64_t bytes_of_row(const std::vector<ColumnType>& columns) {
+  std::uint64_t bytes = 0;
+  for (const ColumnType& column : columns)
+    bytes = saturating_add(bytes, row_bytes(column));
+  return std::max<std::uint64_t>(1, bytes);
+}
+
 std::string_view up_to_nul(std::string_view text) {
   return text.substr(0, text.find('\0'));
 }
@@ -48,7 +55,11 @@ std::string_view up_to_nul(std::string_view text) {
 TableDecoder::TableDecoder(const Dataset& dataset, const ResolvedQuery& query)
     : dataset_(dataset),
       query_(query),
-      most_batch_rows_(rows_within(query.columns, query.query.batch_rows)) {}
+      most_batch_rows_(rows_within(query.columns, query.query.batch_rows)),
+      table_row_bytes_(bytes_of_row(query.table.columns)),
+      has_extras_(std::any_of(query.sources.begin(), query.sources.end(),
+                              [](const ResolvedQuery::Source& source) { return source.is_extra; })),
+      needs_source_(has_extras_ || !query.query.where.empty()) {}
 
 void TableDecoder::open(std::size_t file) {
   flush_staged();
@@ -62,6 +73,7 @@ void TableDecoder::open(std::size_t file) {
   page_source_id_.clear();
   page_source_tag_.clear();
   place_ = {};
+  expected_rows_ = std::max(expected_rows_, static_cast<std::size_t>(file_->size / table_row_bytes_));
   const auto* const patterns = query_.patterns_for("_file");
   is_file_selected_ = file_->readable && (patterns == nullptr || matches_any(file_->path, *patterns));
   if (!is_file_selected_) return;
@@ -80,9 +92,11 @@ void TableDecoder::open(std::size_t file) {
 void TableDecoder::begin_batch() {
   columns_.clear();
   columns_.reserve(query_.columns.size());
-  // Room for as many rows as the batch before had: it was full, as a rule, and growing copies what is there.
-  for (const ColumnType& type : query_.columns)
-    columns_.emplace_back(type).reserve(std::min(last_rows_, batch_rows_));
+  // Room for as many rows as there may be, and as much text as there was: growing copies what is there.
+  last_text_bytes_.resize(query_.columns.size());
+  for (std::size_t i = 0; i < query_.columns.size(); ++i)
+    columns_.emplace_back(query_.columns[i])
+        .reserve(std::min(expected_rows_, batch_rows_), last_text_bytes_[i]);
   rows_ = 0;
   last_rows_ = 0;
 }
@@ -115,6 +129,9 @@ bool TableDecoder::next(std::uint64_t limit, ArrowArray* out) {
   if (!more) scan_.reset();
   if (rows_ == 0) return false;
   last_rows_ = rows_;
+  expected_rows_ = std::max(expected_rows_, rows_);
+  for (std::size_t i = 0; i < columns_.size(); ++i)
+    last_text_bytes_[i] = columns_[i].text_bytes();
   export_batch(columns_, rows_, out);
   columns_.clear();
   rows_ = 0;
@@ -147,10 +164,9 @@ PageUse TableDecoder::on_page(const PageBlock& page, const Place& place) {
 
 void TableDecoder::choose_source(const Place& place) {
   place_ = place;
+  if (!needs_source_) return;
   source_id_ = place.in_page ? std::string_view(page_source_id_) : file_->source_id;
   source_tag_ = place.in_page ? std::string_view(page_source_tag_) : file_->source_tag;
-  is_source_selected_ = true;
-  if (query_.query.where.empty()) return;
   const auto* const ids = query_.patterns_for("_source_id");
   const auto* const tags = query_.patterns_for("_source_tag");
   is_source_selected_ = (ids == nullptr || matches_any(std::string(source_id_), *ids)) &&
@@ -233,6 +249,12 @@ const std::shared_ptr<const Binding>& TableDecoder::counters_binding(LoadedSchem
     binding.reach = std::max<std::uint64_t>(columns->reach, kCountersHeaderSize);
     binding.rows = columns->rows;
     bind(binding, columns->types, counters_row_columns().size(), id, &columns->sets);
+    std::uint64_t needed = kCountersHeaderSize;
+    for (const Binding::Bound& bound : binding.bound)
+      needed =
+          std::max(needed, bound.plan->offset + (bound.plan->is_utf8 ? bound.plan->count : kCounterSlotSize));
+    if (binding.rows == 1 && needed <= kMostStagedBlock)
+      binding.staged_bytes = static_cast<std::size_t>(needed);
   } else {
     fault(place_, FaultKind::types_failed, "Counters schema " + id + " has no columns: " + why_not);
   }
@@ -257,6 +279,7 @@ void TableDecoder::add_constant(ExtraColumn column, std::string_view text, std::
 
 // Those but the time.
 void TableDecoder::add_extras(const Place& place, std::size_t count) {
+  if (!has_extras_) return;
   add_constant(ExtraColumn::source_id, source_id_, count);
   add_constant(ExtraColumn::source_tag, source_tag_, count);
   if (query_.place_of(ExtraColumn::file)) add_constant(ExtraColumn::file, utf8_text(file_->path), count);
@@ -357,7 +380,10 @@ bool TableDecoder::on_counters(const CountersBlock& block) {
               std::to_string(binding.reach));
     return true;
   }
-  if (stage_counters(block, shared)) return true;
+  if (binding.staged_bytes > 0) {
+    stage_counters(block, shared);
+    return true;
+  }
   counters_.emplace(block);
   binding_ = &binding;
   next_row_ = 0;
@@ -365,26 +391,21 @@ bool TableDecoder::on_counters(const CountersBlock& block) {
   return true;
 }
 
-// Takes a block of one row whose columns are worth being read together with those of others.
-bool TableDecoder::stage_counters(const CountersBlock& block, const std::shared_ptr<const Binding>& shared) {
-  const Binding& binding = *shared;
-  if (binding.rows != 1 || binding.bound.size() <= kFewColumns || binding.reach > kMostStagedBlock)
-    return false;
-  if (staged_binding_ != shared || staged_count_ == kStagedBlocks) flush_staged();
-  staged_binding_ = shared;
-  staged_.append(as_text(block.block.first(static_cast<std::size_t>(binding.reach))));
+// Takes a block of one row to be read with others.
+void TableDecoder::stage_counters(const CountersBlock& block, const std::shared_ptr<const Binding>& shared) {
+  if (staged_binding_ != shared || staged_count_ == kStagedBlocks) {
+    flush_staged();
+    staged_binding_ = shared;
+  }
+  staged_.append(as_text(block.block.first(shared->staged_bytes)));
   ++staged_count_;
   add_extras(block.place, 1);
-  if (const auto time = query_.place_of(ExtraColumn::time)) add_times(*time, block.header.timestamp, 1);
-  if (const auto time = query_.place_of(std::size_t{0})) add_times(*time, block.header.timestamp, 1);
-  if (const auto set = query_.place_of(std::size_t{1})) columns_[*set].append_value(std::uint32_t{0});
   ++rows_;
-  return true;
 }
 
 void TableDecoder::flush_staged() {
   if (staged_count_ == 0) return;
-  const auto size = static_cast<std::size_t>(staged_binding_->reach);
+  const std::size_t size = staged_binding_->staged_bytes;
   for (const Binding::Bound& bound : staged_binding_->bound) {
     const std::size_t valid = bound.sets > 0 ? staged_count_ : 0;
     columns_[bound.place].append(*bound.plan, staged_.data(), size, valid);
@@ -392,6 +413,14 @@ void TableDecoder::flush_staged() {
   }
   for (const std::size_t missing : staged_binding_->missing)
     columns_[missing].append_nulls(staged_count_);
+  ColumnPlan timestamp;
+  timestamp.kind = ColumnKind::timestamp;
+  timestamp.offset = offset_of(kCountersBlockLayout, "timestamp");
+  for (const auto time : {query_.place_of(ExtraColumn::time), query_.place_of(std::size_t{0})})
+    if (time) columns_[*time].append(timestamp, staged_.data(), size, staged_count_);
+  if (const auto set = query_.place_of(std::size_t{1}))
+    for (std::size_t i = 0; i < staged_count_; ++i)
+      columns_[*set].append_value(std::uint32_t{0});
   staged_.clear();
   staged_count_ = 0;
   staged_binding_.reset();

@@ -34,9 +34,10 @@ struct Binding {
   bool is_asked_for = false;
   std::vector<ColumnPlan> plans;
   std::vector<Bound> bound;
-  std::vector<std::size_t> missing;          // columns of the result that these records do not have
-  std::uint64_t reach = 0;                   // bytes that a record must have at hand
-  std::uint32_t rows = 1;                    // of a counters block
+  std::vector<std::size_t> missing;  // columns of the result that these records do not have
+  std::uint64_t reach = 0;           // bytes that a record must have at hand
+  std::uint32_t rows = 1;            // of a counters block
+  std::size_t staged_bytes = 0;      // of a counters block of one row what its columns need; 0: too long
   std::optional<std::uint64_t> time_offset;  // of an event's time
 };
 
@@ -73,7 +74,7 @@ class TableDecoder final : private ScanVisitor {
   void drain_events();
   void drain_counters();
   void drain_metrics();
-  bool stage_counters(const CountersBlock& block, const std::shared_ptr<const Binding>& binding);
+  void stage_counters(const CountersBlock& block, const std::shared_ptr<const Binding>& binding);
   void flush_staged();
 
   bool is_in_range(std::uint64_t time) const {
@@ -92,6 +93,9 @@ class TableDecoder final : private ScanVisitor {
   const Dataset& dataset_;
   const ResolvedQuery& query_;
   std::size_t most_batch_rows_;
+  std::uint64_t table_row_bytes_;  // roughly, in a file
+  bool has_extras_;                // columns that the table itself does not have
+  bool needs_source_;
   std::size_t batch_rows_ = 0;  // of the batch at hand
 
   std::map<std::string, std::unique_ptr<TypeCache>> caches_;  // by schema folder
@@ -112,6 +116,8 @@ class TableDecoder final : private ScanVisitor {
   std::vector<Column> columns_;
   std::size_t rows_ = 0;
   std::size_t last_rows_ = 0;
+  std::size_t expected_rows_ = 0;             // of the next batch, if it is not full before
+  std::vector<std::size_t> last_text_bytes_;  // of each column, per batch
   std::uint64_t pages_passed_over_ = 0;
 
   // The block whose rows are being added.
