@@ -12,6 +12,9 @@
 namespace qvx::columns {
 namespace {
 
+// Beside the texts: an offset and an index.
+constexpr std::size_t kBytesOfLabel = 8;
+
 const ColumnType kDictionaryText{"", ColumnKind::text, 0, {}, {}};
 
 // The inner loop of everything: one value of each record, in the order of this processor's bytes.
@@ -41,8 +44,33 @@ void gather(Buffer& to, const std::byte* from, std::size_t stride, std::size_t c
 }
 
 void set_bits(std::byte* bits, std::size_t first, std::size_t count) {
-  for (std::size_t i = first; i < first + count; ++i)
-    bits[i / 8] |= std::byte{1} << (i % 8);
+  const std::size_t end = first + count;
+  for (; first < end && first % 8 != 0; ++first)
+    bits[first / 8] |= std::byte{1} << (first % 8);
+  for (; end - first >= 8; first += 8)
+    bits[first / 8] = std::byte{0xFF};
+  for (; first < end; ++first)
+    bits[first / 8] |= std::byte{1} << (first % 8);
+}
+
+bool has_bit(const std::byte* bits, std::size_t at) {
+  return (bits[at / 8] >> (at % 8) & std::byte{1}) != std::byte{0};
+}
+
+// Adds the last bytes of a buffer so many times more.
+void repeat_bytes(Buffer& buffer, std::size_t size, std::size_t times) {
+  if (size == 0 || times == 0) return;
+  std::byte* out = buffer.extend(size * times);
+  const std::byte* const from = out - size;
+  // What was copied is copied with the rest.
+  for (std::size_t done = size, left = size * times; left > 0;) {
+    const std::size_t some = std::min(done, left);
+    std::memcpy(out, from, some);
+    out += some;
+    left -= some;
+    done += some;
+  }
+  buffer.commit(size * times);
 }
 
 std::size_t bit_bytes(std::size_t bits) {
@@ -70,6 +98,10 @@ void Column::reserve(std::size_t rows, std::size_t text_bytes) {
       if (text_bytes > 0) text_.reserve(text_bytes);
       return values_.reserve((rows + 1) * sizeof(std::int32_t));
     case ColumnKind::labels:
+      if (text_bytes > 0) {
+        label_names().reserve(text_bytes / kBytesOfLabel, text_bytes);
+        label_values().reserve(text_bytes / kBytesOfLabel);
+      }
       return values_.reserve((rows + 1) * sizeof(std::int32_t));
     case ColumnKind::record:
       for (Column& child : children_)
@@ -139,7 +171,7 @@ void Column::count_rows(std::size_t count) {
 std::size_t Column::text_bytes() const {
   std::size_t bytes = text_.size();
   for (const Column& child : children_)
-    bytes += child.text_bytes() + (type_->kind == ColumnKind::labels ? child.rows_ * 8 : 0);
+    bytes += child.text_bytes() + (type_->kind == ColumnKind::labels ? child.rows_ * kBytesOfLabel : 0);
   return bytes;
 }
 
@@ -284,6 +316,51 @@ void Column::end_labels() {
   children_[0].rows_ = children_[0].children_[0].rows_;
   values_.push(static_cast<std::int32_t>(children_[0].rows_));
   count_rows(1);
+}
+
+void Column::repeat(std::size_t rows, std::size_t times) {
+  if (type_->kind == ColumnKind::dictionary) {
+    repeat_bytes(values_, rows * sizeof(std::int32_t), times);
+    return count_repeated(rows, times);
+  }
+  const std::size_t size = offset_of_row(rows_) - offset_of_row(rows_ - rows);
+  if (type_->kind == ColumnKind::text) {
+    repeat_bytes(text_, size, times);
+  } else {
+    Column& entries = children_[0];
+    for (Column& part : entries.children_)
+      part.repeat(size, times);
+    entries.rows_ += size * times;
+  }
+  std::byte* const offsets = values_.extend(rows * times * sizeof(std::int32_t));
+  for (std::size_t i = 0; i < rows * times; ++i) {
+    std::byte* const to = offsets + i * sizeof(std::int32_t);
+    std::int32_t offset = 0;
+    std::memcpy(&offset, to - rows * sizeof offset, sizeof offset);
+    offset += static_cast<std::int32_t>(size);
+    std::memcpy(to, &offset, sizeof offset);
+  }
+  values_.commit(rows * times * sizeof(std::int32_t));
+  count_repeated(rows, times);
+}
+
+// Where a row of texts or labels begins.
+std::size_t Column::offset_of_row(std::size_t row) const {
+  std::int32_t offset = 0;
+  std::memcpy(&offset, values_.data() + row * sizeof offset, sizeof offset);
+  return static_cast<std::size_t>(offset);
+}
+
+void Column::count_repeated(std::size_t rows, std::size_t times) {
+  if (nulls_ == 0) return count_rows(rows * times);
+  extend_bits(validity_, rows_ + rows * times);
+  for (const std::size_t end = rows_ + rows * times; rows_ < end; ++rows_) {
+    if (has_bit(validity_.data(), rows_ - rows)) {
+      set_bits(validity_.data(), rows_, 1);
+    } else {
+      ++nulls_;
+    }
+  }
 }
 
 namespace {

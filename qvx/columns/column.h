@@ -37,7 +37,7 @@ class Column {
   // Bytes of texts and labels, which unlike everything else do not follow from the number of rows.
   std::size_t text_bytes() const;
 
-  // Makes room for so many rows, and for so many bytes of text if it is one of texts.
+  // Makes room for so many rows, and for so many bytes, as text_bytes() counts them, of texts and labels.
   void reserve(std::size_t rows, std::size_t text_bytes = 0);
 
   // Reads one value from each of `count` records that lie `stride` bytes apart. The plan is one of a type
@@ -50,11 +50,17 @@ class Column {
     values_.push(value);
     count_rows(1);
   }
+  template <typename T>
+  void append_values(std::span<const T> values) {
+    values_.append({reinterpret_cast<const char*>(values.data()), values.size_bytes()});
+    count_rows(values.size());
+  }
   void append_text(std::string_view utf8);
   void append_null() { append_nulls(1); }
   void append_nulls(std::size_t count);
 
-  // For dictionaries: the index of a text, which is added when it is new, and rows that refer to it.
+  // For dictionaries: the index of a text, which is added when it is new, and rows that refer to it. Indices
+  // may be added as values, too.
   std::int32_t index_of(std::string_view utf8);
   void append_index(std::int32_t index, std::size_t count = 1);
 
@@ -62,6 +68,9 @@ class Column {
   void end_labels();
   Column& label_names() { return children_[0].children_[0]; }
   Column& label_values() { return children_[0].children_[1]; }
+
+  // Adds the last `rows` rows so many times more. For texts, dictionaries and labels.
+  void repeat(std::size_t rows, std::size_t times);
 
   // Hands the rows over, without copying, and becomes unusable. The receiver releases them, on any thread.
   void export_to(ArrowArray* out);
@@ -78,6 +87,8 @@ class Column {
                          std::size_t count);
   void append_timestamps(const std::byte* values, std::size_t stride, std::size_t count);
   void count_rows(std::size_t count);
+  void count_repeated(std::size_t rows, std::size_t times);
+  std::size_t offset_of_row(std::size_t row) const;
   void push_offset() { values_.push(static_cast<std::int32_t>(text_.size())); }
 
   const ColumnType* type_;

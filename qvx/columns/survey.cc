@@ -14,9 +14,9 @@
 #include "qvx/columns/counters_columns.h"
 #include "qvx/columns/event_columns.h"
 #include "qvx/columns/fault_recorder.h"
-#include "qvx/columns/metrics_rows.h"
 #include "qvx/data/block.h"
 #include "qvx/scan/file_scan.h"
+#include "qvx/scan/sample_reader.h"
 
 namespace qvx::columns {
 namespace {
@@ -158,7 +158,7 @@ class Surveyor final : private ScanVisitor {
       metrics_.open(block.block);
       while (metrics_.next()) {
         rows += metrics_.samples().size();
-        times.add(metrics_.timestamp());
+        times.add(metrics_.time());
       }
     } catch (const std::runtime_error& error) {
       recorder_->add(block.place, "metrics_failed", std::string("Metrics block: ") + error.what());
@@ -247,7 +247,7 @@ class Surveyor final : private ScanVisitor {
   SourceKey source_;
   SourceKey page_source_;
   std::vector<SourceKey> sources_here_;
-  MetricsRows metrics_;
+  SampleReader metrics_{UnknownMetrics::fault};
 };
 
 void merge(Found& into, const Found& from) {

@@ -59,7 +59,8 @@ TableDecoder::TableDecoder(const Dataset& dataset, const ResolvedQuery& query)
       table_row_bytes_(bytes_of_row(query.table.columns)),
       has_extras_(std::any_of(query.sources.begin(), query.sources.end(),
                               [](const ResolvedQuery::Source& source) { return source.is_extra; })),
-      needs_source_(has_extras_ || !query.query.where.empty()) {}
+      needs_source_(has_extras_ || !query.query.where.empty()),
+      metric_patterns_(query.patterns_for("metric")) {}
 
 void TableDecoder::open(std::size_t file) {
   flush_staged();
@@ -97,6 +98,7 @@ void TableDecoder::begin_batch() {
   for (std::size_t i = 0; i < query_.columns.size(); ++i)
     columns_.emplace_back(query_.columns[i])
         .reserve(std::min(expected_rows_, batch_rows_), last_text_bytes_[i]);
+  metric_indices_.clear();  // those of the columns before
   rows_ = 0;
   last_rows_ = 0;
 }

@@ -8,16 +8,15 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "qvx/columns/arrow_c.h"
 #include "qvx/columns/column.h"
 #include "qvx/columns/dataset.h"
 #include "qvx/columns/fault_recorder.h"
-#include "qvx/columns/metrics_rows.h"
 #include "qvx/columns/query.h"
 #include "qvx/scan/file_scan.h"
+#include "qvx/scan/sample_reader.h"
 
 namespace qvx::columns {
 
@@ -86,7 +85,12 @@ class TableDecoder final : private ScanVisitor {
   void add_times(std::size_t column, std::uint64_t time, std::size_t count);
   void add_constant(ExtraColumn column, std::string_view text, std::size_t count);
   void choose_source(const Place& place);
-  bool add_labels(Column& column);
+  bool next_metrics_batch();
+  bool is_selected(std::size_t metric);
+  bool add_samples(const metrics::MetricSamples& samples);
+  std::size_t add_labels(Column& column, std::size_t count, bool& are_utf8);
+  void add_metrics(Column& column, const metrics::MetricSamples& samples);
+  void metrics_fault(const char* words);
   void begin_batch();
   void fault(const Place& place, FaultKind kind, const std::string& words);
 
@@ -96,7 +100,8 @@ class TableDecoder final : private ScanVisitor {
   std::uint64_t table_row_bytes_;  // roughly, in a file
   bool has_extras_;                // columns that the table itself does not have
   bool needs_source_;
-  std::size_t batch_rows_ = 0;  // of the batch at hand
+  const std::vector<std::string>* metric_patterns_;  // null: all metrics
+  std::size_t batch_rows_ = 0;                       // of the batch at hand
 
   std::map<std::string, std::unique_ptr<TypeCache>> caches_;  // by schema folder
   const FileInfo* file_ = nullptr;
@@ -111,7 +116,6 @@ class TableDecoder final : private ScanVisitor {
   std::string_view source_id_;
   std::string_view source_tag_;
   bool is_source_selected_ = true;
-  std::unordered_map<std::string, bool> selected_metrics_;
 
   std::vector<Column> columns_;
   std::size_t rows_ = 0;
@@ -126,10 +130,16 @@ class TableDecoder final : private ScanVisitor {
   const Binding* binding_ = nullptr;  // kept with the schema of the block
   std::size_t next_row_ = 0;
   std::size_t end_row_ = 0;
-  MetricsRows metrics_;
+  SampleReader metrics_{UnknownMetrics::fault};
   bool has_metrics_ = false;
   bool has_samples_ = false;
   std::size_t next_sample_ = 0;
+  // Of each metric that the blocks at hand name, when it is known: whether the conditions select it, and its
+  // index in the column of metrics.
+  std::vector<std::optional<bool>> selected_metrics_;
+  std::vector<std::int32_t> metric_indices_;
+  std::vector<std::int32_t> sample_indices_;
+  std::vector<double> sample_values_;
 
   // Counters blocks are copied side by side and become columns together.
   Buffer staged_;

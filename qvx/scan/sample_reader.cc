@@ -16,6 +16,7 @@ using metrics::up_to_nul;
 void SampleReader::open(Bytes block) {
   offset_ = 0;
   section_ = {};
+  tables_repeat_ = false;
   const std::uint32_t size = metrics::QvxMetricsParser::total_size(block.data(), block.data() + block.size());
   block = block.first(std::min<std::size_t>(size, block.size()));
   tables_repeat_ = tables_.repeat_in(block, section_);
@@ -89,7 +90,8 @@ void SampleReader::make_labels() {
   batch_.labels.clear();
   const metrics::MetricsBlockTables& tables = tables_.tables();
   const metrics::StringTable* const names = tables.label_names.find(decoded_.label_set_id);
-  if (names == nullptr) return;
+  has_labels_ = names != nullptr;
+  if (!has_labels_) return;
   own_labels_.clear();
   metrics::set_labels(*names, metrics::decode_label_values(decoded_.label_values, tables.label_values),
                       own_labels_);
@@ -101,9 +103,9 @@ void SampleReader::make_labels() {
     if (!tables.constant_labels.contains(name)) batch_.labels.push_back({up_to_nul(name), up_to_nul(value)});
 }
 
-// Samples of metrics that the block does not name are given out all the same.
 void SampleReader::check_sample_ids() const {
   if (decoded_.samples.ids_are_below(names_.size())) return;
+  if (unknown_ == UnknownMetrics::fault) throw std::runtime_error("invalid metric id");
   for (const metrics::MetricSample sample : decoded_.samples) {
     if (sample.sample_id < names_.size()) continue;
     QVX_LOG(QVX_LOG_ERROR, "[qvx metrics parser] invalid metric id: %u, total metric names size: %zu",

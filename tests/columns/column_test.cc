@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -47,6 +48,44 @@ TEST(ColumnTest, ValuesThatFollowNullsAreNotNull) {
                                                       "null", "null", "null", "null", "1", "2", "3"}));
 }
 
+TEST(ColumnTest, ManyRecordsAreReadLikeFew) {
+  const ColumnType type{"v", ColumnKind::u16, 0, {}, {}};
+  std::vector<std::byte> records;
+  for (std::uint16_t value = 0; value < 50; ++value)
+    records.insert(records.end(), {std::byte{0xEE}, static_cast<std::byte>(value), std::byte{1}});
+  ColumnPlan plan = plan_of(ColumnKind::u16);
+  plan.offset = 1;
+  for (std::size_t piece = 1; piece <= 9; ++piece) {
+    Column column(type);
+    for (std::size_t at = 0; at < 50; at += piece)
+      column.append(plan, records.data() + 3 * at, 3, std::min<std::size_t>(piece, 50 - at));
+    std::vector<std::string> expected;
+    for (int value = 256; value < 306; ++value)
+      expected.push_back(std::to_string(value));
+    EXPECT_EQ(values(column), expected) << piece;
+  }
+}
+
+TEST(ColumnTest, TextsOfEveryLengthEndBeforeWhatIsNotPrintable) {
+  for (std::uint32_t size = 1; size <= 40; ++size) {
+    const ColumnType type{"v", ColumnKind::text, size, {}, {}};
+    ColumnPlan plan = plan_of(ColumnKind::text);
+    plan.count = size;
+    std::string records;
+    std::vector<std::string> expected;
+    for (std::size_t length = 0; length <= size; ++length) {
+      const std::string text(length, static_cast<char>('a' + length % 26));
+      std::string record = text + std::string(size - length, 'z');
+      if (length < size) record[length] = "\0\x1F\x7F\x80\xFF"[length % 5];
+      records += record;
+      expected.push_back('"' + text + '"');
+    }
+    Column column(type);
+    column.append(plan, as_bytes(records).data(), size, size + 1);
+    EXPECT_EQ(values(column), expected) << size;
+  }
+}
+
 TEST(ColumnTest, BooleansKeepTheirPlacesAcrossBytesAndPieces) {
   const ColumnType type{"v", ColumnKind::boolean, 0, {}, {}};
   Column column(type);
@@ -68,6 +107,38 @@ TEST(ColumnTest, DictionaryStoresEachTextOnce) {
   column.append_index(column.index_of("a"));
   EXPECT_EQ(column.text_bytes(), 1u);
   EXPECT_EQ(values(column), (std::vector<std::string>{R"("a")", R"("a")", "null", R"("")", R"("a")"}));
+}
+
+TEST(ColumnTest, TextsAndNullsAreRepeated) {
+  const ColumnType type{"v", ColumnKind::text, 0, {}, {}};
+  Column column(type);
+  column.append_text("first");
+  column.append_text("a");
+  column.append_null();
+  column.append_text("bc");
+  column.repeat(3, 2);
+  column.repeat(1, 1);
+  column.repeat(2, 0);
+  EXPECT_EQ(values(column),
+            (std::vector<std::string>{R"("first")", R"("a")", "null", R"("bc")", R"("a")", "null", R"("bc")",
+                                      R"("a")", "null", R"("bc")", R"("bc")"}));
+}
+
+TEST(ColumnTest, IndicesAreRepeated) {
+  const ColumnType type{"v", ColumnKind::dictionary, 0, {}, {}};
+  Column column(type);
+  column.append_index(column.index_of("a"));
+  column.append_index(column.index_of("b"));
+  column.repeat(2, 1);
+  column.append_null();
+  column.repeat(1, 9);
+  column.repeat(3, 1);
+  const std::vector<std::int32_t> indices{1, 0};
+  column.append_values<std::int32_t>(indices);
+  std::vector<std::string> expected{R"("a")", R"("b")", R"("a")", R"("b")"};
+  expected.insert(expected.end(), 13, "null");
+  expected.insert(expected.end(), {R"("b")", R"("a")"});
+  EXPECT_EQ(values(column), expected);
 }
 
 TEST(ColumnTest, ListsAndRecordsOfNothingHaveNulls) {

@@ -133,6 +133,81 @@ TEST_F(TableStreamTest, MetricsHaveARowForEachSample) {
             (std::vector<std::string>{R"({"value":-1})", R"({"value":1.5})"}));
 }
 
+// Blocks that repeat the tables of the one before and others, labels that are the batch's, all's, nobody's
+// and no UTF-8; samples that a condition selects here and there.
+TEST_F(TableStreamTest, MetricsAreTheSameRowsInBatchesOfEverySize) {
+  const std::vector<std::pair<std::uint16_t, std::uint64_t>> samples{{0, 1}, {1, 2}, {2, 3}, {0, 4}, {3, 5}};
+  test::TestBlock first;
+  first.constant_labels = test::constant_labels({"site", "north"});
+  first.records = {test::record({.samples = samples, .labels = test::labels_l(0, {1})}),
+                   test::record({.kind = 'G', .samples = {{3, 6}}, .labels = test::labels_l(7, {1})}),
+                   test::record({.samples = samples, .labels = test::labels_i(0, {"\xFF"})})};
+  test::TestBlock second = first;
+  second.metric_names = test::metric_names({"tx", "rx", "q\xC3\xA4", "drop"});
+  const std::string path = files_.write(
+      "a.bin", {first.bytes(), first.bytes(), second.bytes(), first.bytes()}, files_.header(1024));
+  const std::vector<std::string> expected = rows({path}, {.table = "metrics"});
+  ASSERT_EQ(expected.size(), 44u);
+  const std::string time = R"({"timestamp":)" + std::to_string(test::kBatchTime);
+  EXPECT_EQ(
+      expected[1],
+      time +
+          R"(,"metric":"tx","kind":"counter","labels":[{"site":"north"},{"host":"node8"}],"value":2,"value_u64":2,"value_i64":null})");
+  EXPECT_EQ(
+      expected[5],
+      time + R"(,"metric":"drop","kind":"gauge","labels":null,"value":6,"value_u64":6,"value_i64":null})");
+  EXPECT_EQ(
+      expected[10],
+      time +
+          R"(,"metric":"drop","kind":"counter","labels":[{"site":"north"},{"host":null}],"value":5,"value_u64":5,"value_i64":null})");
+  EXPECT_EQ(expected[11], expected[0]);
+  EXPECT_EQ(
+      expected[24],
+      time +
+          R"(,"metric":"q)"
+          "\xC3\xA4"
+          R"(","kind":"counter","labels":[{"site":"north"},{"host":"node8"}],"value":3,"value_u64":3,"value_i64":null})");
+  std::vector<std::string> selected;
+  for (const std::string& row : expected)
+    if (row.find(R"("metric":"rx")") != row.npos) selected.push_back(row);
+  EXPECT_EQ(selected.size(), 14u);
+  for (const std::size_t batch : {1, 2, 3, 7, 100}) {
+    EXPECT_EQ(rows({path}, {.table = "metrics", .batch_rows = batch}), expected) << batch;
+    EXPECT_EQ(rows({path}, {.table = "metrics", .where = {{"metric", {"rx"}}}, .batch_rows = batch}),
+              selected)
+        << batch;
+  }
+  const auto data = open({path});
+  read(data, {.table = "metrics"});
+  ASSERT_EQ(data->faults().list().size(), 4u);
+  EXPECT_EQ(data->faults().list()[0].words, "Metrics block: a label value is not UTF-8");
+}
+
+// 200 labels with names of 250 bytes: 51,600 bytes a row, of which 64 MiB are more than 1,300.
+TEST_F(TableStreamTest, BatchEndsWhereItsLabelsBecomeTooLong) {
+  std::vector<std::string> names;
+  for (int i = 0; i < 200; ++i)
+    names.push_back(std::to_string(100 + i) + std::string(247, 'n'));
+  test::TestBlock block;
+  block.label_name_sets = test::label_names(names);
+  block.blocksize = 100000;
+  block.records = {
+      test::record({.samples = std::vector<std::pair<std::uint16_t, std::uint64_t>>(2000, {1, 7}),
+                    .labels = test::labels_l(0, std::vector<std::uint8_t>(200, 0))})};
+  const auto data = open({files_.write("a.bin", {block.bytes()}, files_.header(131072))});
+  TableStream stream(data, resolve(*data, {.table = "metrics", .columns = {"labels", "value"}}));
+  std::vector<std::int64_t> sizes;
+  ArrowArray batch{};
+  while (stream.next(&batch)) {
+    sizes.push_back(batch.length);
+    EXPECT_EQ(batch.children[1]->length, batch.length);
+    const auto* const values = static_cast<const double*>(batch.children[1]->buffers[1]);
+    EXPECT_EQ(values[batch.length - 1], 7.0);
+    batch.release(&batch);
+  }
+  EXPECT_EQ(sizes, (std::vector<std::int64_t>{1301, 699}));
+}
+
 TEST_F(TableStreamTest, GoodBatchesBeforeAFaultyOneAreRowsAndTheFaultIsTold) {
   test::TestBlock block;
   block.records = {test::record({}), test::record({.samples = {{9, 1}}})};
