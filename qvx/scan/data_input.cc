@@ -90,10 +90,11 @@ std::size_t DataInput::read(std::span<std::byte> to) {
 
 std::optional<Bytes> DataInput::view(std::size_t size) {
   if (form_ != Form::plain || size > kBufferSize) return std::nullopt;
-  // Whole pieces are read ahead, so that none has to be moved.
-  const std::size_t ahead = kBufferSize / size * size;
-  while (buffered_.size() < size && !file_ended_ && fault_.empty())
+  while (buffered_.size() < size && !file_ended_ && fault_.empty()) {
+    // Whole pieces are read ahead, so that none has to be moved.
+    const std::size_t ahead = kBufferSize / size * size;
     fill_buffer(ahead - buffered_.size());
+  }
   at_end_ = at_end_ || (file_ended_ && buffered_.size() < size);
   const Bytes taken = take(std::min(size, buffered_.size()));
   position_ += taken.size();

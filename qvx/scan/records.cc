@@ -246,8 +246,8 @@ const RecordType& RecordTypes::of_events(LoadedSchema& schema, std::size_t type_
 
 const RecordType& RecordTypes::of_counters(LoadedSchema& schema) {
   RecordTypes& types = of(schema);
-  if (types.types_.empty()) types.make_counters(*schema.counters);
-  return *types.types_.at(nullptr);
+  if (types.counters_ == nullptr) types.make_counters(*schema.counters);
+  return *types.counters_;
 }
 
 // With the types of its nested records. The type is known before its fields are, as it may contain itself.
@@ -324,7 +324,7 @@ void RecordTypes::make_counters(const qvx_counters_schema& schema) {
     }
   }
   bytes_ += record->bytes();
-  types_.emplace(nullptr, std::move(record));
+  counters_ = std::move(record);
 }
 
 const RecordType& RecordTypes::of_samples(std::uint8_t value_type) {

@@ -438,7 +438,8 @@ class RecordTypes final : public SchemaNotes {
   Field make_field(const qvx_field_definition& field);
   void make_counters(const qvx_counters_schema& schema);
 
-  std::map<const qvx_type_definition*, std::unique_ptr<RecordType>> types_;  // null: of the counters
+  std::map<const qvx_type_definition*, std::unique_ptr<RecordType>> types_;
+  std::unique_ptr<RecordType> counters_;
   std::size_t bytes_ = 0;
 };
 
