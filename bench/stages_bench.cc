@@ -8,6 +8,7 @@
 #include <zlib.h>
 
 #include <cstdlib>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -287,6 +288,12 @@ BENCHMARK(typed_metrics)->Name("typed records/metrics");
 template <typename Sum, typename T>
 Sum sum_of(const qvx::ArrayView<T>& values) {
   Sum sum = 0;
+  // Where they lie as an array does, the compiler adds several at once.
+  if (const std::optional<std::span<const T>> array = values.span()) {
+    for (const T value : *array)
+      sum += value;
+    return sum;
+  }
   for (const T value : values)
     sum += value;
   return sum;
