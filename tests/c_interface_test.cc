@@ -2,11 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "qvx/columns/arrow_c.h"
 #include "qvx/qvx.h"
+#include "tests/data/sample_builder.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -117,6 +120,114 @@ TEST(CInterface, NamesMetricsAndLabels) {
   EXPECT_EQ(std::string(text, length), "net_received_bytes");
   EXPECT_EQ(qvx_record_label(record, "no such label", &text, &length), 0);
   EXPECT_STREQ(qvx_library_version(), "1.22.1");
+}
+
+// A field of each type, in the order of the sizes below, and a record of it.
+class CInterfaceTypes : public testing::Test {
+ protected:
+  CInterfaceTypes() {
+    struct Row {
+      const char* type;
+      std::size_t size;
+    };
+    constexpr Row kRows[] = {{"bool", 1},    {"uint8_t", 1},  {"int8_t", 1}, {"uint16_t", 2},
+                             {"int16_t", 2}, {"uint32_t", 4}, {"int", 4},    {"uint64_t", 8},
+                             {"int64_t", 8}, {"float", 4},    {"double", 8}, {"char", 1},
+                             {"inner", 1}};
+    std::string fields;
+    std::size_t offset = 0;
+    for (const auto& [type, size] : kRows) {
+      const bool is_text = std::string_view(type) == "char";
+      fields += std::string(fields.empty() ? "" : ",") + R"({"field_name": "f_)" + type +
+                R"(", "description": "", "counting_mode": "ABSOLUTE", "type_name": ")" + type +
+                R"(", "offset": )" + std::to_string(offset) + R"(, "type_size": )" + std::to_string(size) +
+                (is_text ? R"(, "array_length": 4)" : "") + "}";
+      offset += is_text ? 4 : size;
+    }
+    const std::string inner =
+        R"({"name": "inner", "size": 1, "fields": [{"field_name": "x", "description": "",)"
+        R"( "counting_mode": "ABSOLUTE", "type_name": "uint8_t", "offset": 0, "type_size": 1}]})";
+    const qvx_schema_id id = qvx::test::id_of_byte(0xE1);
+    temp_.write_file(qvx::test::schema_file_name(id),
+                     R"({"title": "Quorvex schema", "qvx_version": "1.5.0", "provider_name": "p",)"
+                     R"( "provider_version": "1.0.0", "types": [)" +
+                         inner + R"(, {"name": "every", "size": )" + std::to_string(offset) +
+                         R"(, "fields": [)" + fields + "]}]}");
+    using qvx::test::le;
+    const std::string record = le(std::uint8_t{1}) + le(std::uint8_t{200}) + le(std::int8_t{-5}) +
+                               le(std::uint16_t{60000}) + le(std::int16_t{-6}) +
+                               le(std::uint32_t{4000000000}) + le(std::int32_t{-7}) +
+                               le(std::uint64_t{1} << 63) + le(std::int64_t{-9007199254740993}) + le(0.5F) +
+                               le(2.5) + "text" + le(std::uint8_t{9});
+    qvx::test::FileHeader header;
+    header.event_schema_ids = {id};
+    path_ = temp_.write_file(
+        "a.bin", qvx::test::sample_file(
+                     header, {qvx::test::events_block({.timestamp = 77, .type_index = 1}, {record})}));
+  }
+
+  qvx::test::TempDir temp_;
+  std::string path_;
+};
+
+TEST_F(CInterfaceTypes, FieldsNameTheirTypes) {
+  const Reader reader(qvx_reader_create(temp_.path().c_str()));
+  ASSERT_EQ(qvx_reader_open(reader.get(), path_.c_str()), 1);
+  const qvx_table* const table = qvx_reader_table(reader.get(), 1);
+  EXPECT_STREQ(qvx_table_name(table), "every");
+  EXPECT_EQ(qvx_table_kind_of(table), QVX_EVENT);
+  std::string types;
+  for (std::size_t i = 0; i < qvx_table_field_count(table); ++i)
+    types += std::string(qvx_table_field_name(table, i)) + " " + qvx_table_field_type(table, i) + "\n";
+  EXPECT_EQ(
+      types,
+      "f_bool bool\nf_uint8_t u8\nf_int8_t i8\nf_uint16_t u16\nf_int16_t i16\nf_uint32_t u32\nf_int i32\n"
+      "f_uint64_t u64\nf_int64_t i64\nf_float f32\nf_double f64\nf_char text\nf_inner record\n");
+}
+
+TEST_F(CInterfaceTypes, ValuesOfEveryTypeComeAsTheTypesThatHoldThem) {
+  const Reader reader(qvx_reader_create(temp_.path().c_str()));
+  ASSERT_EQ(qvx_reader_open(reader.get(), path_.c_str()), 1);
+  const qvx_record* const record = qvx_reader_next(reader.get());
+  ASSERT_NE(record, nullptr);
+  EXPECT_EQ(qvx_record_time(record), 77u);
+  std::string numbers;
+  for (const char* const type : {"bool", "uint8_t", "int8_t", "uint16_t", "int16_t", "uint32_t", "int",
+                                 "uint64_t", "int64_t", "float", "double", "char"}) {
+    const FieldPtr of = field((std::string("f_") + type).c_str());
+    std::uint64_t whole = 0;
+    std::int64_t with_sign = 0;
+    double fraction = 0;
+    numbers += type;
+    if (qvx_record_u64(record, of.get(), 0, &whole) != 0) numbers += " " + std::to_string(whole);
+    if (qvx_record_i64(record, of.get(), 0, &with_sign) != 0) numbers += " " + std::to_string(with_sign);
+    if (qvx_record_double(record, of.get(), 0, &fraction) != 0) numbers += " " + std::to_string(fraction);
+    numbers += "\n";
+  }
+  EXPECT_EQ(
+      numbers,
+      "bool 1 1 1.000000\nuint8_t 200 200 200.000000\nint8_t -5 -5.000000\nuint16_t 60000 60000 "
+      "60000.000000\n"
+      "int16_t -6 -6.000000\nuint32_t 4000000000 4000000000 4000000000.000000\nint -7 -7.000000\n"
+      "uint64_t 9223372036854775808\nint64_t -9007199254740993\nfloat 0.500000\ndouble 2.500000\nchar\n");
+  const FieldPtr text_field = field("f_char");
+  const char* text = nullptr;
+  std::size_t length = 0;
+  EXPECT_EQ(qvx_record_text(record, text_field.get(), 0, &text, &length), 1);
+  EXPECT_EQ(std::string(text, length), "text");
+  EXPECT_EQ(qvx_record_text(record, text_field.get(), 1, &text, &length), 0);
+}
+
+TEST(CInterface, TellsCountersFromSamples) {
+  const Reader reader = make_reader();
+  ASSERT_EQ(qvx_reader_open(reader.get(), (kData + "counters.bin").c_str()), 1);
+  const qvx_record* const record = qvx_reader_next(reader.get());
+  ASSERT_NE(record, nullptr);
+  EXPECT_EQ(qvx_table_kind_of(qvx_record_table(record)), QVX_COUNTERS);
+  EXPECT_EQ(qvx_record_time(record), 1700000000000000u);
+  const char* text = nullptr;
+  std::size_t length = 0;
+  EXPECT_EQ(qvx_record_metric(record, &text, &length), 0);
 }
 
 TEST(CInterface, HandsATableOverAsAnArrowStream) {

@@ -186,6 +186,24 @@ TEST_F(TakenNames, FileSystemWithoutNamelessFilesIsWritten) {
   EXPECT_EQ(std::distance(fs::directory_iterator(folder()), {}), 2) << "no draft is left";
 }
 
+TEST_F(TakenNames, DraftsOfInterruptedProgramsAreLeftAloneUpToAHundred) {
+  const FaultyCalls none(Call::open_nameless, EOPNOTSUPP);
+  const auto draft = [&](int number) {
+    return "2023/1114/node1/.qvx-" + std::to_string(getpid()) + "-" + std::to_string(number) + ".new";
+  };
+  for (int number = 0; number < 99; ++number)
+    temp_.write_file(draft(number), "old");
+  ASSERT_TRUE(write({.data = std::string(kFirst)}));
+  EXPECT_EQ(read_file(path_).substr(256), kFirst);
+  EXPECT_EQ(read_file(temp_.file(draft(98))), "old");
+  EXPECT_FALSE(fs::exists(temp_.file(draft(99))));
+  temp_.write_file(draft(99), "old");
+  forget_sources();
+  fs::remove(path_);
+  EXPECT_FALSE(write({.data = std::string(kFirst)}));
+  EXPECT_FALSE(fs::exists(path_));
+}
+
 TEST_F(TakenNames, FileSystemWithoutNamelessFilesAndLinksIsWritten) {
   for (const int error : {EPERM, EINVAL, ENOSYS, EOPNOTSUPP}) {
     fs::remove_all(temp_.path() / "2023");

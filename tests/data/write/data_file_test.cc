@@ -292,6 +292,15 @@ TEST_F(DataFile, ExistingFileIsAppendedTo) {
   EXPECT_EQ(read_file(path_), before + "0123456789abcdef");
 }
 
+TEST_F(DataFile, FileThatWasMadeIsAnExistingOneOnceItIsClosed) {
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  EXPECT_TRUE(file_.newly_created);
+  data_file_close(file_);
+  EXPECT_FALSE(file_.newly_created);
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  EXPECT_FALSE(file_.newly_created);
+}
+
 TEST_F(DataFile, RestOfAnInterruptedAppendIsRemoved) {
   const std::string whole = test::sample_file({.block_size = 16}, {"old block"});
   temp_.write_file("2023/1114/node1/1700000000000000.bin", whole + "hal");
