@@ -308,6 +308,17 @@ TEST_F(CountersBlockTest, BlockHasAtMostAsManyValuesAsItsTablesShow) {
   }
 }
 
+TEST_F(CountersBlockTest, OneTextInManySetsIsRepeatedUpTo256MiB) {
+  constexpr std::uint32_t kLength = 1 << 18;
+  const RecordBytes bytes = block().add_text(std::string(kLength, 'x'), kLength);
+  const auto text_of = [&](std::uint32_t sets) {
+    const CountersSchemaPtr schema = make_schema({make_group(1, sets, {{"s", QVX_COUNTER_STRING, kLength}})});
+    return qvx_counters_block_to_json(bytes.bytes(), schema.get(), json::Style::compact);
+  };
+  EXPECT_TRUE(text_of(3));
+  EXPECT_FALSE(text_of(1024));
+}
+
 TEST_F(CountersBlockTest, ManySetsOfManyCountersHaveCompactAndPrettyText) {
   qvx_counter_group* const group = make_group(1, 512, {});
   RecordBytes bytes = block();

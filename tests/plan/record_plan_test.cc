@@ -372,6 +372,13 @@ TEST_F(RecordPlanLimitTest, FiveHundredLevelsHaveATextAndOneMoreHasNone) {
   // An array of records is a level of its own in JSON, where it has brackets; in a field set it has none.
   EXPECT_EQ(forms(*around(*level, 2)), (Outcome{false, false, true}));
   EXPECT_EQ(forms(*around(*around(*level, 1), 2)), kNone);
+  // Nor may a record be deeper that a later field of its name hides.
+  for (const std::uint32_t array_length : {1U, 2U}) {
+    qvx_type_definition& twice = types_.make();
+    types_.add(twice, "a", *level, array_length);
+    types_.add(twice, "a", "uint8_t");
+    EXPECT_EQ(forms(twice), (Outcome{array_length == 1, array_length == 1, true}));
+  }
 }
 
 TEST_F(RecordPlanLimitTest, WidestTypeOfASchemaHasAText) {

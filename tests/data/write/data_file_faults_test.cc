@@ -157,6 +157,7 @@ TEST_F(DataFileFaults, HeaderThatDoesNotFitLeavesNoFile) {
   {
     const FileSizeLimit limit(100);
     EXPECT_FALSE(data_file_open_for(file_, kStart, kStart));
+    EXPECT_FALSE(data_file_open_for(file_, kStart, kStart));  // which says no more
   }
   EXPECT_EQ(log.texts(QVX_LOG_ERROR),
             (Texts{"[data_file] Failed writing header of the data file " + path_ + ": File too large",
