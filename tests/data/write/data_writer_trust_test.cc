@@ -13,6 +13,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "qvx/data/write/data_writer.h"
@@ -267,6 +268,7 @@ TEST(WriterTrust, HostileNamesTouchNothingOutside) {
       made += pieces[random() % pieces.size()];
     return made.substr(0, limit);
   };
+  std::set<std::pair<std::string, std::string>> told_of;  // what a source's file fails with is told once
   constexpr std::size_t kAtLeast = 400;
   for (std::size_t number = 0; number < kAtLeast || run.time_is_left(); ++number) {
     const std::string id = name(64);
@@ -274,8 +276,9 @@ TEST(WriterTrust, HostileNamesTouchNothingOutside) {
     const bool saved = data_writer_write_page(
         *writer,
         *test::make_page({.first_timestamp = kStart + number % 7, .source_id = id, .source_tag = tag}));
-    const bool told = !quiet.texts(QVX_LOG_ERROR).empty();
-    bool ok = saved || told;
+    const std::pair<std::string, std::string> source(id.c_str(), tag.c_str());  // which end at a NUL
+    if (!quiet.texts(QVX_LOG_ERROR).empty()) told_of.insert(source);
+    bool ok = saved || told_of.contains(source);
     quiet.clear();
     if (number % 100 == 99) {
       ok &= tree_of(outer.path(), root) == before;
@@ -290,6 +293,7 @@ TEST(WriterTrust, HostileNamesTouchNothingOutside) {
       fs::remove(root / "2023/1114/swapped");
       fs::remove_all(root / "2023/1114/before");
       writer = writer_below(root);
+      told_of.clear();
       quiet.clear();
     }
     EXPECT_TRUE(ok) << id << " | " << tag;
