@@ -1,14 +1,21 @@
 // Shared-memory pages whose processes die, start at once, or outlive one another.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "qvx/data/page_memory.h"
+#include "qvx/support/file_descriptor.h"
+#include "qvx/support/file_lock.h"
 #include "qvx/support/log.h"
 #include "tests/data/shared_object.h"
 #include "tests/support/faulty_calls.h"
@@ -74,6 +81,23 @@ TEST(SharedPageFaults, ReleaseRemovesOnlyItsOwnObject) {
   EXPECT_TRUE(name.exists());
   EXPECT_TRUE(log.has(QVX_LOG_INFO, "| --> shm_unlink(" + name.object() + ") failed"));
   EXPECT_TRUE(log.has(QVX_LOG_ERROR, "Problem freeing shared-memory page"));
+}
+
+TEST(SharedPageFaults, ObjectThatLosesItsNameBeforeItIsLockedIsNotTaken) {
+  const ObjectName name;
+  name.make(4096);
+  const FileDescriptor object(shm_open(name.object().c_str(), O_RDWR, 0));
+  std::optional<FileLock> lock(std::in_place, object.get());
+  ASSERT_TRUE(*lock);
+  PagePtr page;
+  std::thread opener([&] { page = name.allocate(); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));  // by then it waits for the lock
+  shm_unlink(name.object().c_str());
+  lock.reset();
+  opener.join();
+  ASSERT_NE(page, nullptr);
+  EXPECT_EQ(page_creator(*page), getpid());
+  EXPECT_TRUE(name.exists());
 }
 
 TEST(SharedPageFaults, KilledAtAnyCallTheNextProcessGetsAPage) {
