@@ -116,7 +116,7 @@ run_tests() {
 make_tree() {
   local suite=$1 folder=$2 scripts=/usr/share/debootstrap/scripts mirror=${MIRROR:-} arguments=()
   # shellcheck disable=SC2016
-  [ -n "$mirror" ] || mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' | head -n 1)
+  [ -n "$mirror" ] || mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' | sed -n 1p)
   case $suite in
     bookworm) ;;
     noble)

@@ -15,7 +15,7 @@ done
 say "lintian"
 lintian --allow-root --fail-on error "$dist"/*.deb
 
-summaries=$(for package in "$dist"/*.deb; do dpkg-deb --field "$package" Description | head -n 1; done)
+summaries=$(for package in "$dist"/*.deb; do dpkg-deb --field "$package" Description | sed -n 1p; done)
 [ "$summaries" = "library that reads Quorvex telemetry data files (development)
 library that reads and writes Quorvex telemetry data files
 prints Quorvex telemetry data files as text" ] || fail "the summaries of the packages are: $summaries"
