@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -101,6 +102,50 @@ TEST_F(TableStreamTest, CountersHaveARowForEachSetAndNullsWhereAGroupHasFewer) {
           R"({"timestamp":1714996800000005,"set":0,"node.used":8,"node.name":null,"cpu.load":1.5})",
           R"({"timestamp":1714996800000005,"set":1,"node.used":null,"node.name":null,"cpu.load":1.5})",
           R"({"timestamp":1714996800000005,"set":2,"node.used":null,"node.name":null,"cpu.load":1.5})"}));
+}
+
+// A schema of counters of the node alone, whose blocks are a row each.
+std::string node_schema(const std::string& counters) {
+  return R"({"version":"1.5.0","counter_groups":[{"granularity":"NODE","name":"node","num_counters":1,)"
+         R"("num_counter_sets":1,"counters":[)" +
+         counters + "]}]}";
+}
+
+std::string counter_of(const std::string& name, const std::string& type) {
+  return R"({"name":")" + name + R"(","description":"","units":"","data_type":")" + type +
+         R"(","counting_type":"ABSOLUTE"})";
+}
+
+TEST_F(TableStreamTest, CountersOfOneSetAreRowsInEveryBatchSize) {
+  const std::string both = node_schema(counter_of("used", "UINT64") + "," + counter_of("heat", "INT64"));
+  const std::string one = node_schema(counter_of("used", "UINT64"));
+  files_.add_schema(both);
+  files_.add_schema(one);
+  test::FileHeader header = test::ColumnFiles::header(64);
+  std::vector<std::string> units;
+  std::vector<std::string> expected;
+  for (std::uint64_t number = 0; number < 300; ++number) {
+    const std::string n = std::to_string(number);
+    units.push_back(test::counters_block(kNoon + number,
+                                         test::le(number) + test::le(-static_cast<std::int64_t>(number))));
+    expected.push_back(R"({"timestamp":)" + std::to_string(kNoon + number) + R"(,"set":0,"node.used":)" + n +
+                       R"(,"node.heat":)" + (number == 0 ? "" : "-") + n + R"(,"_block":)" + n + "}");
+  }
+  header.counters_schema_id = test::md5_id(both);
+  const std::string first = files_.write("a.bin", units, header);
+  header.counters_schema_id = test::md5_id(one);
+  const std::string second =
+      files_.write("b.bin", {test::counters_block(kNoon + 1, test::le(std::uint64_t{5}))}, header);
+  expected.push_back(R"({"timestamp":1714996800000001,"set":0,"node.used":5,"node.heat":null,"_block":0})");
+  for (const std::size_t batch_rows : {1U, 7U, 256U, 65536U}) {
+    EXPECT_EQ(
+        rows({first, second}, {.table = "counters", .columns = {"*", "_block"}, .batch_rows = batch_rows}),
+        expected)
+        << batch_rows;
+  }
+  EXPECT_EQ(
+      rows({first}, {.table = "counters", .columns = {"node.used"}, .since = kNoon + 3, .until = kNoon + 4}),
+      (std::vector<std::string>{R"({"node.used":3})", R"({"node.used":4})"}));
 }
 
 TEST_F(TableStreamTest, CounterMetadataHasUnitsAndGranularity) {
