@@ -14,5 +14,11 @@ mkdir "$tree/qvx"
 git archive HEAD | tar -x -C "$tree/qvx"
 for command in ./scripts/demo.sh ./scripts/test.sh; do
   say "$command on $suite"
-  chroot "$tree" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 sh -c "cd /qvx && $command"
+  # The mounts are gone with the last process that sees them.
+  # shellcheck disable=SC2016
+  unshare --mount sh -ec '
+    mount -t proc proc "$0/proc"
+    mount -t devpts devpts "$0/dev/pts"
+    exec chroot "$0" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 sh -c "cd /qvx && $1"' \
+    "$tree" "$command"
 done
