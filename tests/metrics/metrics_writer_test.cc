@@ -398,7 +398,9 @@ TEST(MetricsWriter, ShortMemoryLeavesTheWriterUsable) {
     MetricsWriter writer;
     for (const bool first : {true, false}) {
       // Texts of names are kept from the second block on.
-      for (const std::string* const block : {&blocks[first], &blocks[first], &blocks[!first]}) {
+      RecordingTarget before(Format::ndjson);
+      writer.output_metrics_block(before, as_bytes(blocks[first]));
+      for (const std::string* const block : {&blocks[first], &blocks[!first]}) {
         RecordingTarget target(Format::ndjson);
         const FailingAllocations failing(successes);
         writer.output_metrics_block(target, as_bytes(*block));
