@@ -12,6 +12,13 @@ tree=$QVX_SCRATCH/tree
 make_tree "$suite" "$tree"
 mkdir "$tree/qvx"
 git archive HEAD | tar -x -C "$tree/qvx"
+environment=(PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8)
+# A network may have an authority of its own, whom this system trusts. pip asks its own list unless told.
+certificates=/etc/ssl/certs/ca-certificates.crt
+if [ -e "$certificates" ]; then
+  install -D -m 644 "$certificates" "$tree$certificates"
+  environment+=("PIP_CERT=$certificates")
+fi
 for command in ./scripts/demo.sh ./scripts/test.sh; do
   say "$command on $suite"
   # The mounts are gone with the last process that sees them.
@@ -19,6 +26,6 @@ for command in ./scripts/demo.sh ./scripts/test.sh; do
   unshare --mount sh -ec '
     mount -t proc proc "$0/proc"
     mount -t devpts devpts "$0/dev/pts"
-    exec chroot "$0" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 sh -c "cd /qvx && $1"' \
-    "$tree" "$command"
+    exec chroot "$0" env -i "$@"' \
+    "$tree" "${environment[@]}" sh -c "cd /qvx && $command"
 done
