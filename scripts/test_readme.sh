@@ -16,8 +16,8 @@ environment=(PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8)
 # A network may have an authority of its own, whom this system trusts. pip asks its own list unless told.
 certificates=/etc/ssl/certs/ca-certificates.crt
 if [ -e "$certificates" ]; then
-  install -D -m 644 "$certificates" "$tree$certificates"
-  environment+=("PIP_CERT=$certificates")
+  cp "$certificates" "$tree/root/certificates.pem"
+  environment+=(PIP_CERT=/root/certificates.pem)
 fi
 for command in ./scripts/demo.sh ./scripts/test.sh; do
   say "$command on $suite"
