@@ -1,8 +1,10 @@
 #include "qvx/support/json_text.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstdint>
+#include <cstring>
 #include <exception>
 
 #include "qvx/support/bytes.h"
@@ -28,6 +30,19 @@ constexpr Word marks_to_escape(Word word) {
   return (((word - in_every_byte(0x20)) & ~word) | ((quote - in_every_byte(1)) & ~quote) |
           ((backslash - in_every_byte(1)) & ~backslash)) &
          kHighBits;
+}
+
+// Sixteen bytes in a vector register where the processor has them.
+using Piece = unsigned char __attribute__((vector_size(16)));
+
+// Copies one piece. False when one of its bytes needs an escape.
+bool copy_piece(char* out, const char* at) {
+  Piece piece;
+  std::memcpy(&piece, at, sizeof piece);
+  std::memcpy(out, &piece, sizeof piece);
+  const auto marks = (piece < 0x20) | (piece == '"') | (piece == '\\');
+  const auto words = std::bit_cast<std::array<Word, 2>>(marks);
+  return (words[0] | words[1]) == 0;
 }
 
 // One to seven bytes, in a word whose others are zero.
@@ -169,6 +184,33 @@ std::size_t character_size(const unsigned char* at, std::size_t left) {
   return size;
 }
 
+// A word at a time, whatever has to be escaped.
+[[gnu::noinline]] char* write_words(char* out, const char* at, std::size_t left) {
+  for (;;) {
+    Word marks = 0;
+    while (left >= sizeof(Word)) {
+      const auto word = load_le<Word>(at);
+      store_le(out, word);
+      marks = marks_to_escape(word);
+      if (marks != 0) break;
+      at += sizeof(Word);
+      out += sizeof(Word);
+      left -= sizeof(Word);
+    }
+    if (marks == 0) {
+      if (left == 0) return out;
+      const Word word = load_tail(at, left);
+      store_le(out, word);
+      marks = marks_to_escape(word) & (~Word{0} >> (8 * (sizeof(Word) - left)));
+      if (marks == 0) return out + left;
+    }
+    const auto clean = static_cast<std::size_t>(std::countr_zero(marks)) / 8;
+    out = write_escape(out + clean, static_cast<unsigned char>(at[clean]));
+    at += clean + 1;
+    left -= clean + 1;
+  }
+}
+
 }  // namespace
 
 std::optional<std::string> to_text(const Value& value, Style style) noexcept {
@@ -198,29 +240,15 @@ std::optional<std::array<std::byte, 16>> pretty_text_md5(const Value& value) noe
 char* write_escaped(char* out, std::string_view text) {
   const char* at = text.data();
   std::size_t left = text.size();
-  for (;;) {
-    Word marks = 0;
-    while (left >= sizeof(Word)) {
-      const auto word = load_le<Word>(at);
-      store_le(out, word);
-      marks = marks_to_escape(word);
-      if (marks != 0) break;
-      at += sizeof(Word);
-      out += sizeof(Word);
-      left -= sizeof(Word);
-    }
-    if (marks == 0) {
-      if (left == 0) return out;
-      const Word word = load_tail(at, left);
-      store_le(out, word);
-      marks = marks_to_escape(word) & (~Word{0} >> (8 * (sizeof(Word) - left)));
-      if (marks == 0) return out + left;
-    }
-    const auto clean = static_cast<std::size_t>(std::countr_zero(marks)) / 8;
-    out = write_escape(out + clean, static_cast<unsigned char>(at[clean]));
-    at += clean + 1;
-    left -= clean + 1;
+  if (left < sizeof(Piece)) return write_words(out, at, left);
+  for (; left >= sizeof(Piece); left -= sizeof(Piece)) {
+    if (!copy_piece(out, at)) return write_words(out, at, left);
+    at += sizeof(Piece);
+    out += sizeof(Piece);
   }
+  // The last bytes once more with some of those before them.
+  const std::size_t back = sizeof(Piece) - left;
+  return copy_piece(out - back, at - back) ? out + left : write_words(out, at, left);
 }
 
 void append_quoted(std::string& out, std::string_view text) {

@@ -132,7 +132,7 @@ TEST(JsonText, StringsAreEscapedWhereTheyMustBe) {
 
 TEST(JsonText, EveryByteAtEveryPlaceIsWrittenAsByteByByte) {
   for (int byte = 0; byte < 256; ++byte) {
-    for (std::size_t size = 1; size <= 20; ++size) {
+    for (std::size_t size = 1; size <= 40; ++size) {
       for (std::size_t place = 0; place < size; ++place) {
         std::string text(size, 'x');
         text[place] = static_cast<char>(byte);
