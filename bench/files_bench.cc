@@ -8,6 +8,7 @@
 // The yardsticks run in turn with the reader and print the same bytes.
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -167,6 +168,8 @@ int run(const std::string& reader, const std::string& programs, const std::strin
     for (const auto& [pages, pages_name] : {PagesName{Pages::plain, "plain"}, PagesName{Pages::gzip, "gzip"},
                                             PagesName{Pages::snappy, "snappy"}}) {
       const DataFile file = qvx::bench::make_data_file(folder, payload, pages, data_bytes);
+      // A child's peak counts from its fork on, with what this process has.
+      malloc_trim(0);
       for (const char* const format : {"ndjson", "json", "influx", "txt"}) {
         // What a payload has no form for only prints messages.
         const std::string_view name = format;
