@@ -1,6 +1,7 @@
 // Turns what a walk over a file finds wrong, and what is logged meanwhile, into entries of a list.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -29,6 +30,22 @@ class FaultRecorder {
     for (const std::string& said : unused())
       text += (text.empty() ? "" : ": ") + said;
     list_at(place, kind, std::move(text));
+  }
+
+  // Fields may lie behind their record, so that the last records of a block lack some bytes: lists that, and
+  // gives the number of those that are whole. `reach`: bytes from the start of a record to the end of its
+  // last field.
+  std::size_t whole_records(const EventsBlock& block, std::uint64_t reach) {
+    const std::size_t size = block.type.size;
+    if (reach <= size) [[likely]]
+      return block.count;
+    const std::size_t left = block.records.size();
+    const std::size_t whole = left < reach ? 0 : 1 + (left - static_cast<std::size_t>(reach)) / size;
+    if (whole >= block.count) return block.count;
+    add(block.place, fault_kind_name(FaultKind::block_failed),
+        std::to_string(block.count - whole) + " of " + std::to_string(block.count) +
+            " records have fields outside the bytes at hand");
+    return whole;
   }
 
   // Lists what was logged and explains no fault.

@@ -106,20 +106,15 @@ class Surveyor final : private ScanVisitor {
     there_ = block.count;
     const TypeNotes::Type& type = notes_of(block);
     if (!type.has_columns) return true;
-    std::size_t count = block.count;
-    const std::size_t size = block.type.size;
-    if (type.reach > size) {
-      const std::size_t left = block.records.size();
-      count =
-          std::min(count, left < type.reach ? 0 : 1 + (left - static_cast<std::size_t>(type.reach)) / size);
-    }
+    const std::size_t count = recorder_->whole_records(block, type.reach);
+    survey_.records_lost += block.count - count;
     TimeRange times;
     if (!type.time_offset) {
       if (count > 0) times.add(block.header.timestamp);
     } else {
       const std::byte* const from = block.records.data() + *type.time_offset;
       for (std::size_t i = 0; i < count; ++i)
-        times.add(load_le<std::uint64_t>(from + i * size));
+        times.add(load_le<std::uint64_t>(from + i * block.type.size));
     }
     add(found_.events[type.key], block.place, count, times);
     return true;

@@ -53,7 +53,7 @@ struct FileSurvey {
   std::uint64_t unpacked_bytes = 0;
   std::uint64_t bytes_lost = 0;    // from the fault that ended reading to the end of the file; and of data
                                    // blocks, from a page on that was cut
-  std::uint64_t records_lost = 0;  // that blocks state and that are not there
+  std::uint64_t records_lost = 0;  // that blocks state and that are not there, or not with all their fields
   TimeRange times;
 };
 

@@ -298,19 +298,7 @@ bool TableDecoder::on_events(const EventsBlock& block) {
   if (!binding.is_asked_for) return true;
   choose_source(block.place);
   if (!is_source_selected_) return true;
-  std::size_t count = block.count;
-  const std::size_t size = block.type.size;
-  // Fields may lie behind their record: then the last records may lack some bytes.
-  if (binding.reach > size) {
-    const std::size_t left = block.records.size();
-    const std::size_t whole =
-        left < binding.reach ? 0 : 1 + static_cast<std::size_t>((left - binding.reach) / size);
-    if (whole < count)
-      fault(block.place, FaultKind::block_failed,
-            std::to_string(count - whole) + " of " + std::to_string(count) +
-                " records have fields outside the bytes at hand");
-    count = std::min(count, whole);
-  }
+  const std::size_t count = recorder_->whole_records(block, binding.reach);
   if (!binding.time_offset && !is_in_range(block.header.timestamp)) return true;
   if (count == 0) return true;
   events_.emplace(block);

@@ -38,6 +38,36 @@ inline constexpr std::string_view kLoads =
     R"({"granularity":"CPU","name":"cpu","num_counters":1,"num_counter_sets":3,"counters":[)"
     R"({"name":"load","description":"","units":"","data_type":"FP64","counting_type":"ABSOLUTE"}]}]})";
 
+// -- Other schemas, piece by piece: joined by commas where there are several
+
+inline std::string event_field(const std::string& name, const std::string& type, std::uint64_t offset,
+                               int size) {
+  return R"({"field_name":")" + name + R"(","description":"","type_name":")" + type +
+         R"(","counting_mode":"ABSOLUTE","offset":)" + std::to_string(offset) + R"(,"type_size":)" +
+         std::to_string(size) + "}";
+}
+inline std::string event_type(const std::string& name, int size, const std::string& fields) {
+  return R"({"name":")" + name + R"(","size":)" + std::to_string(size) + R"(,"fields":[)" + fields + "]}";
+}
+inline std::string event_schema(const std::string& provider, const std::string& types) {
+  return R"({"qvx_version":"1.5.0","provider_name":")" + provider +
+         R"(","provider_version":"1.0.0","types":[)" + types + "]}";
+}
+
+inline std::string counter_of(const std::string& name, const std::string& type) {
+  return R"({"name":")" + name + R"(","description":"","units":"","data_type":")" + type +
+         R"(","counting_type":"ABSOLUTE"})";
+}
+inline std::string counter_group(const std::string& name, std::uint64_t sets, const std::string& counters) {
+  return R"({"granularity":"NODE","name":")" + name + R"(","num_counters":1,"num_counter_sets":)" +
+         std::to_string(sets) + R"(,"counters":[)" + counters + "]}";
+}
+inline std::string counters_schema(const std::string& groups, const std::string& version = "1.5.0") {
+  return R"({"version":")" + version + R"(","counter_groups":[)" + groups + "]}";
+}
+
+// -- Records of both
+
 // Record `number` of type job.
 inline std::string job(std::uint64_t number, std::string_view user = "ann") {
   const auto small = static_cast<std::uint16_t>(number);
@@ -89,6 +119,17 @@ class ColumnFiles {
                     const FileHeader& with = header()) const {
     return folder_.write_file(name, sample_file(with, units));
   }
+  // Under these schemas; the counters schema may be left out.
+  std::string write(std::string_view name, const std::vector<std::string>& units, std::string_view events,
+                    std::string_view counters = "") const {
+    FileHeader with = header();
+    with.event_schema_ids.clear();
+    if (!events.empty()) with.event_schema_ids = {md5_id(events)};
+    with.counters_schema_id = counters.empty() ? qvx_schema_id{} : md5_id(counters);
+    for (const std::string_view text : {events, counters})
+      if (!text.empty()) add_schema(text);
+    return write(name, units, with);
+  }
   std::string write_bytes(std::string_view name, std::string_view bytes) const {
     return folder_.write_file(name, bytes);
   }
@@ -96,6 +137,10 @@ class ColumnFiles {
  private:
   TempDir folder_;
 };
+
+inline std::string id_text(std::string_view schema) {
+  return schema_id_text(md5_id(schema)).value();
+}
 
 inline std::shared_ptr<columns::Dataset> open(std::vector<std::string> paths) {
   return std::make_shared<columns::Dataset>(std::move(paths));

@@ -18,6 +18,9 @@ namespace {
 using columns::Query;
 using columns::resolve;
 using columns::TableStream;
+using test::counter_group;
+using test::counter_of;
+using test::counters_schema;
 using test::job_row;
 using test::jobs_block;
 using test::kNoon;
@@ -104,21 +107,10 @@ TEST_F(TableStreamTest, CountersHaveARowForEachSetAndNullsWhereAGroupHasFewer) {
           R"({"timestamp":1714996800000005,"set":2,"node.used":null,"node.name":null,"cpu.load":1.5})"}));
 }
 
-// A schema of counters of the node alone, whose blocks are a row each.
-std::string node_schema(const std::string& counters) {
-  return R"({"version":"1.5.0","counter_groups":[{"granularity":"NODE","name":"node","num_counters":1,)"
-         R"("num_counter_sets":1,"counters":[)" +
-         counters + "]}]}";
-}
-
-std::string counter_of(const std::string& name, const std::string& type) {
-  return R"({"name":")" + name + R"(","description":"","units":"","data_type":")" + type +
-         R"(","counting_type":"ABSOLUTE"})";
-}
-
 TEST_F(TableStreamTest, CountersOfOneSetAreRowsInEveryBatchSize) {
-  const std::string both = node_schema(counter_of("used", "UINT64") + "," + counter_of("heat", "INT64"));
-  const std::string one = node_schema(counter_of("used", "UINT64"));
+  const std::string both = counters_schema(
+      counter_group("node", 1, counter_of("used", "UINT64") + "," + counter_of("heat", "INT64")));
+  const std::string one = counters_schema(counter_group("node", 1, counter_of("used", "UINT64")));
   files_.add_schema(both);
   files_.add_schema(one);
   test::FileHeader header = test::ColumnFiles::header(64);
