@@ -48,6 +48,20 @@ TEST(ColumnTest, ValuesThatFollowNullsAreNotNull) {
                                                       "null", "null", "null", "null", "1", "2", "3"}));
 }
 
+TEST(ColumnTest, TimesThatDoNotFitAreNullBesideOtherNullsToo) {
+  const ColumnType type{"v", ColumnKind::timestamp, 0, {}, {}};
+  std::byte records[3 * 8];
+  store_le<std::uint64_t>(records, 5);
+  store_le<std::uint64_t>(records + 8, 0x8000000000000000);
+  store_le<std::uint64_t>(records + 16, 0x7FFFFFFFFFFFFFFF);
+  Column column(type);
+  column.append_nulls(1);
+  column.append(plan_of(ColumnKind::timestamp), records, 8, 3);
+  column.append(plan_of(ColumnKind::timestamp), records, 8, 2);
+  EXPECT_EQ(values(column),
+            (std::vector<std::string>{"null", "5", "null", "9223372036854775807", "5", "null"}));
+}
+
 TEST(ColumnTest, ManyRecordsAreReadLikeFew) {
   const ColumnType type{"v", ColumnKind::u16, 0, {}, {}};
   std::vector<std::byte> records;

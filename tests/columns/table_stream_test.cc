@@ -220,6 +220,28 @@ TEST_F(TableStreamTest, MetricsAreTheSameRowsInBatchesOfEverySize) {
   EXPECT_EQ(data->faults().list()[0].words, "Metrics block: a label value is not UTF-8");
 }
 
+TEST_F(TableStreamTest, MetricsHaveTheirTimeSourceAndNamesThatAreUtf8) {
+  test::TestBlock block;
+  block.metric_names = test::metric_names({"rx\xFF", "tx"});
+  block.records = {test::record({.samples = {{0, 1}, {1, 2}}})};
+  const std::string page = test::page_block({.source_id = "host-2", .source_tag = "gpu"}, block.bytes());
+  const std::string path = files_.write("a.bin", {block.bytes(), page}, files_.header(1024));
+  const std::string time = std::to_string(test::kBatchTime);
+  EXPECT_EQ(rows({path}, {.table = "metrics",
+                          .columns = {"metric", "value", "_time"},
+                          .where = {{"_source_id", {"host-1"}}}}),
+            (std::vector<std::string>{R"({"metric":"rx)"
+                                      "\xEF\xBF\xBD"
+                                      R"(","value":1,"_time":)" +
+                                          time + "}",
+                                      R"({"metric":"tx","value":2,"_time":)" + time + "}"}));
+  EXPECT_EQ(
+      rows({path},
+           {.table = "metrics", .columns = {"value", "_source_tag"}, .where = {{"_source_tag", {"gpu"}}}}),
+      (std::vector<std::string>{R"({"value":1,"_source_tag":"gpu"})", R"({"value":2,"_source_tag":"gpu"})"}));
+  EXPECT_EQ(rows({path}, {.table = "metrics", .since = test::kBatchTime + 1}), std::vector<std::string>());
+}
+
 // 200 labels with names of 250 bytes: 51,600 bytes a row, of which 64 MiB are more than 1,300.
 TEST_F(TableStreamTest, BatchEndsWhereItsLabelsBecomeTooLong) {
   std::vector<std::string> names;
@@ -278,6 +300,12 @@ TEST_F(TableStreamTest, ColumnsComeInTheOrderAskedForByNameOrPattern) {
   const std::string path = files_.write("a.bin", {loads_block(7, "n1", 0.5)});
   EXPECT_EQ(rows({path}, {.table = "counters", .columns = {"cpu.*", "node.u?ed"}, .limit = 1}),
             std::vector<std::string>{R"({"cpu.load":0.5,"node.used":7})"});
+}
+
+TEST_F(TableStreamTest, ColumnThatIsNamedTwiceComesOnceAtItsFirstPlace) {
+  const std::string path = files_.write("a.bin", {jobs_block(1, 1)});
+  EXPECT_EQ(rows({path}, {.table = "job", .columns = {"ok", "_block", "id", "ok", "_block", "i*"}}),
+            std::vector<std::string>{R"({"ok":true,"_block":0,"id":1})"});
 }
 
 TEST_F(TableStreamTest, ExtraColumnsTellWhereARowIsFrom) {
