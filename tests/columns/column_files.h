@@ -41,10 +41,10 @@ inline constexpr std::string_view kLoads =
 // -- Other schemas, piece by piece: joined by commas where there are several
 
 inline std::string event_field(const std::string& name, const std::string& type, std::uint64_t offset,
-                               int size) {
+                               int size, int array_length = 1) {
   return R"({"field_name":")" + name + R"(","description":"","type_name":")" + type +
          R"(","counting_mode":"ABSOLUTE","offset":)" + std::to_string(offset) + R"(,"type_size":)" +
-         std::to_string(size) + "}";
+         std::to_string(size) + R"(,"array_length":)" + std::to_string(array_length) + "}";
 }
 inline std::string event_type(const std::string& name, int size, const std::string& fields) {
   return R"({"name":")" + name + R"(","size":)" + std::to_string(size) + R"(,"fields":[)" + fields + "]}";
