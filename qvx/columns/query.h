@@ -31,6 +31,8 @@ struct Query {
   std::size_t batch_rows = 65536;  // of every batch but the last of a file; fewer when rows are very long
   unsigned threads = 1;            // that decode; each reads whole files
   bool in_order = true;            // batches come in the order of the files, not as they are ready
+  // What finished batches may take, roughly, while they wait for their turn; two of each file always may.
+  std::size_t read_ahead_bytes = std::size_t{64} << 20;
   // A page whose header states times outside the range is passed over without being unpacked.
   bool trust_page_times = true;
 };

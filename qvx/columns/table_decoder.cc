@@ -56,6 +56,7 @@ TableDecoder::TableDecoder(const Dataset& dataset, const ResolvedQuery& query)
     : dataset_(dataset),
       query_(query),
       most_batch_rows_(rows_within(query.columns, query.query.batch_rows)),
+      row_bytes_(bytes_of_row(query.columns)),
       table_row_bytes_(bytes_of_row(query.table.columns)),
       has_extras_(std::any_of(query.sources.begin(), query.sources.end(),
                               [](const ResolvedQuery::Source& source) { return source.is_extra; })),

@@ -17,6 +17,7 @@
 #include "qvx/columns/query.h"
 #include "qvx/scan/file_scan.h"
 #include "qvx/scan/sample_reader.h"
+#include "qvx/support/saturate.h"
 
 namespace qvx::columns {
 
@@ -53,6 +54,8 @@ class TableDecoder final : private ScanVisitor {
   [[nodiscard]] bool next(std::uint64_t limit, ArrowArray* out);
 
   std::size_t rows_of_last_batch() const { return last_rows_; }
+  // Roughly.
+  std::uint64_t bytes_of_last_batch() const { return saturating_multiply(last_rows_, row_bytes_); }
   std::uint64_t pages_passed_over() const { return pages_passed_over_; }
 
  private:
@@ -97,6 +100,7 @@ class TableDecoder final : private ScanVisitor {
   const Dataset& dataset_;
   const ResolvedQuery& query_;
   std::size_t most_batch_rows_;
+  std::uint64_t row_bytes_;        // of the result, roughly
   std::uint64_t table_row_bytes_;  // roughly, in a file
   bool has_extras_;                // columns that the table itself does not have
   bool needs_source_;

@@ -24,7 +24,7 @@ class OwnedArray {
  public:
   OwnedArray() = default;
   OwnedArray(OwnedArray&& other) noexcept
-      : array_(std::exchange(other.array_, ArrowArray{})), rows_(other.rows_) {}
+      : array_(std::exchange(other.array_, ArrowArray{})), rows_(other.rows_), bytes_(other.bytes_) {}
   OwnedArray& operator=(OwnedArray&&) = delete;
   ~OwnedArray() {
     if (array_.release != nullptr) array_.release(&array_);
@@ -33,14 +33,17 @@ class OwnedArray {
   bool decode(TableDecoder& decoder, std::uint64_t limit) {
     if (!decoder.next(limit, &array_)) return false;
     rows_ = decoder.rows_of_last_batch();
+    bytes_ = decoder.bytes_of_last_batch();
     return true;
   }
   std::size_t rows() const { return rows_; }
+  std::uint64_t bytes() const { return bytes_; }
   void hand_over(ArrowArray* out) { *out = std::exchange(array_, ArrowArray{}); }
 
  private:
   ArrowArray array_{};
   std::size_t rows_ = 0;
+  std::uint64_t bytes_ = 0;
 };
 
 // Of the rows only the first are left.
@@ -99,7 +102,7 @@ class TableStream::Alone final : public Source {
 };
 
 // Decodes on threads of its own. Each takes the next file, so the file whose turn it is is always being
-// decoded, and whoever is ahead waits.
+// decoded, and whoever is too far ahead waits.
 class TableStream::Workers final : public Source {
  public:
   Workers(const Dataset& dataset, const ResolvedQuery& query, Progress& progress)
@@ -133,6 +136,7 @@ class TableStream::Workers final : public Source {
       if (file != files_.size() && !files_[file].ready.empty()) {
         OwnedArray batch = std::move(files_[file].ready.front());
         files_[file].ready.pop_front();
+        waiting_bytes_ -= batch.bytes();
         retire(file);
         changed_.notify_all();
         const std::uint64_t rows = std::min<std::uint64_t>(batch.rows(), left_);
@@ -148,7 +152,8 @@ class TableStream::Workers final : public Source {
   }
 
  private:
-  static constexpr std::size_t kMostReady = 2;
+  // So many batches of a file may wait whatever they take.
+  static constexpr std::size_t kAlwaysReady = 2;
 
   struct File {
     std::deque<OwnedArray> ready;
@@ -180,8 +185,12 @@ class TableStream::Workers final : public Source {
             changed_.notify_all();
             break;
           }
-          changed_.wait(lock, [&] { return is_stopped_ || files_[file].ready.size() < kMostReady; });
+          changed_.wait(lock, [&] {
+            return is_stopped_ || files_[file].ready.size() < kAlwaysReady ||
+                   waiting_bytes_ < query_.query.read_ahead_bytes;
+          });
           if (is_stopped_) return;
+          waiting_bytes_ += batch.bytes();
           files_[file].ready.push_back(std::move(batch));
           changed_.notify_all();
         }
@@ -225,8 +234,9 @@ class TableStream::Workers final : public Source {
   std::condition_variable changed_;
   std::uint64_t left_;  // rows; all below here is guarded by the mutex
   std::vector<File> files_;
-  std::size_t next_file_ = 0;  // not taken by a thread so far
-  std::size_t first_ = 0;      // all files before it are finished
+  std::uint64_t waiting_bytes_ = 0;  // of all batches that are ready
+  std::size_t next_file_ = 0;        // not taken by a thread so far
+  std::size_t first_ = 0;            // all files before it are finished
   std::size_t finished_ = 0;
   bool is_stopped_ = false;
   std::exception_ptr failure_;

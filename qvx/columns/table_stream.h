@@ -21,7 +21,8 @@ struct Progress {
 };
 
 // With one thread everything is done by the caller of next(). With more, threads begin with the first call
-// and end with the stream; each file that is being decoded has at most two finished batches waiting.
+// and end with the stream. They decode files ahead of the one whose turn it is, as far as the query lets
+// finished batches wait.
 class TableStream {
  public:
   TableStream(std::shared_ptr<const Dataset> dataset, ResolvedQuery query);

@@ -2,10 +2,13 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <memory>
 #include <new>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #include "qvx/columns/buffer.h"
@@ -88,6 +91,47 @@ TEST_F(ThreadsTest, ConsumerHearsOfMissingMemoryByItsCode) {
   }
   EXPECT_EQ(stream.get_last_error(&stream), nullptr);
   stream.release(&stream);
+}
+
+// Waits until so many files are decoded, though nobody takes their batches.
+bool are_decoded(const TableStream& stream, std::uint64_t files) {
+  for (int tries = 0; tries < 1000 && stream.progress()->files < files; ++tries)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  return stream.progress()->files == files;
+}
+
+TEST_F(ThreadsTest, FilesBehindTheOneWhoseTurnItIsAreDecodedAhead) {
+  const std::vector<std::string> paths{files_.write("c.bin", {jobs_block(1, 9)}),
+                                       files_.write("d.bin", {jobs_block(10, 9)})};
+  const auto data = open(paths);
+  Query query = query_;
+  query.batch_rows = 1;
+  for (const bool in_order : {true, false}) {
+    query.in_order = in_order;
+    TableStream stream(data, resolve(*data, query));
+    const test::OwnedArray first(new ArrowArray{});
+    ASSERT_TRUE(stream.next(first.get()));
+    EXPECT_TRUE(are_decoded(stream, 2));
+    EXPECT_EQ(test::read_all(stream).rows.size(), 17u);
+  }
+}
+
+TEST_F(ThreadsTest, DecodingAheadEndsWhereItsMemoryDoes) {
+  const std::vector<std::string> paths{files_.write("c.bin", {jobs_block(1, 3)}),
+                                       files_.write("d.bin", {jobs_block(4, 9)}),
+                                       files_.write("e.bin", {jobs_block(13, 3)})};
+  const auto data = open(paths);
+  Query query = query_;
+  query.batch_rows = 1;
+  query.read_ahead_bytes = 0;
+  TableStream stream(data, resolve(*data, query));
+  const test::OwnedArray first(new ArrowArray{});
+  ASSERT_TRUE(stream.next(first.get()));
+  // Of the first file two batches wait, of the second as many and no more.
+  EXPECT_TRUE(are_decoded(stream, 1));
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_EQ(stream.progress()->files, 1u);
+  EXPECT_EQ(test::read_all(stream).rows.size(), 14u);
 }
 
 TEST_F(ThreadsTest, SurveyThatCannotStartAThreadSaysSo) {
