@@ -1,6 +1,6 @@
 #include "qvx/host/adapters.h"
 
-#include <glob.h>
+#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,9 +8,12 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "qvx/support/file_descriptor.h"
 #include "qvx/support/log.h"
@@ -30,43 +33,38 @@ ssize_t read_once(const FileDescriptor& file, std::span<char> to) {
   return count;
 }
 
-// The matches of a pattern, freed at the end of their scope.
-class Matches {
- public:
-  explicit Matches(const char* pattern) : result_(glob(pattern, GLOB_ERR | GLOB_MARK, nullptr, &matches_)) {}
-  ~Matches() { globfree(&matches_); }
-  Matches(const Matches&) = delete;
-  Matches& operator=(const Matches&) = delete;
-
-  int result() const { return result_; }
-  std::span<char*> paths() const { return {matches_.gl_pathv, matches_.gl_pathc}; }
-
- private:
-  glob_t matches_{};
-  int result_;
+struct CloseFolder {
+  void operator()(DIR* folder) const { closedir(folder); }
 };
 
-bool glob_succeeded(const Matches& matches, const char* pattern) {
-  switch (matches.result()) {
-    case 0:
-      return true;
-    case GLOB_NOSPACE:
-      QVX_LOG(QVX_LOG_ERROR, "HCA info: globing ran out of space");
-      return false;
-    case GLOB_NOMATCH:
-      QVX_LOG(QVX_LOG_WARNING, "HCA info: globing found no matches of '%s'", pattern);
-      return false;
-    default:
-      QVX_LOG(QVX_LOG_ERROR, "HCA info: globing read failed: %s", std::strerror(errno));
-      return false;
+// The names that the pattern "<root>/*" matches, sorted, those of folders with a '/' behind them; nothing,
+// with errno set, when the folder cannot be read. Not by glob(), which the C library lets free its names
+// twice, and so end the process, when memory is short. Throws std::bad_alloc.
+std::optional<std::vector<std::string>> matches_in(const char* root) {
+  std::vector<std::string> names;
+  const std::unique_ptr<DIR, CloseFolder> folder(opendir(root));
+  if (folder == nullptr) return errno == ENOTDIR ? std::optional(names) : std::nullopt;
+  for (;;) {
+    errno = 0;
+    const dirent* const entry = readdir(folder.get());
+    if (entry == nullptr) break;
+    if (entry->d_name[0] == '.') continue;
+    struct stat status {};
+    const bool is_folder =
+        fstatat(dirfd(folder.get()), entry->d_name, &status, 0) == 0 && S_ISDIR(status.st_mode);
+    names.push_back(std::string(entry->d_name) + (is_folder ? "/" : ""));
   }
+  if (errno != 0) return std::nullopt;
+  std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
+    return std::strcoll(a.c_str(), b.c_str()) < 0;
+  });
+  return names;
 }
 
-// The last component of a match, which ends in '/' because it is a folder. Writes into the match.
-const char* device_name(char* path) {
-  if (char* const mark = std::strrchr(path, '/'); mark != nullptr) *mark = '\0';
-  const char* const slash = std::strrchr(path, '/');
-  return slash != nullptr ? slash + 1 : path;
+// The adapter that a match names. Deliberately that of the folder around it when it is no folder itself.
+std::string device_name(std::string_view root, std::string_view match) {
+  if (match.ends_with('/')) return std::string(match.substr(0, match.size() - 1));
+  return std::string(root.substr(root.rfind('/') + 1));
 }
 
 // The names of the adapters; null on failure, which is logged.
@@ -76,14 +74,23 @@ StringArrayPtr adapter_names(const char* root) {
     QVX_LOG(QVX_LOG_ERROR, "HCA info: failed to allocate memory for HCA names array");
     return nullptr;
   }
-  const std::optional<std::string> pattern = qvx_expand_template("%s/*", root);
-  if (!pattern) return nullptr;
-  const Matches matches(pattern->c_str());
-  if (!glob_succeeded(matches, pattern->c_str())) return nullptr;
-  for (char* const path : matches.paths()) {
-    if (!append(names, device_name(path))) return nullptr;
+  try {
+    const std::optional<std::vector<std::string>> matches = matches_in(root);
+    if (!matches) {
+      QVX_LOG(QVX_LOG_ERROR, "HCA info: globing read failed: %s", std::strerror(errno));
+      return nullptr;
+    }
+    if (matches->empty()) {
+      QVX_LOG(QVX_LOG_WARNING, "HCA info: globing found no matches of '%s/*'", root);
+      return nullptr;
+    }
+    for (const std::string& match : *matches)
+      if (!append(names, device_name(root, match).c_str())) return nullptr;
+    return names;
+  } catch (const std::bad_alloc&) {
+    QVX_LOG(QVX_LOG_ERROR, "HCA info: globing ran out of space");
+    return nullptr;
   }
-  return names;
 }
 
 void fill_entry(const char* root, const char* device, qvx_adapter_info& entry) {

@@ -6,12 +6,17 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <clocale>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <set>
 #include <string>
 
+#include "tests/support/failing_allocations.h"
+#include "tests/support/fake_read.h"
+#include "tests/support/last_message.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
@@ -156,6 +161,61 @@ TEST(Adapters, PlainFileGetsTheNameOfItsFolder) {
   EXPECT_EQ(text_of(tree.discover()[0].name), "hca");
 }
 
+TEST(Adapters, LinksToFoldersAreAdaptersAndHiddenNamesAreNot) {
+  AdapterTree tree;
+  tree.add(".hidden", 1);
+  tree.add("hcx5", 1);
+  tree.add("hcx5-1", 1);  // the end of a name counts as '/' in the order
+  std::filesystem::create_directory_symlink("hcx5", tree.root() + "/link");
+  std::filesystem::create_symlink("nowhere", tree.root() + "/lost");
+  const auto entries = tree.discover();
+  EXPECT_EQ(text_of(entries[0].name), "hcx5-1");
+  EXPECT_EQ(text_of(entries[1].name), "hcx5");
+  EXPECT_EQ(text_of(entries[2].name), "link");
+  EXPECT_EQ(text_of(entries[2].node_guid), "0002c90300102c81");
+  EXPECT_EQ(text_of(entries[3].name), "hca");
+  EXPECT_EQ(text_of(entries[4].name), "");
+}
+
+TEST(Adapters, FileInPlaceOfTheFolderHasNoMatches) {
+  AdapterTree tree;
+  const std::string path = tree.write("file", "");
+  std::array<qvx_adapter_info, 2> entries;
+  const LogCapture log;
+  EXPECT_EQ(discover_adapters(path.c_str(), entries), 0);
+  EXPECT_EQ(log.messages(),
+            (std::vector<LogMessage>{{4, "HCA info: globing found no matches of '" + path + "/*'"}}));
+}
+
+// Whatever allocation fails, an entry is as it is, or something of it is missing and the last message says
+// why.
+TEST(Adapters, DiscoveryWithoutMemorySaysWhatIsMissing) {
+  AdapterTree tree;
+  tree.add("hcx5_0", 2);
+  tree.add("hcx5_1", 1);
+  const std::string root = tree.root();
+  const auto whole = tree.discover();
+  std::set<std::string> words;
+  bool any_failed = true;
+  for (std::size_t successes = 0; any_failed && successes < 1000; ++successes) {
+    const test::LastMessage last;
+    std::array<qvx_adapter_info, 6> entries;
+    {
+      const test::FailingAllocations failures(successes);
+      EXPECT_EQ(discover_adapters(root.c_str(), entries), 0);
+      any_failed = failures.any_failed();
+    }
+    if (entries == whole) continue;
+    EXPECT_TRUE(any_failed);
+    words.insert(last.get().text);
+  }
+  EXPECT_FALSE(any_failed);
+  for (const char* const expected :
+       {"HCA info: failed to allocate memory for HCA names array", "HCA info: globing ran out of space",
+        "HCA info: failed to expand template %s/%s/ports/%d/gids/0"})
+    EXPECT_TRUE(words.contains(expected)) << expected;
+}
+
 TEST(Adapters, PublicDiscoveryAlwaysReturnsZero) {
   const LogCapture log;
   std::array<qvx_adapter_info, 6> entries;
@@ -201,6 +261,16 @@ TEST(GuidFile, ShortFileGivesWhatItHas) {
   std::array<char, 16> digits{};
   EXPECT_TRUE(read_guid_file(digits, "%s", folder.write_file("short", "7").c_str()));
   EXPECT_EQ(text_of(digits), "7");
+}
+
+TEST(GuidFile, ReadThatASignalInterruptedIsRepeated) {
+  AdapterTree tree;
+  const std::string path = tree.write("guid", kNodeGuid);
+  const test::FakeRead reads({{.error = EINTR}, {.error = EINTR}});
+  std::array<char, kGuidSize> digits{};
+  EXPECT_TRUE(read_guid_file(digits, "%s", path.c_str()));
+  EXPECT_EQ(text_of(digits), "0002c90300102c81");
+  EXPECT_EQ(reads.steps_left(), 0u);
 }
 
 TEST(GuidFile, MissingFileIsSilent) {
