@@ -43,7 +43,10 @@ class CInterfaceShortMemory : public testing::TestWithParam<const char*> {
     const FieldPtr nested(qvx_field_create("use.a name that is longer than a string keeps within itself"));
     if (reader == nullptr || time == nullptr || value == nullptr || nested == nullptr) return std::nullopt;
     if (qvx_reader_open(reader.get(), path_.c_str()) == 0) {
-      says_why_ = says_why_ && *qvx_reader_error(reader.get()) != '\0';
+      says_why_ =
+          says_why_ && qvx_reader_failed(reader.get()) != 0 && *qvx_reader_error(reader.get()) != '\0';
+      is_closed_ =
+          is_closed_ && qvx_reader_table_count(reader.get()) == 0 && qvx_reader_next(reader.get()) == nullptr;
       return std::nullopt;
     }
     Count counted;
@@ -71,6 +74,7 @@ class CInterfaceShortMemory : public testing::TestWithParam<const char*> {
 
   const std::string path_ = kData + GetParam();
   bool says_why_ = true;
+  bool is_closed_ = true;  // when it could not be opened
 };
 
 TEST_P(CInterfaceShortMemory, LosesNoRecord) {
@@ -79,6 +83,7 @@ TEST_P(CInterfaceShortMemory, LosesNoRecord) {
   ASSERT_GT(whole->records, 10U);
   sweep_allocations([&] { return count(); }, [&](const auto& made) { return made == whole; });
   EXPECT_TRUE(says_why_);
+  EXPECT_TRUE(is_closed_);
 }
 
 INSTANTIATE_TEST_SUITE_P(Files, CInterfaceShortMemory,

@@ -218,6 +218,37 @@ TEST_F(CInterfaceTypes, ValuesOfEveryTypeComeAsTheTypesThatHoldThem) {
   EXPECT_EQ(qvx_record_text(record, text_field.get(), 1, &text, &length), 0);
 }
 
+TEST(CInterface, FieldBehindTheLastBytesIsAbsent) {
+  using namespace qvx::test;
+  const TempDir temp;
+  const qvx_schema_id id = id_of_byte(0xE2);
+  temp.write_file(schema_file_name(id),
+                  R"({"title": "Quorvex schema", "qvx_version": "1.5.0", "provider_name": "p",)"
+                  R"( "provider_version": "1.0.0", "types": [{"name": "ahead", "size": 2, "fields": [)"
+                  R"({"field_name": "v", "description": "", "counting_mode": "ABSOLUTE",)"
+                  R"( "type_name": "uint16_t", "offset": 2, "type_size": 2}]}]})");
+  FileHeader header;
+  header.event_schema_ids = {id};
+  const std::string page = page_block({}, events_block({}, {le(std::uint16_t{1}), le(std::uint16_t{2})}));
+  const std::string path = temp.write_file("a.bin", sample_file(header, {page}));
+  const Reader reader(qvx_reader_create(temp.path().c_str()));
+  ASSERT_EQ(qvx_reader_open(reader.get(), path.c_str()), 1);
+  const FieldPtr v = field("v");
+  std::uint64_t value = 7;
+  const qvx_record* record = qvx_reader_next(reader.get());
+  ASSERT_NE(record, nullptr);
+  EXPECT_EQ(qvx_record_length(record, v.get()), 1u);
+  EXPECT_EQ(qvx_record_u64(record, v.get(), 0, &value), 1);
+  EXPECT_EQ(value, 2u);
+  record = qvx_reader_next(reader.get());
+  ASSERT_NE(record, nullptr);
+  EXPECT_EQ(qvx_record_length(record, v.get()), 0u);
+  EXPECT_EQ(qvx_record_u64(record, v.get(), 0, &value), 0);
+  EXPECT_EQ(value, 2u);
+  EXPECT_EQ(qvx_reader_next(reader.get()), nullptr);
+  EXPECT_EQ(qvx_reader_failed(reader.get()), 0);
+}
+
 TEST(CInterface, TellsCountersFromSamples) {
   const Reader reader = make_reader();
   ASSERT_EQ(qvx_reader_open(reader.get(), (kData + "counters.bin").c_str()), 1);

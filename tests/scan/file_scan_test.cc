@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "qvx/support/format.h"
+#include "tests/metrics/cntx_builder.h"
 #include "tests/reader/reader_files.h"
 #include "tests/support/guarded_buffer.h"
 #include "tests/support/log_capture.h"
@@ -176,6 +177,33 @@ TEST_F(FileScanTest, VisitorThatDoesNotAcceptABlockFailsTheFile) {
   EXPECT_FALSE(scan(file(padded(usual_counters(3), 512) + usual_counters(3))));
   EXPECT_EQ(visitor_.blocks.back(), "counters of 512 bytes at 256");
   EXPECT_EQ(visitor_.faults, Lines{});
+}
+
+// Overrides no more than it must.
+class FaultsOnly final : public ScanVisitor {
+ public:
+  void on_fault(const Fault& fault) override { kinds.push_back(fault_kind_name(fault.kind)); }
+  Lines kinds;
+};
+
+TEST_F(FileScanTest, VisitorThatWantsFaultsOnlyGoesThroughEverythingButBlobs) {
+  const auto kinds = [&](const std::string& blocks) {
+    const std::string bytes = file(blocks);
+    FaultsOnly visitor;
+    FileScan scan(types_);
+    scan.open(as_bytes(bytes));
+    EXPECT_TRUE(scan.read_header(visitor) && scan.load_types(visitor));
+    while (scan.next(visitor)) {
+    }
+    EXPECT_EQ(scan.failed(), !visitor.kinds.empty());
+    return visitor.kinds;
+  };
+  test::TestBlock metrics;
+  const std::string every = padded(usual_events({1}) + usual_schemas(test::kEventsId), 512) +
+                            padded(usual_counters(3), 512) + padded(metrics.bytes(), 512) +
+                            padded(usual_page('G', usual_events({2})), 512);
+  EXPECT_EQ(kinds(every), Lines());
+  EXPECT_EQ(kinds(every + padded(test::blob_block(kStart, "data"), 512)), Lines{"unknown_block"});
 }
 
 TEST_F(FileScanTest, EventHeadersAreToldBeforeTheirTypeIsLookedUp) {
