@@ -124,6 +124,23 @@ TEST(StringArray, FailedAppendAllFreesTheDestination) {
   EXPECT_EQ(raw, nullptr);
 }
 
+TEST(StringArray, WhatIsMissingIsRefused) {
+  qvx_string_array* none = nullptr;
+  EXPECT_FALSE(qvx_string_array_append(nullptr, "a"));
+  EXPECT_FALSE(qvx_string_array_remove_duplicates(nullptr, true));
+  EXPECT_FALSE(qvx_string_array_remove_duplicates(&none, true));
+  EXPECT_FALSE(qvx_string_array_load_lines(nullptr, "/dev/null", nullptr));
+  EXPECT_FALSE(qvx_string_array_load_lines(&none, "/dev/null", nullptr));
+  StringArrayPtr array = make_string_array({"a"});
+  qvx_string_array* const raw = array.get();
+  qvx_string_array* same = raw;
+  EXPECT_FALSE(qvx_string_array_load_lines(&same, nullptr, nullptr));
+  EXPECT_EQ(same, raw);
+  const StringArrayPtr of_nothing(qvx_string_array_from_comma_separated(nullptr, 3));
+  ASSERT_NE(of_nothing, nullptr);
+  EXPECT_EQ(of_nothing->count, 0U);
+}
+
 TEST(StringArray, FreeIgnoresNull) {
   qvx_string_array_free(nullptr);
   EXPECT_TRUE(strings(StringArrayPtr()).empty());

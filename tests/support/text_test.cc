@@ -81,6 +81,14 @@ TEST(StringConcat, JoinsBoth) {
   EXPECT_EQ(string_concat("", ""), "");
 }
 
+TEST(StringConcat, NothingIsAnEmptyText) {
+  EXPECT_EQ(string_concat(nullptr, "b"), "b");
+  EXPECT_EQ(string_concat("a", nullptr), "a");
+  EXPECT_EQ(string_concat(nullptr, nullptr), "");
+  EXPECT_EQ(string_concat_comma_separated_token("a", nullptr), "a,");
+  EXPECT_EQ(string_concat_comma_separated_token(nullptr, nullptr), "");
+}
+
 TEST(StringConcat, ReportsFailedAllocation) {
   if (!MemoryLimit::kSupported) GTEST_SKIP();
   const std::string huge(MemoryLimit::kTooMuch, 'x');
