@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <random>
+#include <span>
 #include <string>
+#include <utility>
 
 #include "tests/data/sample_builder.h"
 #include "tests/support/guarded_buffer.h"
@@ -346,6 +348,24 @@ TEST(Gzip, MutatedStreamsGiveWhatZlibGives) {
 }
 
 // Snappy
+
+TEST(Gzip, ADecompressorThatWasMovedGoesOn) {
+  const std::string stream = gzip("hello");
+  std::string out(5, '\0');
+  const auto unpacks = [&](Decompressor& decompressor) {
+    out.assign(5, '\0');
+    return decompressor.decompress('G', as_bytes(stream), std::as_writable_bytes(std::span(out))).ok &&
+           out == "hello";
+  };
+  Decompressor first;
+  EXPECT_TRUE(unpacks(first));
+  Decompressor second(std::move(first));
+  EXPECT_TRUE(unpacks(second));
+  Decompressor third;
+  EXPECT_TRUE(unpacks(third));
+  third = std::move(second);
+  EXPECT_TRUE(unpacks(third));
+}
 
 TEST(Snappy, ReadsPagesOfManySizes) {
   const std::string text = sample_text(200000);

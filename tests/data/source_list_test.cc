@@ -155,6 +155,36 @@ TEST_F(SourceFile, InterruptedOpeningIsTriedAgain) {
   EXPECT_TRUE(interrupted.any_failed());
 }
 
+TEST_F(SourceFile, ListOfAFileIsWholeOrShortMemoryIsLogged) {
+  const TempDir folder;
+  const std::string name(40, 'n');
+  const std::string text = folder.write_file("list", name + "1\n" + name + "2\n");
+  const std::string fabscan = folder.write_file("scan", "host (" + name + "1)\nSwitch (" + name + "2)\n");
+  const LogCapture restore;
+  qvx_logger_register_callback(count_message, QVX_LOG_ERROR);
+  for (const auto from_file : {source_list_from_text_file, source_list_from_fabscan_file}) {
+    const std::string& path = from_file == source_list_from_text_file ? text : fabscan;
+    bool any_failed = true;
+    int refused = 0;
+    for (std::size_t successes = 0; any_failed && successes < 1000; ++successes) {
+      memory_messages = 0;
+      std::optional<SourceList> list;
+      {
+        const test::FailingAllocations failures(successes);
+        list = from_file(path.c_str());
+        any_failed = failures.any_failed();
+      }
+      if (list) {
+        EXPECT_EQ(*list, (SourceList{name + "1", name + "2"}));
+      }
+      EXPECT_TRUE(list || any_failed);
+      refused += memory_messages;
+    }
+    EXPECT_FALSE(any_failed);
+    EXPECT_GT(refused, 0);
+  }
+}
+
 TEST_F(SourceFile, EmptyTextFileIsAnEmptyList) {
   const TempDir folder;
   EXPECT_EQ(source_list_from_arg(folder.write_file("list", "").c_str()), SourceList{});

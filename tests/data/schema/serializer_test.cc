@@ -283,6 +283,31 @@ TEST_F(InfluxSerializerTest, OddNamesAreMadeAcceptable) {
   EXPECT_EQ(lines(block.bytes()), Lines{"_a__ k_\\=_=1i 1700000000123456000"});
 }
 
+TEST_F(InfluxSerializerTest, NamesKeepWhatIsOddOnlyElsewhere) {
+  add_type("a#b=c\x7F", {{"k#\x7F", "", "int8_t", 0, 1}, {"a,b c", "", "int8_t", 0, 1}});
+  add_type("\xFF", {{"v", "", "int8_t", 0, 1}});
+  RecordBytes block;
+  add_events_header(block, 0, 0, 1).add(std::int8_t{1}).add(std::int8_t{2});
+  add_events_header(block, 0, 1, 1).add(std::int8_t{3});
+  EXPECT_EQ(lines(block.bytes()), Lines{R"(a#b=c_ k#_=1i,a\,b\ c=2i 1700000000123456000)"});
+}
+
+TEST_F(InfluxSerializerTest, OnlySingleValuesAndTextsWithANameBecomeTags) {
+  add_type("point", {{"x", "", "int8_t", 0, 1}});
+  add_type("t",
+           {{"list", "", "int8_t", 0, 2},
+            {"at", "", "point", 0, 1},
+            {"\xFF", "", "int8_t", 0, 1},
+            {"ok", "", "int8_t", 0, 1},
+            {"v", "", "int8_t", 0, 1}},
+           {"list", "at", "\xFF", "ok"});
+  RecordBytes block;
+  add_events_header(block, 0, 1, 1);
+  for (std::int8_t value = 1; value <= 6; ++value)
+    block.add(value);
+  EXPECT_EQ(lines(block.bytes()), Lines{"t,ok=5 at.x=3i,v=6i 1700000000123456000"});
+}
+
 TEST_F(InfluxSerializerTest, TimesThatAServerDoesNotTakeHaveNoLine) {
   set_counters({make_group(0, 1, {{"a", QVX_COUNTER_INT64}})});
   EXPECT_EQ(lines(counters_block(9223372036854775).add(std::int64_t{1}).bytes()),
