@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <new>
 #include <stdexcept>
 #include <string>
 
 #include "tests/metrics/cntx_builder.h"
+#include "tests/support/failing_allocations.h"
 #include "tests/support/log_capture.h"
 
 namespace qvx::metrics {
@@ -33,6 +35,32 @@ TEST(ParseHistograms, RecordsAreFoundBetweenOtherBytesAndNumbered) {
   EXPECT_EQ(store.at(0).name, "a");
   EXPECT_EQ(store.at(1).name, "b");
   EXPECT_EQ(store.at(1).id, 1u);
+}
+
+// One that could not be stored is as if it had never been there: the next of its identity is stored.
+TEST(HistogramStore, HistogramThatFindsNoMemoryLeavesNothing) {
+  Histogram histogram;
+  histogram.name = "a name that is longer than a string keeps within itself";
+  bool any_failed = true;
+  for (std::size_t successes = 0; any_failed && successes < 1000; ++successes) {
+    HistogramStore store;
+    bool stored = false;
+    {
+      const FailingAllocations failures(successes, FailingAllocations::Failing::once);
+      try {
+        static_cast<void>(store.insert_or_update(7, histogram));
+        stored = true;
+      } catch (const std::bad_alloc&) {
+      }
+      any_failed = failures.any_failed();
+    }
+    EXPECT_NE(stored, any_failed);
+    EXPECT_EQ(store.size(), stored ? 1u : 0u);
+    EXPECT_EQ(store.insert_or_update(7, histogram), 7u) << successes;
+    EXPECT_EQ(store.at(7).name, histogram.name);
+    EXPECT_EQ(store.size(), 1u);
+  }
+  EXPECT_FALSE(any_failed);
 }
 
 TEST(ParseHistograms, RecordCutByTheEndStopsWithoutAFault) {

@@ -24,6 +24,16 @@ TEST(SymbolTable, InterningTwiceGivesOneSymbolWithTwoReferences) {
   EXPECT_EQ(table.size(), 1u);
 }
 
+TEST(SymbolTable, SymbolThatWasNeverGivenHasNoReferences) {
+  SymbolTable table;
+  const SymbolTable& same = table;
+  const std::uint64_t symbol = table.intern("rx_bytes");
+  EXPECT_EQ(same.reference_count(symbol), 1u);
+  EXPECT_THROW(static_cast<void>(same.reference_count(symbol + 1)), SymbolTable::SymbolNotFoundError);
+  EXPECT_THROW(static_cast<void>(table.reference_count(symbol + 1)), SymbolTable::SymbolNotFoundError);
+  EXPECT_EQ(table.size(), 1u);
+}
+
 TEST(SymbolTable, SymbolIsTheBoostStringHash) {
   SymbolTable table;
   EXPECT_EQ(table.intern("rx_bytes"), boost::hash<std::string>{}("rx_bytes"));

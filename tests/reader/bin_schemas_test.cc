@@ -70,6 +70,19 @@ TEST_F(BinSchemas, BehindEventsInsideAPageHoldForThePagesBehind) {
   EXPECT_EQ(header_of(output() / "2023/1114/b/1700000000000002.bin").event_schema_ids[0], kOtherEvents);
 }
 
+// A page is saved as it is, and what it names before its fault holds for the next.
+TEST_F(BinSchemas, BeforeAFaultInsideAPageHoldForThePagesBehind) {
+  const std::string faulty = events(1, 2) + schemas_block({kOtherEvents}) + events(3, 2, 5);
+  const std::string in =
+      temp_.write_file("in.bin", sample_file(header(), {unit(0, "a", faulty), unit(1, "b", events(5, 2))}));
+  resave({in});
+  EXPECT_EQ(errors_, "");
+  EXPECT_EQ(header_of(output() / "2023/1114/a/1700000000000000.bin").event_schema_ids[0], kEvents);
+  EXPECT_EQ(header_of(output() / "2023/1114/b/1700000000000001.bin").event_schema_ids[0], kOtherEvents);
+  EXPECT_EQ(run(OutputFormat::ndjson, {output() / "2023/1114/b/1700000000000001.bin"}),
+            "{\"w\":5}\n{\"w\":6}\n");
+}
+
 TEST_F(BinSchemas, OutsideThePagesHoldForThePagesBehind) {
   const std::string in = temp_.write_file(
       "in.bin", sample_file(header(), {unit(0, "a", events(1, 2)), schemas_block({kOtherEvents}),

@@ -2,13 +2,18 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <filesystem>
+#include <map>
 #include <new>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "qvx/reader/options.h"
+#include "qvx/reader/process_files.h"
 #include "qvx/support/bytes.h"
+#include "qvx/support/log.h"
+#include "tests/metrics/cntx_builder.h"
 #include "tests/reader/reader_files.h"
 #include "tests/support/allocation_sweep.h"
 #include "tests/support/failing_allocations.h"
@@ -40,6 +45,107 @@ TEST(ShortMemory, FileThatRanOutOfMemoryLeavesNothingBehindForTheNext) {
       if (!any_failed) break;
     }
   }
+}
+
+// Texts of labels that there is no memory to keep are written all the same.
+TEST(ShortMemory, MetricsArePrintedWholeOrNotAtAll) {
+  const test::ReaderFiles files;
+  std::vector<std::string> names;
+  for (int i = 0; i < 60; ++i)
+    names.push_back(std::to_string(100 + i) + std::string(247, 'n'));
+  test::TestBlock block;
+  block.label_name_sets = test::label_names(names);
+  block.blocksize = 30000;
+  block.records = {test::record({.labels = test::labels_l(0, std::vector<std::uint8_t>(60, 0))})};
+  const std::string file = test::file_header(test::usual_header(32768)) + test::padded(block.bytes(), 32768);
+  std::string expected;
+  {
+    test::FilesInMemory reader(test::reader_options(OutputFormat::ndjson, files.path("schema")));
+    expected = reader.read(as_bytes(file)).out;
+  }
+  ASSERT_GT(expected.size(), 60u * 250);
+  bool has_failed = false;
+  bool any_failed = true;
+  std::size_t whole = 0;
+  testing::internal::CaptureStderr();
+  for (std::size_t successes = 0; any_failed && successes < 1000; ++successes) {
+    test::FilesInMemory reader(test::reader_options(OutputFormat::ndjson, files.path("schema")));
+    std::string out;
+    out.reserve(2 * expected.size());
+    {
+      const test::FailingAllocations failing(successes, test::FailingAllocations::Failing::once);
+      try {
+        out = reader.read(as_bytes(file)).out;
+      } catch (const std::bad_alloc&) {
+      }
+      any_failed = failing.any_failed();
+    }
+    EXPECT_TRUE(out == expected || out.empty()) << successes << ": " << out.substr(0, 200);
+    whole += any_failed && out == expected;
+    has_failed = has_failed || out.empty();
+  }
+  testing::internal::GetCapturedStderr();
+  EXPECT_FALSE(any_failed);
+  EXPECT_TRUE(has_failed);
+  EXPECT_GT(whole, 0u);
+}
+
+// Whatever allocation fails while pages are saved, the run fails or every file is as it has to be.
+TEST(ShortMemory, PagesAreSavedOrTheRunFailsWithAReason) {
+  namespace fs = std::filesystem;
+  const test::ReaderFiles files;
+  ReaderOptions options = files.options(OutputFormat::bin);
+  options.sort_files = true;
+  options.output_dir = files.path("output");
+  const std::string input = files.write(
+      "a.bin", test::sample_file(test::usual_header(), {test::usual_page('G', test::usual_events({1}))}));
+  ASSERT_TRUE(append(options.input_files, input.c_str()));
+  const auto saved = [&] {
+    std::map<std::string, std::string> found;
+    for (const auto& entry : fs::recursive_directory_iterator(options.output_dir))
+      if (entry.is_regular_file() && entry.path().extension() == ".bin")
+        found[entry.path()] = test::read_file(entry.path());
+    return found;
+  };
+  const auto run = [&](std::size_t successes, test::FailingAllocations::Failing failing, bool& any_failed) {
+    fs::remove_all(options.output_dir);
+    fs::create_directories(options.output_dir);
+    std::string text;
+    OutputSink sink(text);
+    const test::FailingAllocations failures(successes, failing);
+    bool ok = false;
+    try {
+      ok = process_files(options, sink) == 0;
+    } catch (const std::bad_alloc&) {
+    }
+    any_failed = failures.any_failed();
+    return ok;
+  };
+  bool any_failed = false;
+  qvx_init_stderr_logger(QVX_LOG_ERROR);
+  testing::internal::CaptureStderr();
+  ASSERT_TRUE(run(1'000'000, test::FailingAllocations::Failing::once, any_failed));
+  const auto whole = saved();
+  ASSERT_EQ(whole.size(), 1u);
+  for (const auto failing :
+       {test::FailingAllocations::Failing::once, test::FailingAllocations::Failing::lasting}) {
+    any_failed = true;
+    for (std::size_t successes = 0; any_failed && successes < 5000; ++successes) {
+      const bool ok = run(successes, failing, any_failed);
+      EXPECT_TRUE(ok || any_failed) << successes;
+      if (ok) {
+        EXPECT_EQ(saved(), whole) << successes;
+      }
+      if (testing::Test::HasFailure()) break;
+    }
+    EXPECT_FALSE(any_failed);
+  }
+  const std::string said = testing::internal::GetCapturedStderr();
+  for (const char* const words :
+       {"Failed to create client identity: Cannot allocate memory",
+        "Failed to create data writer: Cannot allocate memory", "Failed to allocate memory for file entries",
+        "Failed to allocate data block of size 18: Cannot allocate memory"})
+    EXPECT_NE(said.find(words), said.npos) << words;
 }
 
 // The command line is refused with a reason, or is as it was written.
