@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "qvx/data/page_memory.h"
@@ -20,6 +22,7 @@
 #include "tests/data/shared_object.h"
 #include "tests/support/faulty_calls.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/memory_limit.h"
 #include "tests/support/trust_run.h"
 
 namespace qvx {
@@ -97,6 +100,60 @@ TEST(SharedPageFaults, ObjectThatLosesItsNameBeforeItIsLockedIsNotTaken) {
   opener.join();
   ASSERT_NE(page, nullptr);
   EXPECT_EQ(page_creator(*page), getpid());
+  EXPECT_TRUE(name.exists());
+}
+
+TEST(SharedPageFaults, InterruptedReservationIsTriedAgainAndAMissingOneWillDo) {
+  for (const auto& [error, count] : {std::pair(EINTR, 3), std::pair(EOPNOTSUPP, 1000)}) {
+    const ObjectName name;
+    const FaultyCalls faults(test::Call::fallocate, error, 0, static_cast<std::size_t>(count));
+    const PagePtr page = name.allocate();
+    ASSERT_NE(page, nullptr) << error;
+    EXPECT_TRUE(faults.any_failed());
+    EXPECT_TRUE(page_consume_free_space(*page, as_bytes("kept")));
+  }
+}
+
+TEST(SharedPageFaults, ObjectThatCannotBeLockedIsNotTakenAndNotRemoved) {
+  const ObjectName name;
+  {
+    const FaultyCalls faults(test::Call::flock, ENOLCK);
+    EXPECT_EQ(name.allocate(), nullptr);
+  }
+  PagePtr page = name.allocate();
+  ASSERT_NE(page, nullptr);
+  {
+    const FaultyCalls faults(test::Call::flock, ENOLCK);
+    const LogCapture log;
+    page.reset();
+    EXPECT_TRUE(log.has(QVX_LOG_INFO, "| --> shm_unlink(" + name.object() + ") failed"));
+  }
+  EXPECT_TRUE(name.exists());
+}
+
+TEST(SharedPageFaults, ObjectThatLosesItsNameAtOnceIsMadeAgain) {
+  const ObjectName name;
+  // The third call asks whether the name still leads to the object that the second one made.
+  const FaultyCalls faults(test::Call::shm_open, ENOENT, 2, 1);
+  const PagePtr page = name.allocate();
+  ASSERT_NE(page, nullptr);
+  EXPECT_TRUE(faults.any_failed());
+  EXPECT_EQ(page_creator(*page), getpid());
+}
+
+TEST(SharedPageFaults, PageThatFindsNoRoomLeavesNoObject) {
+  if (!test::MemoryLimit::kSupported) GTEST_SKIP();
+  const ObjectName name;
+  {
+    const test::MemoryLimit limit;
+    EXPECT_EQ(name.allocate(test::MemoryLimit::kTooMuch), nullptr);
+  }
+  EXPECT_FALSE(name.exists());
+  EXPECT_EQ(name.allocate(std::uint64_t{1} << 63), nullptr);
+  EXPECT_FALSE(name.exists());
+  const PagePtr page = name.allocate();
+  ASSERT_NE(page, nullptr);
+  EXPECT_EQ(name.allocate(std::uint64_t{1} << 63), nullptr);
   EXPECT_TRUE(name.exists());
 }
 

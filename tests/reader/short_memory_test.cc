@@ -92,6 +92,7 @@ TEST(ShortMemory, MetricsArePrintedWholeOrNotAtAll) {
 
 // Whatever allocation fails while pages are saved, the run fails or every file is as it has to be.
 TEST(ShortMemory, PagesAreSavedOrTheRunFailsWithAReason) {
+  if (!test::FailingAllocations::kFailsMalloc) GTEST_SKIP();
   namespace fs = std::filesystem;
   const test::ReaderFiles files;
   ReaderOptions options = files.options(OutputFormat::bin);
@@ -150,6 +151,7 @@ TEST(ShortMemory, PagesAreSavedOrTheRunFailsWithAReason) {
 
 // The command line is refused with a reason, or is as it was written.
 TEST(ShortMemory, CommandLineIsWholeOrRefusedWithAReason) {
+  if (!test::FailingAllocations::kFailsMalloc) GTEST_SKIP();
   const test::TempDir folder;
   for (const char* const name : {"d/one.bin", "d/e/two.bin"})
     folder.write_file(name, "");
@@ -197,6 +199,7 @@ TEST(ShortMemory, CommandLineIsWholeOrRefusedWithAReason) {
 
 // Without -i every type is asked for, and that takes memory as well.
 TEST(ShortMemory, DefaultOfTypeNamesIsThereOrMissed) {
+  if (!test::FailingAllocations::kFailsMalloc) GTEST_SKIP();
   const auto parsed = []() -> std::optional<std::string> {
     char program[] = "qvx_read", option[] = "-s", here[] = ".";
     char* argv[] = {program, option, here, nullptr};
@@ -218,6 +221,7 @@ TEST(ShortMemory, DefaultOfTypeNamesIsThereOrMissed) {
 }
 
 TEST(ShortMemory, UsageIsWholeOrMissing) {
+  if (!test::FailingAllocations::kFailsMalloc) GTEST_SKIP();
   const auto usage = []() -> std::optional<std::string> {
     try {
       return usage_text();

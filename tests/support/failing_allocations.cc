@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <new>
 
-// The sanitizers bring a malloc of their own, behind which only operator new can be made to fail.
+// FailingAllocations::kFailsMalloc for the preprocessor.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || !defined(__GLIBC__)
 #define QVX_FAILS_MALLOC 0
 #else

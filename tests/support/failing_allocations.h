@@ -12,6 +12,13 @@ class FailingAllocations {
  public:
   enum class Failing { lasting, once };
 
+  // The sanitizers bring a malloc of their own, behind which only operator new can be made to fail.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || !defined(__GLIBC__)
+  static constexpr bool kFailsMalloc = false;
+#else
+  static constexpr bool kFailsMalloc = true;
+#endif
+
   explicit FailingAllocations(std::size_t successes, Failing failing = Failing::lasting);
   ~FailingAllocations();
   FailingAllocations(const FailingAllocations&) = delete;

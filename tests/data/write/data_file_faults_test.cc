@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <string>
@@ -13,6 +14,7 @@
 #include "qvx/support/log.h"
 #include "tests/data/sample_builder.h"
 #include "tests/data/write/data_file_fixture.h"
+#include "tests/support/faulty_calls.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
@@ -117,6 +119,23 @@ TEST_F(DataFileFaults, BlockThatDoesNotFitLeavesNothingOfItself) {
   EXPECT_EQ(file_.file_size, 272u);
   EXPECT_EQ(append("ABCDEFGHIJKLMNOP"), 16u);
   EXPECT_EQ(read_file(path_).substr(256), "0123456789abcdefABCDEFGHIJKLMNOP");
+}
+
+// The next data would otherwise stand behind a part of a block, and be read as something else.
+TEST_F(DataFileFaults, FileWhosePartOfABlockCannotBeCutOffIsWrittenNoMore) {
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  append("0123456789abcdef");
+  {
+    const FileSizeLimit limit(256 + 16 + 10);
+    const test::FaultyCalls faults(test::Call::ftruncate, EIO);
+    EXPECT_EQ(append("ABCDEFGHIJKLMNOP"), 0u);
+    EXPECT_TRUE(faults.any_failed());
+  }
+  EXPECT_EQ(read_file(path_).substr(256), "0123456789abcdefABCDEFGHIJ");
+  EXPECT_EQ(append("ABCDEFGHIJKLMNOP"), 0u);
+  EXPECT_EQ(read_file(path_).size(), 256u + 26);
+  // Its header tells the size that it has, so that the part is not taken for a block.
+  EXPECT_EQ(header_of(path_).file_size, 282u);
 }
 
 TEST_F(DataFileFaults, OfAPageThatDoesNotFitTheWholeBlocksStay) {

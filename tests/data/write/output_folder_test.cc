@@ -7,15 +7,19 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
+#include "tests/support/faulty_calls.h"
 #include "tests/support/temp_dir.h"
 
 namespace qvx {
 namespace {
 
 namespace fs = std::filesystem;
+using test::Call;
+using test::FaultyCalls;
 using test::read_file;
 using test::TempDir;
 using Components = std::vector<std::string>;
@@ -153,6 +157,56 @@ TEST_F(CreateIn, LeavesTheFileAndNothingElse) {
   FileIdentity found;
   EXPECT_EQ(look_at(folder_.get(), "name", found), EntryKind::file);
   EXPECT_EQ(status_of(file_.get())->identity, found);
+}
+
+// Each of these is how some file system says that it does not have a way.
+TEST_F(CreateIn, TakesAnotherWayWhereAFileSystemLacksOne) {
+  const std::initializer_list<Call> nameless{Call::open_nameless};
+  const std::initializer_list<Call> links{Call::linkat};
+  const std::initializer_list<Call> all{Call::open_nameless, Call::linkat, Call::renameat2};
+  int number = 0;
+  for (const int error : {EOPNOTSUPP, ENOSYS, EINVAL, EISDIR, EPERM, ENOENT, EMLINK}) {
+    for (const auto* lacking : {&nameless, &links, &all}) {
+      const std::string name = std::to_string(number++);
+      const FaultyCalls faults(*lacking, error);
+      ASSERT_TRUE(create(name)) << error;
+      EXPECT_TRUE(faults.any_failed());
+      EXPECT_EQ(read_file(temp_.path() / name), "bytes");
+    }
+  }
+  EXPECT_EQ(std::distance(fs::directory_iterator(temp_.path()), {}), number);
+}
+
+TEST_F(CreateIn, WithoutNamelessFilesAndRenamesThatReplaceNothingADraftIsLinked) {
+  const FaultyCalls faults({Call::open_nameless, Call::renameat2}, EINVAL);
+  ASSERT_TRUE(create("name"));
+  EXPECT_EQ(read_file(temp_.path() / "name"), "bytes");
+  EXPECT_EQ(std::distance(fs::directory_iterator(temp_.path()), {}), 1);  // no draft
+}
+
+TEST_F(CreateIn, DraftIsRemovedWhenTheNameIsTaken) {
+  temp_.write_file("name", "old");
+  const FaultyCalls faults(Call::open_nameless, ENOSYS);
+  EXPECT_FALSE(create("name"));
+  EXPECT_EQ(errno, EEXIST);
+  EXPECT_EQ(read_file(temp_.path() / "name"), "old");
+  EXPECT_EQ(std::distance(fs::directory_iterator(temp_.path()), {}), 1);
+}
+
+TEST_F(CreateIn, OtherFaultsEndItWhateverTheWay) {
+  {
+    const FaultyCalls faults(Call::open_nameless, EIO);
+    EXPECT_FALSE(create("name"));
+    EXPECT_EQ(errno, EIO);
+    EXPECT_FALSE(writing_);
+  }
+  {
+    const FaultyCalls faults({Call::open_nameless, Call::write}, EINVAL);
+    EXPECT_FALSE(create("name"));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_TRUE(writing_);
+  }
+  EXPECT_TRUE(fs::is_empty(temp_.path()));
 }
 
 TEST_F(CreateIn, DoesNotReplaceWhatIsThere) {

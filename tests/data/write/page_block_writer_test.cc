@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "qvx/support/text.h"
+#include "tests/support/allocation_sweep.h"
 #include "tests/support/failing_allocations.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/log_capture.h"
@@ -252,6 +253,14 @@ TEST_P(EncodedPage, IsSmallerWhenItsDataRepeats) {
   const auto block = encode_page_block(*page, GetParam());
   ASSERT_TRUE(block.has_value());
   EXPECT_LT(block->size(), 10'000u);
+}
+
+TEST_P(EncodedPage, WhateverAllocationFailsItIsWholeOrNothing) {
+  const PagePtr page = page_of(make_source("host", ""), "data");
+  const auto whole = encode_page_block(*page, GetParam());
+  ASSERT_TRUE(whole);
+  test::sweep_allocations([&] { return encode_page_block(*page, GetParam()); },
+                          [&](const auto& made) { return made == whole; });
 }
 
 TEST_P(EncodedPage, ShortMemoryGivesNothing) {
