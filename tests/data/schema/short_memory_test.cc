@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "qvx/counters/counters_json.h"
 #include "qvx/counters/counters_schema.h"
 #include "qvx/data/schema/record_influx.h"
 #include "qvx/data/schema/record_json.h"
@@ -188,6 +189,13 @@ TEST(ShortMemory, OfLoadingLeavesNothingOut) {
                     [](const SchemaPtr& schema) { return schema->types[0]->fields.size() == 3; });
   sweep_allocations([&] { return TypeSystemPtr(qvx_type_system_from_json_text(whole.c_str())); },
                     [&](const TypeSystemPtr& loaded) { return text_of(loaded) == whole; });
+  // A counters schema alone, too, is a type system.
+  const std::string counters =
+      qvx_counters_schema_jsonify_text(make_types_with_counters()->counters_schema.get()).value_or("");
+  sweep_allocations([&] { return TypeSystemPtr(qvx_type_system_from_json_text(counters.c_str())); },
+                    [](const TypeSystemPtr& loaded) {
+                      return loaded->schemas.empty() && loaded->counters_schema->groups.size() == 1;
+                    });
 }
 
 TEST(ShortMemory, OfTextsOfSchemasMakesNone) {

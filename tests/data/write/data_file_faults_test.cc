@@ -14,6 +14,7 @@
 #include "qvx/support/log.h"
 #include "tests/data/sample_builder.h"
 #include "tests/data/write/data_file_fixture.h"
+#include "tests/support/failing_allocations.h"
 #include "tests/support/faulty_calls.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
@@ -183,6 +184,36 @@ TEST_F(DataFileFaults, HeaderThatDoesNotFitLeavesNoFile) {
                    "[data_file] Failed to create empty data file " + path_ + ": File too large"}));
   EXPECT_TRUE(fs::is_empty(temp_.path() / "2023/1114/node1"));
   EXPECT_TRUE(data_file_open_for(file_, kStart, kStart));
+}
+
+// -- Short memory
+
+TEST_F(DataFileFaults, PathIsWholeOrMissing) {
+  {
+    const test::FailingAllocations failures(0);
+    EXPECT_EQ(data_file_expand_path(file_), std::nullopt);
+  }
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  EXPECT_EQ(data_file_expand_path(file_), path_);
+}
+
+TEST_F(DataFileFaults, HeaderIsUpdatedOrThatFails) {
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  append("0123456789abcdef");
+  bool any_failed = true;
+  for (std::size_t successes = 0; any_failed && successes < 1000; ++successes) {
+    bool updated = false;
+    {
+      const test::FailingAllocations failures(successes, test::FailingAllocations::Failing::once);
+      updated = data_file_update_header(file_);
+      any_failed = failures.any_failed();
+    }
+    EXPECT_TRUE(updated || any_failed);
+    if (updated) {
+      EXPECT_EQ(header_of(path_).file_size, 272u);
+    }
+  }
+  EXPECT_FALSE(any_failed);
 }
 
 // -- Names that cannot be trusted

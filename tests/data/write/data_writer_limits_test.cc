@@ -14,6 +14,7 @@
 #include "qvx/support/log.h"
 #include "tests/data/sample_builder.h"
 #include "tests/data/write/data_writer_fixture.h"
+#include "tests/support/failing_allocations.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
 
@@ -61,6 +62,20 @@ class LimitedDataWriter : public DataWriterLimits {
         {.room = 100, .first_timestamp = kStart + seconds * 1000000, .source_id = std::string(source)});
   }
 };
+
+TEST_F(LimitedDataWriter, OldestFilesAreRemovedWithoutMemoryToo) {
+  EXPECT_TRUE(data_writer_set_data_size_limit(*writer_, 1 << 20));
+  for (std::uint64_t second = 1; second <= 5; ++second)
+    ASSERT_TRUE(write_at(second));
+  EXPECT_TRUE(data_writer_set_data_size_limit(*writer_, 399));
+  {
+    const test::FailingAllocations failures(0);
+    data_writer_enforce_data_size_limit(*writer_);
+  }
+  EXPECT_EQ(data_files(),
+            (Texts{"2023/1114/node1/1700000003000000.bin", "2023/1114/node1/1700000004000000.bin",
+                   "2023/1114/node1/1700000005000000.bin"}));
+}
 
 TEST_F(LimitedDataWriter, OldestFilesAreRemoved) {
   for (std::uint64_t second = 1; second <= 5; ++second)
