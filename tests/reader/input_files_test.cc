@@ -138,6 +138,20 @@ TEST(SortFilesTest, TextsCompareAsUnsignedBytesAndTimesAsUnsignedNumbers) {
   EXPECT_EQ(sorted_paths({{"", "", 1ULL << 63, "1"}, {"", "", 1, "2"}}, {{kTime}, 1}), (Paths{"2", "1"}));
 }
 
+TEST(SortFilesTest, FilesThatAreEqualInAllKeysAreNeitherLostNorRepeated) {
+  std::vector<FileEntry> entries;
+  Paths expected;
+  for (int number = 100; number < 150; ++number) {
+    entries.push_back({"same", "same", number < 125 ? 2U : 1U, std::to_string(number)});
+    expected.push_back(std::to_string(number));
+  }
+  Paths paths = sorted_paths(entries, default_sort_order());
+  // Of the two times the earlier comes first; among the files of one any order will do.
+  EXPECT_GE(*std::min_element(paths.begin(), paths.begin() + 25), "125");
+  std::sort(paths.begin(), paths.end());
+  EXPECT_EQ(paths, expected);
+}
+
 TEST(SortFilesTest, TracesTheOrderBeforeAndAfter) {
   LogCapture log;
   sorted_paths({{"i", "t", 2, "x"}, {"i", "t", 1, "y"}}, default_sort_order());
