@@ -2,7 +2,7 @@
 // on a sample of them.
 //
 //   number_proof_tests [STRIDE]    looks at every STRIDE-th number of the large classes; 1, all of them,
-//   takes an hour or more
+//   takes an hour
 //
 // Prints for each class how many numbers were looked at, how many differ, and the seconds. The first ten that
 // differ are shown.
