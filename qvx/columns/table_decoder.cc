@@ -133,8 +133,11 @@ bool TableDecoder::next(std::uint64_t limit, ArrowArray* out) {
   if (rows_ == 0) return false;
   last_rows_ = rows_;
   expected_rows_ = std::max(expected_rows_, rows_);
-  for (std::size_t i = 0; i < columns_.size(); ++i)
+  last_bytes_ = saturating_multiply(rows_, row_bytes_);
+  for (std::size_t i = 0; i < columns_.size(); ++i) {
     last_text_bytes_[i] = columns_[i].text_bytes();
+    last_bytes_ = saturating_add(last_bytes_, last_text_bytes_[i]);
+  }
   export_batch(columns_, rows_, out);
   columns_.clear();
   rows_ = 0;

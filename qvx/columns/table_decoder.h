@@ -17,7 +17,6 @@
 #include "qvx/columns/query.h"
 #include "qvx/scan/file_scan.h"
 #include "qvx/scan/sample_reader.h"
-#include "qvx/support/saturate.h"
 
 namespace qvx::columns {
 
@@ -54,8 +53,8 @@ class TableDecoder final : private ScanVisitor {
   [[nodiscard]] bool next(std::uint64_t limit, ArrowArray* out);
 
   std::size_t rows_of_last_batch() const { return last_rows_; }
-  // Roughly.
-  std::uint64_t bytes_of_last_batch() const { return saturating_multiply(last_rows_, row_bytes_); }
+  // Roughly, and no less than its texts and labels take.
+  std::uint64_t bytes_of_last_batch() const { return last_bytes_; }
   std::uint64_t pages_passed_over() const { return pages_passed_over_; }
 
  private:
@@ -124,6 +123,7 @@ class TableDecoder final : private ScanVisitor {
   std::vector<Column> columns_;
   std::size_t rows_ = 0;
   std::size_t last_rows_ = 0;
+  std::uint64_t last_bytes_ = 0;
   std::size_t expected_rows_ = 0;             // of the next batch, if it is not full before
   std::vector<std::size_t> last_text_bytes_;  // of each column, per batch
   std::uint64_t pages_passed_over_ = 0;
