@@ -1,6 +1,8 @@
 // Data files with schemas for tests of columns, and queries against them.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -12,6 +14,7 @@
 #include "qvx/columns/table_stream.h"
 #include "tests/columns/arrow_rows.h"
 #include "tests/data/sample_builder.h"
+#include "tests/metrics/cntx_builder.h"
 #include "tests/support/temp_dir.h"
 
 namespace qvx::test {
@@ -93,6 +96,20 @@ inline std::string jobs_block(std::uint64_t first, std::uint64_t count) {
 inline std::string loads_block(std::uint64_t used, std::string_view name, double load,
                                std::uint64_t time = kNoon) {
   return counters_block(time, le(used) + field(name, 4) + le(load));
+}
+
+// A metrics block of so many rows with 200 labels, whose names have 250 bytes: 51,600 bytes a row. Needs
+// units of 128 KiB.
+inline std::string long_labels_block(std::size_t rows) {
+  std::vector<std::string> names;
+  for (int i = 0; i < 200; ++i)
+    names.push_back(std::to_string(100 + i) + std::string(247, 'n'));
+  TestBlock block;
+  block.label_name_sets = label_names(names);
+  block.blocksize = 100000;
+  block.records = {record({.samples = std::vector<std::pair<std::uint16_t, std::uint64_t>>(rows, {1, 7}),
+                           .labels = labels_l(0, std::vector<std::uint8_t>(200, 0))})};
+  return block.bytes();
 }
 
 // A folder with the schemas of both.

@@ -14,7 +14,6 @@
 #include "qvx/columns/buffer.h"
 #include "qvx/columns/survey.h"
 #include "tests/columns/column_files.h"
-#include "tests/metrics/cntx_builder.h"
 #include "tests/support/failing_allocations.h"
 #include "tests/support/fake_threads.h"
 
@@ -135,19 +134,11 @@ TEST_F(ThreadsTest, DecodingAheadEndsWhereItsMemoryDoes) {
   EXPECT_EQ(test::read_all(stream).rows.size(), 14u);
 }
 
-// 200 labels with names of 250 bytes: 516,000 bytes in a batch of ten rows.
+// A batch of ten rows takes 516,000 bytes.
 TEST_F(ThreadsTest, LongLabelsCountAsMemoryOfWhatWaits) {
-  std::vector<std::string> names;
-  for (int i = 0; i < 200; ++i)
-    names.push_back(std::to_string(100 + i) + std::string(247, 'n'));
-  test::TestBlock block;
-  block.label_name_sets = test::label_names(names);
-  block.blocksize = 100000;
-  block.records = {test::record({.samples = std::vector<std::pair<std::uint16_t, std::uint64_t>>(60, {1, 7}),
-                                 .labels = test::labels_l(0, std::vector<std::uint8_t>(200, 0))})};
   std::vector<std::string> paths;
   for (const char* const name : {"c.bin", "d.bin"})
-    paths.push_back(files_.write(name, {block.bytes()}, files_.header(131072)));
+    paths.push_back(files_.write(name, {test::long_labels_block(60)}, files_.header(131072)));
   const auto data = open(paths);
   TableStream stream(data, resolve(*data, {.table = "metrics",
                                            .columns = {"labels", "value"},
