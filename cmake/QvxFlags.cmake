@@ -14,8 +14,10 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
   target_compile_options(qvx_flags INTERFACE -Wno-restrict)
 endif()
 
-# To look at an object's type the sanitizer needs descriptors, which some tests take from the process.
-if(QVX_SANITIZE OR QVX_BUILD_FUZZERS)
+if(QVX_SANITIZE STREQUAL "memory")
+  include(cmake/QvxMemorySanitizer.cmake)
+elseif(QVX_SANITIZE OR QVX_BUILD_FUZZERS)
+  # To look at an object's type the sanitizer needs descriptors, which some tests take from the process.
   set(qvx_sanitizers -fsanitize=address,undefined -fno-sanitize=vptr -fno-sanitize-recover=undefined
     -fno-omit-frame-pointer)
   target_compile_options(qvx_flags INTERFACE ${qvx_sanitizers})

@@ -3,14 +3,14 @@
 //   TARGET_replay PATH...                       over the files, and the files of the folders
 //   TARGET_replay --seed=N --seconds=N PATH...  over inputs that are made from them by chance; prints how
 //   many
+#include <dirent.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <random>
 #include <string>
@@ -24,7 +24,6 @@ extern "C" __attribute__((weak)) std::size_t LLVMFuzzerCustomMutator(std::uint8_
 
 namespace {
 
-namespace fs = std::filesystem;
 using Input = std::vector<std::uint8_t>;
 
 constexpr std::size_t kLargestInput = 8192;
@@ -68,24 +67,34 @@ void change_bytes(Input& input, std::size_t max_size) {
   if (input.size() > max_size) input.resize(max_size);
 }
 
-Input read(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) {
-    std::fprintf(stderr, "cannot read %s\n", path.c_str());
-    std::exit(1);
-  }
-  return {std::istreambuf_iterator<char>(file), {}};
+[[noreturn]] void fail(const char* words, const std::string& path) {
+  std::fprintf(stderr, "%s %s\n", words, path.c_str());
+  std::exit(1);
 }
 
-std::vector<fs::path> files_of(const std::vector<std::string_view>& names) {
-  std::vector<fs::path> paths;
-  for (const fs::path name : names) {
-    if (!fs::is_directory(name)) {
+// By the C library, whose writing the memory sanitizer knows.
+Input read(const std::string& path) {
+  std::FILE* const file = std::fopen(path.c_str(), "rb");
+  if (file == nullptr) fail("cannot read", path);
+  Input input;
+  for (int byte = 0; (byte = std::fgetc(file)) != EOF;)
+    input.push_back(static_cast<std::uint8_t>(byte));
+  std::fclose(file);
+  return input;
+}
+
+// A folder stands for the files in it.
+std::vector<std::string> files_of(const std::vector<std::string>& names) {
+  std::vector<std::string> paths;
+  for (const std::string& name : names) {
+    DIR* const folder = opendir(name.c_str());
+    if (folder == nullptr) {
       paths.push_back(name);
       continue;
     }
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(name))
-      if (entry.is_regular_file()) paths.push_back(entry.path());
+    while (const dirent* const entry = readdir(folder))
+      if (entry->d_name[0] != '.') paths.push_back(name + "/" + entry->d_name);
+    closedir(folder);
   }
   std::ranges::sort(paths);
   return paths;
@@ -93,9 +102,9 @@ std::vector<fs::path> files_of(const std::vector<std::string_view>& names) {
 
 // Inputs become parents of others for a while, so that changes add up. A crash is repeated with the same
 // seed.
-void run_by_chance(const std::vector<fs::path>& paths, double seconds) {
+void run_by_chance(const std::vector<std::string>& paths, double seconds) {
   std::vector<Input> parents;
-  for (const fs::path& path : paths)
+  for (const std::string& path : paths)
     parents.push_back(read(path));
   const std::size_t first_made = parents.size();
   const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
@@ -135,17 +144,17 @@ extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, st
 
 int main(int argc, char** argv) {
   double seconds = 0;
-  std::vector<std::string_view> names;
+  std::vector<std::string> names;
   for (const std::string_view argument : std::vector<std::string_view>(argv + 1, argv + argc)) {
     if (argument.starts_with("--seed=")) {
       random_numbers.seed(static_cast<unsigned>(std::atoi(argument.data() + 7)));
     } else if (argument.starts_with("--seconds=")) {
       seconds = std::atof(argument.data() + 10);
     } else {
-      names.push_back(argument);
+      names.emplace_back(argument);
     }
   }
-  const std::vector<fs::path> paths = files_of(names);
+  const std::vector<std::string> paths = files_of(names);
   if (paths.empty()) {
     std::fprintf(stderr, "nothing to run\n");
     return 1;
@@ -154,7 +163,7 @@ int main(int argc, char** argv) {
     run_by_chance(paths, seconds);
     return 0;
   }
-  for (const fs::path& path : paths) {
+  for (const std::string& path : paths) {
     const Input input = read(path);
     // Named first, so that a crash tells where.
     std::printf("%s\n", path.c_str());

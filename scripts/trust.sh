@@ -4,7 +4,7 @@
 #   scripts/trust.sh [minutes, 10 if not given [seed, 1 if not given]]
 #
 # QVX_TRUST_TALLY names a file to which each run adds its figures; the table holds their sums. Without it only this run
-# counts. The fuzz targets are built with clang where there is one.
+# counts. Where there is clang, libFuzzer steers the fuzz targets, and they run with the memory sanitizer too.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/lib.sh
@@ -28,20 +28,23 @@ tests=(
 targets=()
 for folder in fuzz/corpus/*/; do targets+=("$(basename "$folder")"); done
 
-# Half of the time is for the fuzz targets, and those that read whole files get three shares; a third is for the sweeps.
+# Half of the time is for the fuzz targets, a fifth of it with the memory sanitizer, and those that read whole files get three
+# shares; a third is for the sweeps.
 share() { awk -v minutes="$minutes" -v part="$1" -v of="$2" 'BEGIN { printf "%d", 60 * minutes * part / of + 1 }'; }
-fuzz_seconds=$(share 0.5 $((${#targets[@]} + 4)))
+fuzz_seconds=$(share 0.4 $((${#targets[@]} + 4)))
+memory_seconds=$(share 0.1 $((${#targets[@]} + 4)))
 sweep_seconds=$(share 0.33 $((${#sweeps[@]} + ${#tests[@]} / 2)))
 
 cmake --preset release >/dev/null
 cmake --build build/release --target qvx_read trust_sweeps write_tests bin_output_tests data_tests \
   "${targets[@]/%/_replay}" >/dev/null
-fuzz_build=build/release
-if command -v clang++ >/dev/null; then
-  fuzz_build=build/fuzz
-  cmake -B $fuzz_build -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DQVX_BUILD_FUZZERS=ON -DQVX_BUILD_TESTS=OFF \
+clang=$(command -v clang++ || true)
+if [ -n "$clang" ]; then
+  cmake -B build/fuzz -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DQVX_BUILD_FUZZERS=ON -DQVX_BUILD_TESTS=OFF \
     -DQVX_BUILD_EXAMPLES=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-  cmake --build $fuzz_build --target "${targets[@]}" >/dev/null
+  cmake --build build/fuzz --target "${targets[@]}" >/dev/null
+  cmake --preset msan >/dev/null
+  cmake --build --preset msan --target "${targets[@]/%/_replay}" >/dev/null
 fi
 
 # run_test <program> <filter>
@@ -52,28 +55,34 @@ run_test() {
   grep -a '^result' "$QVX_SCRATCH/test" || printf 'result\t%s\t0\t1\t0\n' "$2"
 }
 
+# tell <kind> <cases> <findings> <seconds>: what is found is shown.
+tell() {
+  [ "$3" = 0 ] || tail -n 30 "$QVX_SCRATCH/log" >&2
+  printf 'result\t%s\t%s\t%s\t%s\n' "$1" "${2:-0}" "$3" "$4" | tee -a "$tally"
+}
+
 # run_fuzzer <target> <seconds>: a crash is a finding, and its input stays in build/findings.
 run_fuzzer() {
-  local target=$1 seconds=$2 log=$QVX_SCRATCH/fuzz corpus=build/corpus/$1 findings=0 cases
+  local target=$1 seconds=$2 corpus=build/corpus/$1 findings=0
   mkdir -p "$corpus" build/findings
-  if [ $fuzz_build = build/fuzz ]; then
-    build/fuzz/fuzz/"$target" -seed="$seed" -max_total_time="$seconds" -entropic=0 -max_len=4096 -timeout=10 -rss_limit_mb=1024 \
-      -print_final_stats=1 -artifact_prefix=build/findings/"$target"- "$corpus" "fuzz/corpus/$target" >"$log" 2>&1 || findings=1
-    cases=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
-  else
-    build/release/fuzz/"${target}_replay" --seed="$seed" --seconds="$seconds" "fuzz/corpus/$target" >"$log" 2>&1 || findings=1
-    cases=$(sed -n 's/ inputs$//p' "$log")
-  fi
-  [ $findings = 0 ] || tail -n 30 "$log" >&2
-  printf 'result\tfuzz %s\t%s\t%s\t%s\n' "${target%_fuzz}" "${cases:-0}" $findings "$seconds" | tee -a "$tally"
+  build/fuzz/fuzz/"$target" -seed="$seed" -max_total_time="$seconds" -entropic=0 -max_len=4096 -timeout=10 -rss_limit_mb=1024 \
+    -print_final_stats=1 -artifact_prefix=build/findings/"$target"- "$corpus" "fuzz/corpus/$target" >"$QVX_SCRATCH/log" 2>&1 ||
+    findings=1
+  tell "fuzz ${target%_fuzz}" "$(sed -n 's/^stat::number_of_executed_units: *//p' "$QVX_SCRATCH/log")" $findings "$seconds"
+}
+
+# run_by_chance <kind> <build> <target> <seconds>: inputs made from the corpus by chance.
+run_by_chance() {
+  local findings=0
+  "build/$2/fuzz/$3_replay" --seed="$seed" --seconds="$4" "fuzz/corpus/$3" >"$QVX_SCRATCH/log" 2>&1 || findings=1
+  tell "$1 ${3%_fuzz}" "$(sed -n 's/ inputs$//p' "$QVX_SCRATCH/log")" $findings "$4"
 }
 
 # run_memcheck <target>: the corpus under valgrind, which sees every byte that was never set.
 run_memcheck() {
   local began=$SECONDS findings=0
-  valgrind -q --error-exitcode=99 build/release/fuzz/"$1_replay" "fuzz/corpus/$1" >"$QVX_SCRATCH/log" 2>&1 ||
-    { findings=1; tail -n 30 "$QVX_SCRATCH/log" >&2; }
-  printf 'result\tmemcheck\t%s\t%s\t%s\n' "$(find "fuzz/corpus/$1" -type f | wc -l)" $findings $((SECONDS - began)) | tee -a "$tally"
+  valgrind -q --error-exitcode=99 build/release/fuzz/"$1_replay" "fuzz/corpus/$1" >"$QVX_SCRATCH/log" 2>&1 || findings=1
+  tell memcheck "$(find "fuzz/corpus/$1" -type f | wc -l)" $findings $((SECONDS - began))
 }
 
 for kind in "${sweeps[@]}"; do
@@ -83,10 +92,14 @@ for ((at = 0; at < ${#tests[@]}; at += 2)); do
   run_test "${tests[at]}" "${tests[at + 1]}" | tee -a "$tally"
 done
 for target in "${targets[@]}"; do
-  case $target in
-    whole_file_fuzz | typed_file_fuzz) run_fuzzer "$target" $((3 * fuzz_seconds)) ;;
-    *) run_fuzzer "$target" "$fuzz_seconds" ;;
-  esac
+  shares=1
+  case $target in whole_file_fuzz | typed_file_fuzz) shares=3 ;; esac
+  if [ -n "$clang" ]; then
+    run_fuzzer "$target" $((shares * fuzz_seconds))
+    run_by_chance memory msan "$target" $((shares * memory_seconds))
+  else
+    run_by_chance fuzz release "$target" $((shares * fuzz_seconds))
+  fi
 done
 # Short runs do a part of the rest, another one for each seed.
 quick=
