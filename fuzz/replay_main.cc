@@ -17,6 +17,10 @@
 #include <string_view>
 #include <vector>
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 // A target may have a mutator of its own.
 extern "C" __attribute__((weak)) std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
@@ -143,6 +147,11 @@ extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, st
 }
 
 int main(int argc, char** argv) {
+#ifdef __GLIBC__
+  // Large texts come and go with each input; fetching their pages anew took most of the time of some targets.
+  mallopt(M_MMAP_THRESHOLD, 1 << 30);
+  mallopt(M_TRIM_THRESHOLD, 1 << 30);
+#endif
   double seconds = 0;
   std::vector<std::string> names;
   for (const std::string_view argument : std::vector<std::string_view>(argv + 1, argv + argc)) {
