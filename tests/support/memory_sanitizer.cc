@@ -1,7 +1,8 @@
 // Tells the memory sanitizer which bytes were set by code that was compiled without it: the C++ library, the
 // compression libraries and the digest. The linker puts each function here in the place of the one whose
-// symbol follows "__wrap_" (cmake/QvxFlags.cmake). Class templates of the C++ library are compiled with the
-// program and need none, what a function returns counts as set, and the C library is known to the sanitizer.
+// symbol follows "__wrap_" (cmake/QvxMemorySanitizer.cmake). Class templates of the C++ library are compiled
+// with the program and need none, what a function returns counts as set, and the C library is known to the
+// sanitizer.
 #include <libdeflate.h>
 #include <openssl/md5.h>
 #include <sanitizer/msan_interface.h>
