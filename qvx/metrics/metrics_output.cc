@@ -78,20 +78,26 @@ std::optional<json::Style> style_of(MetricsRecordTarget::Format format) {
 
 class MetricsWriter::Impl {
  public:
-  void output_block(MetricsRecordTarget& target, Bytes block) {
+  bool output_block(MetricsRecordTarget& target, Bytes block) {
+    memory_is_short_ = false;
     try {
       if (const std::optional<json::Style> style = style_of(target.format())) use_style(*style);
       decode(block);
       write(target);
     } catch (const std::exception& fault) {
       QVX_LOG(QVX_LOG_ERROR, "failed to parse full block: %s", fault.what());
+      note(fault);
     }
+    return !memory_is_short_;
   }
 
  private:
   void use_style(json::Style style);
   void decode(Bytes block);
   void write(MetricsRecordTarget& target);
+  void note(const std::exception& fault) {
+    if (dynamic_cast<const std::bad_alloc*>(&fault) != nullptr) memory_is_short_ = true;
+  }
 
   void check_records();
   std::size_t read_labels(const std::byte* record, const MetricsRecordHeader& header, const char* caller);
@@ -109,6 +115,7 @@ class MetricsWriter::Impl {
   Bytes batch_labels_;                // the labels block of the batch
   bool batch_labels_repeat_ = false;  // it is the one of labels_text_, and was not parsed
   Record record_;
+  bool memory_is_short_ = false;
 
   // Kept from block to block.
   KeptTables tables_;
@@ -198,6 +205,7 @@ void MetricsWriter::Impl::write(MetricsRecordTarget& target) {
     name_texts_.use_style(style_);
   } catch (const std::bad_alloc&) {
     QVX_LOG(QVX_LOG_WARNING, "Failed to serialize json.");
+    memory_is_short_ = true;
     return;
   }
   write_record(target.begin_record());
@@ -226,6 +234,7 @@ bool MetricsWriter::Impl::build_record() {
     return can_be_made;
   } catch (const std::exception& fault) {
     QVX_LOG(QVX_LOG_ERROR, "failed to JSONify metrics: %s", fault.what());
+    note(fault);
     return false;
   }
 }
@@ -305,15 +314,16 @@ MetricsWriter::MetricsWriter() : impl_(std::make_unique<Impl>()) {}
 
 MetricsWriter::~MetricsWriter() = default;
 
-void MetricsWriter::output_metrics_block(MetricsRecordTarget& target, Bytes block) {
-  impl_->output_block(target, block);
+bool MetricsWriter::output_metrics_block(MetricsRecordTarget& target, Bytes block) {
+  return impl_->output_block(target, block);
 }
 
-void output_metrics_block(MetricsRecordTarget& target, Bytes block) {
+bool output_metrics_block(MetricsRecordTarget& target, Bytes block) {
   try {
-    MetricsWriter().output_metrics_block(target, block);
+    return MetricsWriter().output_metrics_block(target, block);
   } catch (const std::bad_alloc& fault) {
     QVX_LOG(QVX_LOG_ERROR, "failed to parse full block: %s", fault.what());
+    return false;
   }
 }
 

@@ -29,7 +29,7 @@ class MetricsRecordTarget {
 
 // Decodes blocks and writes each as one object: pretty for Format::json, compact for Format::ndjson, refused
 // by a file error for the others. A later batch's members take the place of an earlier one's. A block with a
-// fault is logged and writes nothing. Throws nothing.
+// fault is logged and writes nothing; true, unless that fault is a want of memory. Throws nothing.
 //
 // Keeps the tables of the last block, their names escaped and the text of its labels, which are the same in
 // most blocks of a file, and its working memory: a few MiB at most besides what one block needs.
@@ -41,7 +41,7 @@ class MetricsWriter {
   MetricsWriter& operator=(const MetricsWriter&) = delete;
 
   // The block begins at the first byte and ends, at the latest, with the last.
-  void output_metrics_block(MetricsRecordTarget& target, Bytes block);
+  bool output_metrics_block(MetricsRecordTarget& target, Bytes block);
 
  private:
   class Impl;
@@ -49,6 +49,6 @@ class MetricsWriter {
 };
 
 // The same for a single block.
-void output_metrics_block(MetricsRecordTarget& target, Bytes block);
+bool output_metrics_block(MetricsRecordTarget& target, Bytes block);
 
 }  // namespace qvx::metrics

@@ -103,9 +103,9 @@ bool PrintVisitor::print_counters(const CountersBlock& block) {
   return false;
 }
 
-// Its faults are reported and never fail the file.
+// Its faults are reported and do not fail the file, unless memory was short.
 void PrintVisitor::on_metrics(const MetricsBlock& block) {
-  run_.metrics.output_metrics_block(*this, block.block);
+  if (!run_.metrics.output_metrics_block(*this, block.block)) metrics_lost_ = true;
   ++records_written_;
 }
 

@@ -47,8 +47,8 @@ class PrintVisitor : public ScanVisitor, private metrics::MetricsRecordTarget {
   // that was decoded so far.
   void file_error(const char* message) override;
 
-  // Whether everything was saved that had to be; the file fails at its end if not.
-  virtual bool complete() { return true; }
+  // Whether nothing was lost that was passed over meanwhile; the file fails at its end if not.
+  virtual bool complete() { return !metrics_lost_; }
 
   // Records, counters and metrics blocks handled; 0: the next record is the first.
   std::uint32_t records_written() const { return records_written_; }
@@ -67,6 +67,7 @@ class PrintVisitor : public ScanVisitor, private metrics::MetricsRecordTarget {
 
   const char* path_;
   std::uint32_t records_written_ = 0;
+  bool metrics_lost_ = false;
 };
 
 }  // namespace qvx

@@ -90,6 +90,58 @@ TEST(ShortMemory, MetricsArePrintedWholeOrNotAtAll) {
   EXPECT_GT(whole, 0u);
 }
 
+// A metrics block that there was no memory for fails the file, though the next one is gone on with.
+TEST(ShortMemory, LostMetricsAreToldAndTheNextBlockIsPrinted) {
+  const test::ReaderFiles files;
+  const auto block = [](std::uint64_t timestamp, const std::string& label) {
+    test::TestBlock made;
+    made.label_name_sets = test::label_names({label});
+    made.records = {test::record({.timestamp = timestamp, .labels = test::labels_l(0, {0})})};
+    return made.bytes();
+  };
+  // Other labels in each, so that nothing of the first serves the second.
+  const std::string input =
+      files.write("a.bin", test::sample_file(test::usual_header(), {block(1, "rack"), block(2, "row")}));
+  ReaderOptions options = files.options(OutputFormat::ndjson);
+  ASSERT_TRUE(append(options.input_files, input.c_str()));
+  std::string out;
+  out.reserve(4096);
+  const auto failures = [&] {
+    out.clear();
+    OutputSink sink(out);
+    const int failed = process_files(options, sink);
+    static_cast<void>(sink.flush());
+    return failed;
+  };
+  ASSERT_EQ(failures(), 0);
+  const std::string whole = out;
+  const std::string second = whole.substr(whole.find('\n') + 1);
+  ASSERT_TRUE(second.starts_with("{\"timestamp\":2,")) << second;
+  bool any_failed = true;
+  std::size_t gone_on = 0;
+  testing::internal::CaptureStderr();
+  for (std::size_t successes = 0; any_failed && successes < 1000; ++successes) {
+    int failed = 1;
+    {
+      const test::FailingAllocations failing(successes, test::FailingAllocations::Failing::once);
+      try {
+        failed = failures();
+      } catch (const std::bad_alloc&) {
+      }
+      any_failed = failing.any_failed();
+    }
+    if (failed == 0) {
+      EXPECT_EQ(out, whole) << successes;
+    }
+    gone_on += failed != 0 && out == second;
+  }
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_FALSE(any_failed);
+  EXPECT_GT(gone_on, 0u);
+  EXPECT_NE(said.find("Failed processing file " + input + ": Failed to process data file " + input),
+            said.npos);
+}
+
 // Whatever allocation fails while pages are saved, the run fails or every file is as it has to be.
 TEST(ShortMemory, PagesAreSavedOrTheRunFailsWithAReason) {
   if (!test::FailingAllocations::kFailsMalloc) GTEST_SKIP();
