@@ -4,8 +4,8 @@
 #
 #   scripts/coverage.sh [--refresh]     --refresh writes the list anew, with a question mark where a reason is missing
 #
-# Branches that only an exception takes are left out, since the compiler makes one for each call that may throw, and so is that
-# of a message whose level is off, which is one in QVX_LOG.
+# The preset maps the file of counters into every process, one file for all processes of a program, so that those that are
+# killed count too.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/lib.sh
@@ -13,16 +13,18 @@ cd "$(dirname "$0")/.."
 # What counts nothing: replays and sweeps; programs built around the library, which lack the counters.
 left_out='_replay$|^trust_|^install$|^exported_symbols$|^symbols$'
 
-install_packages "${QVX_PACKAGES[@]}" gcovr
+install_packages "${QVX_PACKAGES[@]}" clang llvm
 # The programs of those that count.
 targets=(qvx_read number_proof_tests log_threads_tests page_lines)
 mapfile -t -O ${#targets[@]} targets < <(sed -n 's/^ *qvx_test(\([a-z_]*\)$/\1_tests/p' tests/CMakeLists.txt)
 build coverage "${targets[@]}"
-find build/coverage -name '*.gcda' -delete
+rm -rf build/coverage/counters
 say "Running the tests of build/coverage"
 quietly "The test run" ctest --preset coverage -E "$left_out"
 grep -E 'tests passed|Total Test time' "$QVX_SCRATCH/log"
-quietly "Reading the counters" gcovr --root . --filter 'qvx/' --exclude-throw-branches --exclude-unreachable-branches \
-  --exclude-branches-by-pattern '.*(QVX_LOG\(|catch \().*' --json build/coverage/coverage.json \
-  build/coverage/qvx build/coverage/tests build/coverage/examples
+quietly "Reading the counters" llvm-profdata merge -o build/coverage/counters/all build/coverage/counters/*.profraw
+programs=("${targets[@]/#/--object=build/coverage/tests/}")
+programs[0]=--object=build/coverage/qvx_read
+llvm-cov export --instr-profile build/coverage/counters/all "${programs[@]}" --skip-functions --skip-expansions \
+  --ignore-filename-regex '/(build|examples|tests|usr)/' >build/coverage/coverage.json
 python3 tests/trust/coverage.py build/coverage/coverage.json "$@"
