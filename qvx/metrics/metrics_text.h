@@ -58,10 +58,6 @@ inline const RecordSpelling& record_spelling(json::Style style) {
 }
 
 // Copies the text, for which there is room, and returns the position behind it.
-inline char* put(char* out, std::string_view text) {
-  std::memcpy(out, text.data(), text.size());
-  return out + text.size();
-}
 inline char* put(char* out, const ShortText& text) {
   std::memcpy(out, text.text, ShortText::kRoom);
   return out + text.size;

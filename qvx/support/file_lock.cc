@@ -10,7 +10,7 @@ namespace qvx {
 FileLock::FileLock(int descriptor) noexcept : descriptor_(descriptor) {
   constexpr int kAttempts = 2000;
   constexpr timespec kPause{0, 1000000};
-  for (int attempt = 0; attempt < kAttempts && !locked_; ++attempt) {
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
     locked_ = flock(descriptor_, LOCK_EX | LOCK_NB) == 0;
     if (locked_) return;
     if (errno == EWOULDBLOCK) {

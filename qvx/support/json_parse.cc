@@ -135,7 +135,7 @@ class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> 
 };
 
 bool is_hex_escape_in(std::string_view escape, char low, char high) {
-  const auto upper = [](char c) { return c >= 'a' && c <= 'f' ? static_cast<char>(c - 'a' + 'A') : c; };
+  const auto upper = [](char c) { return c >= 'a' ? static_cast<char>(c - 'a' + 'A') : c; };
   return escape.size() >= 4 && escape[1] == 'u' && upper(escape[2]) == 'D' && upper(escape[3]) >= low &&
          upper(escape[3]) <= high;
 }

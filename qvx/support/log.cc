@@ -195,7 +195,7 @@ bool set_up_thread_safety() {
             "[logger] [%s] Thread safety is disabled by environment variable QVX_LOG_THREAD_SAFE", kRoutine);
     return false;
   }
-  if (logger.imported || logger.mutex != nullptr) return true;
+  if (logger.mutex != nullptr) return true;
   if (pthread_mutex_init(&logger.mutex_storage, nullptr) != 0) {
     QVX_LOG(QVX_LOG_ERROR, "[logger] [%s] failed to initialize logger mutex", kRoutine);
     return false;

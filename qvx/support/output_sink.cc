@@ -101,7 +101,7 @@ void OutputSink::write_out(const char* data, std::size_t size) noexcept {
     if (written >= 0) {
       data += written;
       size -= static_cast<std::size_t>(written);
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+    } else if (errno == EAGAIN) {
       wait_until_writable(descriptor_);
     } else if (errno != EINTR) {
       fail(errno);

@@ -110,7 +110,9 @@ bool may_write_another() {
 // A path cut to its limit would name another place.
 bool is_too_long(const Directory& directory, const std::string& name) {
   const std::string path = path_in(directory, name);
-  return path.size() > kMaxPathLength && !fail_open(path, ENAMETOOLONG);
+  if (path.size() <= kMaxPathLength) return false;
+  fail_open(path, ENAMETOOLONG);
+  return true;
 }
 
 bool write_into(const Directory& directory, const qvx_nodeinfo_cache& cache) {
