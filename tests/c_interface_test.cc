@@ -259,6 +259,10 @@ TEST(CInterface, TellsCountersFromSamples) {
   const char* text = nullptr;
   std::size_t length = 0;
   EXPECT_EQ(qvx_record_metric(record, &text, &length), 0);
+  EXPECT_STREQ(qvx_table_field_name(qvx_record_table(record), 5), "node.kernel");
+  EXPECT_STREQ(qvx_table_field_type(qvx_record_table(record), 5), "text");
+  EXPECT_EQ(qvx_record_text(record, field("kernel").get(), 0, &text, &length), 1);
+  EXPECT_EQ(std::string_view(text, length), "6.1.0-13-arm64");
 }
 
 TEST(CInterface, HandsATableOverAsAnArrowStream) {

@@ -6,9 +6,13 @@
 #include <vector>
 
 #include "qvx/columns/counters_columns.h"
+#include "qvx/columns/event_columns.h"
+#include "qvx/columns/fault_recorder.h"
 #include "qvx/columns/survey.h"
 #include "qvx/counters/counters_json.h"
+#include "qvx/support/log.h"
 #include "tests/columns/column_files.h"
+#include "tests/support/type_set.h"
 
 namespace qvx {
 namespace {
@@ -189,6 +193,57 @@ TEST_F(RefusedTypesTest, WhatIsLoggedWithoutAFaultIsAWarning) {
   EXPECT_EQ(faults[0].offset, 0u);
   EXPECT_EQ(faults[0].words,
             "Version '2.0.0' of parsing schema is incompatible with current schema version '1.5.0'");
+}
+
+// Put together by hand, since those from files have them.
+TEST(EventColumnsTest, NamesAndDescriptionsMayBeAbsentTypesMayNot) {
+  const test::TypeSet types;
+  qvx_type_definition type;
+  qvx_field_definition& field = types.add(type, "a", "uint8_t");
+  types.add(type, "b", "int8_t");
+  field.field_name.reset();
+  field.description.reset();
+  field.type_name.reset();
+  std::string why_not;
+  const auto made = columns::compile_event_columns(type, "id", why_not);
+  ASSERT_TRUE(made);
+  ASSERT_EQ(made->types.size(), 2u);
+  EXPECT_EQ(made->types[0].name, "");
+  EXPECT_EQ(made->types[1].name, "b");
+  for (const auto& [key, value] : made->types[0].metadata)
+    EXPECT_TRUE(key != "description" && key != "type") << key;
+  field.type = nullptr;
+  EXPECT_FALSE(columns::compile_event_columns(type, "id", why_not));
+  EXPECT_EQ(why_not, "a field has no type");
+  why_not.clear();
+  qvx_type_definition unknown;
+  unknown.id = 23;  // neither built in nor made of fields
+  field.type = &unknown;
+  EXPECT_FALSE(columns::compile_event_columns(type, "id", why_not));
+  EXPECT_EQ(why_not, "a field has no type");
+}
+
+TEST(EventColumnsTest, ListsOfDifferentLengthsAreNoColumnOfOneTable) {
+  columns::ColumnType two;
+  two.kind = columns::ColumnKind::list;
+  two.count = 2;
+  columns::ColumnType three = two;
+  EXPECT_TRUE(columns::have_same_values(two, three));
+  three.count = 3;
+  EXPECT_FALSE(columns::have_same_values(two, three));
+}
+
+TEST(FaultRecorderTest, WhatWasLoggedStandsForTheWordsThatAFaultLacks) {
+  columns::FaultList list;
+  columns::FaultRecorder recorder(list, "a.bin");
+  QVX_LOG(QVX_LOG_WARNING, "said %d", 1);
+  recorder.add({}, "kind", "");
+  QVX_LOG(QVX_LOG_WARNING, "said %d", 2);
+  recorder.add({}, "kind", "words");
+  const std::vector<DataFault> faults = list.list();
+  ASSERT_EQ(faults.size(), 2u);
+  EXPECT_EQ(faults[0].words, "said 1");
+  EXPECT_EQ(faults[1].words, "words: said 2");
 }
 
 TEST(FaultListTest, OfAFileTheFirstThousandAreKeptAndTheOthersCounted) {

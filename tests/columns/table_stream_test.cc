@@ -339,6 +339,23 @@ TEST_F(TableStreamTest, PageOutsideTheTimeRangeIsNotUnpacked) {
   EXPECT_FALSE(data->faults().list().empty());
 }
 
+TEST_F(TableStreamTest, PageBeforeTheTimeRangeIsNotUnpackedButOneWithoutTimesIs) {
+  const std::string bad =
+      test::page_block_of_payload({.first_timestamp = kNoon - 19, .last_timestamp = kNoon - 10}, "no gzip");
+  const std::string timeless =
+      test::page_block({.first_timestamp = 0, .last_timestamp = kNoon - 10}, jobs_block(0, 10));
+  const auto data = open({files_.write("a.bin", {bad, timeless})});
+  TableStream stream(data, resolve(*data, {.table = "job", .since = kNoon}));
+  EXPECT_EQ(test::read_all(stream).rows, job_rows(0, 10));
+  EXPECT_EQ(stream.progress()->pages_passed_over, 1u);
+  EXPECT_TRUE(data->faults().list().empty());
+}
+
+TEST_F(TableStreamTest, FileOfItsOwnIsReadOnOneThreadHoweverManyAreAskedFor) {
+  EXPECT_EQ(rows({files_.write("a.bin", {jobs_block(0, 5)})}, {.table = "job", .threads = 4}),
+            job_rows(0, 5));
+}
+
 TEST_F(TableStreamTest, WrongNamesListWhatThereIs) {
   const auto data = open({files_.write("a.bin", {jobs_block(0, 1)})});
   const auto words = [&](const Query& query) -> std::string {

@@ -125,5 +125,12 @@ TEST_F(AbsentPartsTest, BlockHasAMemberWithoutANameInJson) {
             R"({"granularity":"NODE","name":"unset","counter_sets":[{"a":7,"":-8}]}]})");
 }
 
+TEST_F(AbsentPartsTest, EachSetPassesOverACounterThatIsMissing) {
+  group().num_counter_sets = 2;
+  EXPECT_EQ(qvx_counters_block_to_json(block_.bytes(), schema_.get(), json::Style::compact),
+            R"({"timestamp":1700000000123456,"@timestamp":"2023-11-14 22:13:20.123","groups":[)"
+            R"({"granularity":"NODE","name":"unset","counter_sets":[{"a":7,"":-8},{"a":7,"":-8}]}]})");
+}
+
 }  // namespace
 }  // namespace qvx

@@ -51,6 +51,10 @@ TEST(CounterGroup, ProviderDecidesOnNewCounters) {
   group->provider_ops = &strict;
   EXPECT_FALSE(qvx_counter_group_add_counter(group.get(), counter.get()));
   EXPECT_EQ(group->counters.size(), 1U);
+  const qvx_counter_provider_ops indifferent{"provider", nullptr, nullptr, nullptr, nullptr};
+  group->provider_ops = &indifferent;
+  EXPECT_TRUE(qvx_counter_group_add_counter(group.get(), counter.get()));
+  EXPECT_EQ(group->counters.size(), 2U);
   group->provider_ops = nullptr;
 }
 

@@ -1,8 +1,10 @@
 #include "qvx/counters/counters_json.h"
 
 #include <gtest/gtest.h>
+#include <sys/types.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <optional>
 #include <string>
 #include <vector>
@@ -283,6 +285,28 @@ TEST_F(CountersJsonTest, PrintingToAFullDeviceFails) {
   ASSERT_NE(full, nullptr);
   EXPECT_FALSE(qvx_counters_schema_jsonify_print(full, schema.get()));
   std::fclose(full);
+}
+
+TEST_F(CountersJsonTest, PrintingFailsWhereverTheStreamTakesNoMore) {
+  const CountersSchemaPtr schema = make_schema({});
+  const test::CapturedStream printed;
+  ASSERT_TRUE(qvx_counters_schema_jsonify_print(printed.file(), schema.get()));
+  const std::size_t size = printed.text().size();
+  for (std::size_t left = 0; left <= size; ++left) {
+    std::size_t room = left;
+    const auto take = [](void* cookie, const char*, std::size_t count) -> ssize_t {
+      auto& rest = *static_cast<std::size_t*>(cookie);
+      if (count > rest) return 0;  // which later, shorter writes are not refused with
+      rest -= count;
+      return static_cast<ssize_t>(count);
+    };
+    std::FILE* const stream =
+        fopencookie(&room, "w", {.read = nullptr, .write = take, .seek = nullptr, .close = nullptr});
+    ASSERT_NE(stream, nullptr);
+    std::setvbuf(stream, nullptr, _IONBF, 0);
+    EXPECT_EQ(qvx_counters_schema_jsonify_print(stream, schema.get()), left == size) << left;
+    std::fclose(stream);
+  }
 }
 
 TEST_F(CountersJsonTest, AbsentDescriptionAndUnitsAreWrittenAsEmptyTexts) {

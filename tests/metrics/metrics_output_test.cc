@@ -161,6 +161,8 @@ TEST(OutputMetricsBlock, OverriddenValuesNeedNotBeUtf8) {
   EXPECT_NE(line(block).find(R"("labels":[{"a":"good"}])"), std::string::npos);
   block.constant_labels = constant_labels({"b", "\xFF"});
   EXPECT_EQ(output(block.bytes()).errors, Messages{"Failed allocating JSON object"});
+  block.constant_labels = constant_labels({"a", "\xFF", "b", "\xFF"});
+  EXPECT_EQ(output(block.bytes()).errors, Messages{"Failed allocating JSON object"});
 }
 
 TEST(OutputMetricsBlock, LaterBatchReplacesTheMembersInPlace) {

@@ -118,6 +118,7 @@ TEST(ReverseIndex, IdsDoNotWrap) {
   EXPECT_EQ(index.id_of(labels_of({{"a", "b"}})), 18446744073709551614u);
   EXPECT_THROW(index.id_of(labels_of({{"a", "c"}})), std::runtime_error);
   EXPECT_THROW(index.insert(18446744073709551615u, 1, labels_of({{"a", "c"}})), std::runtime_error);
+  EXPECT_THROW(index.insert(1, 18446744073709551615u, labels_of({{"a", "c"}})), std::runtime_error);
   EXPECT_EQ(index.size(), 1u);
   EXPECT_EQ(index.symbols().find("c"), std::nullopt);
 }

@@ -93,6 +93,10 @@ TEST(ProcessFilesTest, FileIsSkippedOnlyWhenAllFourConditionsHold) {
   options.timestamp_gt = 211;
   options.timestamp_lt = 200;
   EXPECT_EQ(run(options, {file}).failures, 1);
+  fields.last_timestamp = 199;
+  const std::string backwards = files.write("b.bin", file_header(fields) + padded("QVXB", 256));
+  options.timestamp_lt = 199;
+  EXPECT_EQ(run(options, {backwards}).failures, 1);
 }
 
 // Where the data block with the pages begins.

@@ -125,6 +125,7 @@ TEST_F(DataFileReaderTest, TellsTypeTimeAndFields) {
   EXPECT_EQ(record.type().reach(), 70u);
   EXPECT_EQ(record.metric(), "");
   EXPECT_TRUE(record.labels().empty());
+  EXPECT_EQ(record.metric_kind(), metrics::MetricKind::untyped);
 }
 
 TEST_F(DataFileReaderTest, NumbersAreExact) {
@@ -231,6 +232,7 @@ TEST_F(DataFileReaderTest, FieldOfAnotherTypeIsAbsent) {
   ASSERT_NE(record, nullptr);
   EXPECT_EQ(record->get<std::uint64_t>(place), std::nullopt);
   EXPECT_TRUE(record->array<std::uint64_t>(place).empty());
+  EXPECT_FALSE(record->record(place, 0));
 }
 
 TEST_F(DataFileReaderTest, HandleFollowsTheTypesInForce) {
@@ -276,6 +278,7 @@ TEST_F(DataFileReaderTest, CountersHaveAValueForEachSet) {
   EXPECT_EQ(value<double>(*record, "cpu[1].load.1m"), 0.25);
   EXPECT_EQ(value<double>(*record, "load.1m"), 0.25);
   EXPECT_EQ(value<double>(*record, "cpu[2].load.1m"), std::nullopt);
+  EXPECT_EQ(value<double>(*record, "cpu1.load.1m"), std::nullopt);
   EXPECT_EQ(value<std::string_view>(*record, "cpu.who"), "ab");
   EXPECT_EQ(value<std::int64_t>(*record, "cpu[0].drift"), -9007199254740993);
   EXPECT_EQ(value<std::uint64_t>(*record, "none.c"), std::nullopt);
@@ -389,6 +392,7 @@ TEST_F(DataFileReaderTest, SaysWhyAFileCannotBeOpenedAndNothingElsewhere) {
             Texts{"types_failed at 256: Failed to load type system: Failed reading schema JSON from file '" +
                   schema + "'; Failed to load schema from file: " + schema});
   EXPECT_EQ(reader_.next(), nullptr);
+  EXPECT_TRUE(reader_.types().empty());
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 

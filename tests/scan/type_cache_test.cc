@@ -1,6 +1,8 @@
 #include "qvx/scan/type_cache.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -101,6 +103,37 @@ TEST_F(TypeCacheTest, SchemaFileMovedIntoPlaceIsReadAnew) {
   EXPECT_EQ(first_field(load()), "w");
 }
 
+TEST_F(TypeCacheTest, SchemaFileWithOtherTimesIsReadAnew) {
+  const std::string path = files_.path("schema/schema_" + std::string(kEventsId) + ".json");
+  const auto modified = [&path](long seconds, long nanoseconds) {
+    const timespec times[2] = {{seconds, nanoseconds}, {seconds, nanoseconds}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+  };
+  modified(1000000000, 5);
+  const TypeSet first = load();
+  modified(1000000001, 5);
+  const TypeSet later = load();
+  EXPECT_NE(later.events, first.events);
+  modified(1000000001, 6);
+  const TypeSet last = load();
+  EXPECT_NE(last.events, later.events);
+  EXPECT_EQ(load().events, last.events);
+}
+
+TEST_F(TypeCacheTest, SchemaFileWhosePermissionsWereChangedIsReadAnew) {
+  const std::string path = files_.path("schema/schema_" + std::string(kEventsId) + ".json");
+  const TypeSet first = load();
+  // The clock that files are marked with ticks a hundred times a second and more.
+  struct stat before {};
+  struct stat after {};
+  ASSERT_EQ(stat(path.c_str(), &before), 0);
+  do {
+    ASSERT_EQ(chmod(path.c_str(), 0600), 0);
+    ASSERT_EQ(stat(path.c_str(), &after), 0);
+  } while (after.st_ctim.tv_nsec == before.st_ctim.tv_nsec);
+  EXPECT_NE(load().events, first.events);
+}
+
 TEST_F(TypeCacheTest, RemovedSchemaFileFailsAlthoughItWasLoaded) {
   load();
   ASSERT_TRUE(ok_);
@@ -197,6 +230,22 @@ TEST_F(TypeCacheTest, SetsKeepSchemasThatTheCacheForgot) {
   files_.write_schema(kOtherId, kUsualEvents);
   ASSERT_TRUE(none.load({&other, 1}, {}, second));
   EXPECT_EQ(first_field(first), "v");
+}
+
+TEST_F(TypeCacheTest, SchemaInUseStaysWhileLaterOnesAreForgotten) {
+  TypeCache none(files_.path("schema"), 0);
+  TypeSet held;
+  const qvx_schema_id events = id_of(kEventsId);
+  ASSERT_TRUE(none.load({&events, 1}, {}, held));
+  TypeSet set;
+  const qvx_schema_id other = id_of(kOtherId);
+  files_.write_schema(kOtherId, kUsualEvents);
+  ASSERT_TRUE(none.load({&other, 1}, {}, set));
+  const std::weak_ptr<LoadedSchema> later = set.events[0];
+  ASSERT_TRUE(none.load({}, {}, set));
+  EXPECT_TRUE(later.expired());
+  ASSERT_TRUE(none.load({&events, 1}, {}, set));
+  EXPECT_EQ(set.events, held.events);
 }
 
 TEST_F(TypeCacheTest, TypeOutsideTheSchemasIsNone) {

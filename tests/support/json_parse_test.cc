@@ -14,6 +14,7 @@
 #include "qvx/support/bytes.h"
 #include "qvx/support/json_text.h"
 #include "tests/support/failing_allocations.h"
+#include "tests/support/fake_read.h"
 #include "tests/support/guarded_buffer.h"
 #include "tests/support/temp_dir.h"
 
@@ -289,6 +290,16 @@ TEST(JsonParseFile, WholeFilesAreRead) {
   const auto value = parse_file(folder.write_file("large.json", large));
   ASSERT_TRUE(value);
   EXPECT_EQ(to_text(*value, Style::compact), large);
+}
+
+TEST(JsonParseFile, InterruptedAndShortReadsAreContinued) {
+  const test::TempDir folder;
+  const std::string path = folder.write_file("short.json", "[1,2,3]");
+  const test::FakeRead pieces({{.error = EINTR}, {.most = 2}, {.error = EINTR}, {.most = 3}});
+  const auto value = parse_file(path);
+  ASSERT_TRUE(value);
+  EXPECT_EQ(to_text(*value, Style::compact), "[1,2,3]");
+  EXPECT_EQ(pieces.steps_left(), 0U);
 }
 
 TEST(JsonParseFile, AFileEndsAtItsFirstNul) {

@@ -56,6 +56,13 @@ TEST(LogRecorder, CollectsWhatASilentProcessSuppresses) {
   EXPECT_TRUE(log.messages().empty());
 }
 
+TEST(LogRecorder, KeepsAMessageThatCannotBeFormattedAsAnEmptyOne) {
+  const LogRecorder recorder(QVX_LOG_WARNING);
+  QVX_LOG(QVX_LOG_ERROR, "%ls", L"\u20AC");  // no such character in the C locale
+  EXPECT_EQ(recorder.messages(), (Recorded{{3, ""}}));
+  EXPECT_TRUE(recorder.is_complete());
+}
+
 TEST(LogRecorder, LevelThatIsKeptServesOneRecorderAfterTheOther) {
   const LogCapture log(0);
   {

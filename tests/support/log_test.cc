@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>
@@ -18,14 +20,39 @@
 #include "qvx/support/file_descriptor.h"
 #include "qvx/support/log_recorder.h"
 #include "tests/support/env_guard.h"
+#include "tests/support/failing_allocations.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
+
+namespace {
+
+// What went to the log of the machine, which no test writes into.
+std::string system_log;
+
+void log_to_system(int level, const char* format, va_list args) {
+  char text[100];
+  std::vsnprintf(text, sizeof text, format, args);
+  system_log += std::to_string(level) + ' ' + text + '\n';
+}
+
+}  // namespace
+
+// In place of the C library's; the second is the name where the compiler fortifies it.
+extern "C" {
+void vsyslog(int level, const char* format, va_list args) {
+  log_to_system(level, format, args);
+}
+void __vsyslog_chk(int level, int, const char* format, va_list args) {
+  log_to_system(level, format, args);
+}
+}
 
 namespace qvx {
 namespace {
 
 using test::EnvGuard;
+using test::FailingAllocations;
 using test::FakeClock;
 using test::LogCapture;
 using test::LogMessage;
@@ -281,6 +308,65 @@ TEST_F(LogDeathTest, SyslogLoggerReturnsTrueAndClosesToStandardError) {
     return done && is_syslog;
   };
   EXPECT_LOGGED(body(), {"[error] after"});
+}
+
+TEST_F(LogDeathTest, SyslogLoggerHandsMessagesOnWithTheirLevelAndNothingElse) {
+  const auto body = [] {
+    const bool done = qvx_init_syslog_logger("qvx_test", QVX_LOG_WARNING) &&
+                      qvx_init_syslog_logger("qvx_test_again", QVX_LOG_WARNING);
+    QVX_LOG(QVX_LOG_ERROR, "number %d", 5);
+    QVX_LOG(QVX_LOG_WARNING, "text");
+    QVX_LOG(QVX_LOG_INFO, "dropped");
+    return done && system_log == "3 number 5\n4 text\n";
+  };
+  EXPECT_LOGGED(body(), {});
+}
+
+TEST_F(LogDeathTest, MessageThatCannotBeFormattedIsAnEmptyLine) {
+  const auto body = [] {
+    qvx_init_stderr_logger(QVX_LOG_ERROR);
+    QVX_LOG(QVX_LOG_ERROR, "%ls", L"\u20AC");  // no such character in the C locale
+    return true;
+  };
+  EXPECT_LOGGED(body(), {"[error] "});
+}
+
+TEST_F(LogDeathTest, LevelThatMeansNotInitialisedLeavesItToTheFirstMessage) {
+  const auto body = [] {
+    qvx_logger_set_level(0xFFFFFFFF);
+    setenv("QVX_API_LOG_LEVEL", "4", 1);
+    QVX_LOG(QVX_LOG_INFO, "dropped");
+    QVX_LOG(QVX_LOG_WARNING, "shown");
+    return true;
+  };
+  EXPECT_LOGGED(body(), {"[warning] shown"});
+}
+
+TEST_F(LogDeathTest, ExportWithoutMemoryGivesNone) {
+  if (!FailingAllocations::kFailsMalloc) GTEST_SKIP();
+  const auto body = [] {
+    qvx_init_stderr_logger(QVX_LOG_ERROR);
+    const FailingAllocations none(0);
+    return qvx_logger_export_state() == nullptr;
+  };
+  EXPECT_LOGGED(body(), {});
+}
+
+TEST_F(LogDeathTest, StateThatDiffersInItsSinkOrItsMutexIsImported) {
+  const auto body = [](bool other_sink) {
+    qvx_init_stderr_logger(QVX_LOG_ERROR);
+    qvx_logger_state* const state = qvx_logger_export_state();
+    if (other_sink)
+      *state = {1, nullptr, nullptr, QVX_LOG_ERROR, state->mutex};
+    else
+      state->mutex = nullptr;
+    const bool taken = qvx_logger_import_state(state);
+    std::free(state);
+    QVX_LOG(QVX_LOG_ERROR, "text");
+    return taken && !qvx_init_stderr_logger(QVX_LOG_ERROR) && system_log == (other_sink ? "3 text\n" : "");
+  };
+  EXPECT_LOGGED(body(true), {});
+  EXPECT_LOGGED(body(false), {"[error] text"});
 }
 
 TEST_F(LogDeathTest, SyslogLoggerReportsItsOwnName) {
@@ -589,7 +675,7 @@ TEST(WriteDiagnostic, LetsNoUpperControlCharacterReachATerminal) {
 
 TEST(WriteDiagnostic, LeavesLettersOfEveryLengthAsTheyAre) {
   const std::string_view text =
-      "\xc2\xa0 \xc3\x89 \xdf\xbf \xe0\xa0\x80 \xe2\x82\xac \xf0\x90\x80\x80 \xf4\x8f\xbf\xbf";
+      "\xc2\xa0 \xc3\x89 \xdf\xbf \xe0\xa0\x80 \xe2\x82\xac \xed\x9f\xbf \xf0\x90\x80\x80 \xf4\x8f\xbf\xbf";
   EXPECT_EQ(on_terminal(text), text);
 }
 

@@ -120,6 +120,13 @@ TEST(OutputSink, FirstFailedWriteIsKeptAndToldOnce) {
   EXPECT_EQ(sink.error(), ENOSPC);
 }
 
+TEST(OutputSink, DescriptorThatIsNotOpenIsTheFirstFault) {
+  OutputSink sink(-1);
+  sink.write("text");
+  EXPECT_FALSE(sink.flush());
+  EXPECT_EQ(sink.error(), EBADF);
+}
+
 TEST(OutputSink, WaitsForADescriptorThatDoesNotBlock) {
   const Pipe pipe;
   ASSERT_EQ(fcntl(pipe.in.get(), F_SETFL, O_NONBLOCK), 0);

@@ -114,6 +114,7 @@ TEST(FindIthSubstr, FailsSilentlyWhenThereAreTooFew) {
   std::size_t offset = 99;
   const LogCapture log;
   EXPECT_FALSE(find_ith_substr("aaaa", "aa", 3, &offset));
+  EXPECT_FALSE(find_ith_substr("abc", "x", 2, &offset));
   EXPECT_FALSE(find_ith_substr("", "a", 0, &offset));
   EXPECT_FALSE(find_ith_substr("", "", 0, &offset));
   EXPECT_FALSE(find_ith_substr("ab", "", 3, &offset));
@@ -192,6 +193,18 @@ TEST(StrncpyVisibleAscii, WrongArgumentsAreLoggedOnceInTenSecondsEach) {
   misuse();
   EXPECT_EQ(log.messages(), (Messages{no_destination, no_length}));
   EXPECT_STREQ(out, "abc");
+}
+
+TEST(StrncpyVisibleAscii, MessageWhoseLevelIsOffDoesNotBeginTheQuietTime) {
+  static std::int64_t start = 1'000'000'000;
+  const FakeClock clock(start, 0);
+  start += 1000;
+  LogCapture log(QVX_LOG_ERROR - 1);
+  strncpy_visible_ascii(nullptr, "x", 4);
+  EXPECT_EQ(log.messages(), Messages{});
+  qvx_logger_set_level(QVX_LOG_ERROR);
+  strncpy_visible_ascii(nullptr, "x", 4);
+  EXPECT_EQ(log.messages(), (Messages{{3, "strncpy_visible_ascii: Destination buffer is NULL"}}));
 }
 
 TEST(Boolean, TextsThatAreTrue) {

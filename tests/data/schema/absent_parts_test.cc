@@ -83,6 +83,14 @@ TEST_F(AbsentPartsTest, FieldWithoutATypeFailsTheRecord) {
   EXPECT_FALSE(has_line());
 }
 
+TEST_F(AbsentPartsTest, FieldOfATypeThatIsNeitherBuiltInNorMadeOfFieldsHasNoValue) {
+  qvx_type_definition& unknown = types_.make("unknown");
+  unknown.id = 23;
+  first().type = &unknown;
+  EXPECT_EQ(qvx_field_to_json(&first(), record_.bytes()), std::nullopt);
+  EXPECT_FALSE(has_line());
+}
+
 TEST_F(AbsentPartsTest, NestedFieldWithoutATypeFailsTheRecordToo) {
   for (const std::uint32_t count : {1U, 2U}) {
     qvx_type_definition& outer = types_.make("outer");
@@ -166,8 +174,8 @@ TEST_F(AbsentPartsTest, IndexOfAFieldWithoutANameIsANullName) {
 
 TEST_F(AbsentPartsTest, FieldWithoutTheNameOfItsTypeIsNotResolved) {
   const SchemaPtr schema = make_schema();
-  schema->types.push_back(nullptr);
-  schema->types[0]->fields[0]->type_name.reset();
+  schema->types.insert(schema->types.begin(), nullptr);
+  schema->types[1]->fields[0]->type_name.reset();
   const LogCapture log(QVX_LOG_ERROR);
   EXPECT_FALSE(schema_resolve(*schema));
   EXPECT_EQ(log.texts(QVX_LOG_ERROR),

@@ -122,6 +122,11 @@ TEST_F(SchemaWriterTest, ExistingFileIsKeptAndReportedWhenItHoldsSomethingElse) 
   EXPECT_EQ(test::read_file(folder_.path() / kSchemaFile), "older");
   EXPECT_EQ(log_.texts(QVX_LOG_WARNING), Names{"[schema writer] Existing file '" + folder_.file(kSchemaFile) +
                                                "' does not hold its schema"});
+  folder_.write_file(kSchemaFile, "{}");
+  log_.clear();
+  writer_.onSchema(kSchema);
+  EXPECT_EQ(test::read_file(folder_.path() / kSchemaFile), "{}");
+  EXPECT_EQ(log_.texts(QVX_LOG_WARNING).size(), 1U);
   // The same schema in another spelling is no other schema.
   folder_.write_file(kSchemaFile, kSchema);
   log_.clear();
@@ -135,6 +140,18 @@ TEST_F(SchemaWriterTest, InterruptedOpeningIsTriedAgain) {
   writer_.onSchema(kSchema);
   EXPECT_TRUE(interrupted.any_failed());
   EXPECT_EQ(test::read_file(folder_.path() / kSchemaFile), kPrettySchema);
+}
+
+TEST_F(SchemaWriterTest, FileThatTheSystemLosesWhenItIsClosedIsNotThere) {
+  {
+    const test::FaultyCalls lost(test::Call::close, EIO, 0, 1);
+    writer_.onSchema(kSchema);
+    EXPECT_TRUE(lost.any_failed());
+  }
+  EXPECT_EQ(log_.texts(QVX_LOG_WARNING),
+            (std::vector<std::string>{"[data] Failed writing schema file '" + folder_.file(kSchemaFile) +
+                                      "': Input/output error"}));
+  EXPECT_TRUE(std::filesystem::is_empty(folder_.path()));
 }
 
 TEST_F(SchemaWriterTest, NewFileIsNeverSeenInPart) {

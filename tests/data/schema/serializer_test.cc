@@ -172,6 +172,27 @@ TEST_F(InfluxSerializerTest, LongestAdapterNameWithASeparatorBehindItOwnsACounte
                    "node_counters hcx4_1=4i 1700000000123456000"}));
 }
 
+TEST_F(InfluxSerializerTest, LettersBehindAnAdapterNameBelongToTheNameOfTheCounter) {
+  set_counters({make_group(
+      0, 1,
+      {{"hcx4_1A", QVX_COUNTER_INT64}, {"hcx4_1a", QVX_COUNTER_INT64}, {"hcx4_1~f", QVX_COUNTER_INT64}})});
+  const RecordBytes block = counters_block().add(std::int64_t{1}).add(std::int64_t{2}).add(std::int64_t{3});
+  qvx_adapter_info info;
+  std::string_view("hcx4_1").copy(info.name.data(), info.name.size());
+  EXPECT_EQ(lines(block.bytes(), {info}), (Lines{"hca_counters,hca_name=hcx4_1 f=3i 1700000000123456000",
+                                                 "node_counters hcx4_1A=1i,hcx4_1a=2i 1700000000123456000"}));
+}
+
+TEST_F(InfluxSerializerTest, CountersThatAreAbsentOrHaveNoNameAreLeftOut) {
+  set_counters(
+      {make_group(0, 1, {{"a", QVX_COUNTER_INT64}, {"b", QVX_COUNTER_INT64}, {"c", QVX_COUNTER_INT64}})});
+  auto& counters = types_->counters_schema->groups[0]->counters;
+  counters[0].reset();
+  counters[1]->name.reset();
+  const RecordBytes block = counters_block().add(std::int64_t{1}).add(std::int64_t{2}).add(std::int64_t{3});
+  EXPECT_EQ(lines(block.bytes()), Lines{"node_counters c=3i 1700000000123456000"});
+}
+
 TEST_F(InfluxSerializerTest, GroupsWithMoreThanOneSetShowTheSetThatIsInTheBlock) {
   set_counters({make_group(2, 3, {{"a", QVX_COUNTER_INT64}}), make_group(0, 0, {{"b", QVX_COUNTER_INT64}})});
   const RecordBytes block = counters_block().add(std::int64_t{1}).add(std::int64_t{2});
@@ -349,6 +370,20 @@ TEST_F(InfluxPageWalkTest, SchemasBlocksArePassedOverByTheirSize) {
 TEST_F(InfluxPageWalkTest, SchemasBlockTooShortForItselfIsPassedOverByteByByte) {
   RecordBytes data;
   data.add_text("QVXS", 4).add(std::uint16_t{15}).add_text("", 10);
+  add_event(data, 1);
+  EXPECT_EQ(lines(data.bytes()), Lines{"e v=1i 1000"});
+}
+
+TEST_F(InfluxPageWalkTest, SchemasBlockLongerThanWhatIsLeftIsPassedOverByteByByte) {
+  RecordBytes data;
+  data.add_text("QVXS", 4).add(std::uint16_t{40}).add_text("", 10);
+  add_event(data, 1);
+  EXPECT_EQ(lines(data.bytes()), Lines{"e v=1i 1000"});
+}
+
+TEST_F(InfluxPageWalkTest, EventsBlockWithoutEventsIsItsHeader) {
+  RecordBytes data;
+  add_events_header(data, 0, 0, 0, 1);
   add_event(data, 1);
   EXPECT_EQ(lines(data.bytes()), Lines{"e v=1i 1000"});
 }

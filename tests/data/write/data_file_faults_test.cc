@@ -10,11 +10,13 @@
 #include <string_view>
 #include <vector>
 
+#include "qvx/data/write/append_blocks.h"
 #include "qvx/data/write/data_file.h"
 #include "qvx/support/log.h"
 #include "tests/data/sample_builder.h"
 #include "tests/data/write/data_file_fixture.h"
 #include "tests/support/failing_allocations.h"
+#include "tests/support/fake_read.h"
 #include "tests/support/faulty_calls.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
@@ -41,6 +43,15 @@ TEST_F(DataFileFaults, HeaderOfAVanishedFileCannotBeUpdated) {
   EXPECT_EQ(log.texts(QVX_LOG_ERROR),
             (Texts{"[data_file] Failed opening data file " + path_ + ": No such file or directory"}));
   EXPECT_FALSE(fs::exists(path_));
+}
+
+TEST_F(DataFileFaults, VanishedFileIsLostWhenItIsClosed) {
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  append("0123456789abcdef");
+  fs::remove(path_);
+  EXPECT_FALSE(file_.lost);
+  data_file_close(file_);
+  EXPECT_TRUE(file_.lost);
 }
 
 TEST_F(DataFileFaults, VanishedFileIsReplacedByANewOneForTheNextData) {
@@ -82,6 +93,23 @@ TEST_F(DataFileFaults, ReleasedFileIsOpenedAgain) {
   EXPECT_TRUE(data_file_update_header(file_));
   EXPECT_EQ(read_file(path_).substr(256), "0123456789abcdefABCDEFGHIJKLMNOP");
   EXPECT_EQ(header_of(path_).file_size, 288u);
+}
+
+TEST_F(DataFileFaults, HeaderThatCannotBeReadIsNotUpdated) {
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  append("0123456789abcdef");
+  LogCapture log;
+  {
+    const test::FakeRead faults(std::vector<test::ReadStep>{{.error = EIO}});
+    EXPECT_FALSE(data_file_update_header(file_));
+  }
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
+            (Texts{"[data_file] Failed reading header of data file " + path_ + ": Input/output error"}));
+  EXPECT_EQ(header_of(path_).file_size, 256u);
+  const test::FakeRead pieces({{.error = EINTR}, {.most = 100}, {.error = EINTR}});
+  EXPECT_TRUE(data_file_update_header(file_));
+  EXPECT_EQ(pieces.steps_left(), 0u);
+  EXPECT_EQ(header_of(path_).file_size, 272u);
 }
 
 // -- Full disks
@@ -172,6 +200,46 @@ TEST_F(DataFileFaults, HoleThatDoesNotFitLeavesNothingOfItself) {
   EXPECT_EQ(fs::file_size(path_), 256u);
 }
 
+TEST_F(DataFileFaults, WithoutItsBlockThereIsNoHoleEither) {
+  file_.block_size = 1 << 20;
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  const test::FaultyCalls faults(test::Call::writev, ENOSPC);
+  EXPECT_EQ(append("0123", (1 << 20) - 4), 0u);
+  EXPECT_EQ(faults.calls(test::Call::ftruncate), 0u);
+  EXPECT_EQ(fs::file_size(path_), 256u);
+}
+
+// It would cut off what somebody else appended.
+TEST_F(DataFileFaults, WithoutTheLockAPartOfABlockIsNotCutOff) {
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  const FileSizeLimit limit(256 + 10);
+  const test::FaultyCalls faults(test::Call::flock, ENOLCK);
+  EXPECT_EQ(append("0123456789abcdef"), 0u);
+  EXPECT_EQ(faults.calls(test::Call::ftruncate), 0u);
+  EXPECT_EQ(read_file(path_).substr(256), "0123456789");
+}
+
+TEST(AppendBlocks, ToADescriptorThatIsNotOpenNothingIsAppended) {
+  const Appended result = append_blocks(-1, as_bytes("0123456789abcdef"), 0, 16);
+  EXPECT_EQ(result.written, 0u);
+  EXPECT_EQ(result.error, EBADF);
+  EXPECT_FALSE(result.ragged);
+}
+
+// As other data that no reader would read behind it.
+TEST_F(DataFileFaults, RestOfAnInterruptedAppendThatCannotBeCutOffStaysAndDataGoElsewhere) {
+  const std::string before = test::sample_file({.block_size = 16}, {"old block"}) + "hal";
+  temp_.write_file("2023/1114/node1/1700000000000000.bin", before);
+  {
+    const test::FaultyCalls faults(test::Call::ftruncate, EIO);
+    ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+    EXPECT_TRUE(faults.any_failed());
+  }
+  EXPECT_EQ(append("0123456789abcdef"), 16u);
+  EXPECT_EQ(read_file(path_), before);
+  EXPECT_EQ(read_file(path_of("1700000000000000_2")).substr(256), "0123456789abcdef");
+}
+
 TEST_F(DataFileFaults, HeaderThatDoesNotFitLeavesNoFile) {
   LogCapture log;
   {
@@ -257,6 +325,9 @@ TEST_F(DataFileFaults, DanglingLinkInThePlaceOfTheFileIsRefused) {
   EXPECT_EQ(log.texts(QVX_LOG_ERROR),
             (Texts{"[data_file] Failed to open file " + path_ + " for writing: No such file or directory",
                    "[data_file] Failed to create empty data file " + path_ + ": No such file or directory"}));
+  log.clear();
+  EXPECT_FALSE(data_file_open_for(file_, kStart, kStart));
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR), Texts{}) << "again";
   EXPECT_TRUE(fs::is_empty(elsewhere.path()));
 }
 

@@ -90,6 +90,8 @@ TEST_F(DataFile, ExpandedPathStandsUnderTheRoot) {
   file_.path_template = "{{node}}/{{source}}/{{tag}}{{id}}{{port}}";
   file_.port = 5;
   EXPECT_EQ(data_file_expand_path(file_), "./host7/node1/t_75");
+  file_.root = "";
+  EXPECT_EQ(data_file_expand_path(file_), "./host7/node1/t_75");
 }
 
 TEST_F(DataFile, PathOfATimeBeyondTheCalendarIsNone) {

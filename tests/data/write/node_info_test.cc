@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "tests/support/env_guard.h"
@@ -331,6 +332,22 @@ TEST_F(NodeInfoFile, PathOver999CharactersIsRefused) {
   EXPECT_EQ(log.messages(),
             (std::vector<LogMessage>{{3, "[nodeinfo_file] Failed to open file " + directory +
                                              "x/nodeinfo.json for writing: File name too long"}}));
+}
+
+TEST_F(NodeInfoFile, NumberedPathOver999CharactersIsRefused) {
+  std::string directory = folder_.path().string();
+  while (directory.size() + 101 <= 999 - 14)
+    directory += "/" + std::string(100, 'd');
+  directory += "/" + std::string(999 - 14 - directory.size() - 1, 'e');
+  std::filesystem::create_directories(directory);
+  std::ofstream(directory + "/nodeinfo.json") << "of an earlier run";
+  const LogCapture log(QVX_LOG_ERROR);
+  EXPECT_FALSE(write(page_with({}), directory));
+  ASSERT_EQ(log.messages().size(), 1U);
+  EXPECT_TRUE(
+      log.messages()[0].text.starts_with("[nodeinfo_file] Failed to open file " + directory + "/nodeinfo."));
+  EXPECT_TRUE(log.messages()[0].text.ends_with(".json for writing: File name too long"));
+  EXPECT_EQ(test::read_file(directory + "/nodeinfo.json"), "of an earlier run");
 }
 
 }  // namespace

@@ -58,6 +58,25 @@ TEST(OpenFolderBelow, MakesMissingFoldersAndTheRoot) {
   EXPECT_FALSE(fs::exists(temp.path() / "x/root/a/b/file"));
 }
 
+TEST(OpenFolderBelow, WithoutRootItIsTheWorkingFolder) {
+  const TempDir temp;
+  const fs::path before = fs::current_path();
+  fs::current_path(temp.path());
+  FileDescriptor folder;
+  EXPECT_EQ(open_folder_below("", {"a", "file"}, true, folder), FolderFault::none);
+  fs::current_path(before);
+  EXPECT_TRUE(fs::is_directory(temp.path() / "a"));
+}
+
+// Somebody else makes it at the same time, and takes it away again.
+TEST(OpenFolderBelow, FolderThatIsThereAlreadyWhenItIsMadeIsOpened) {
+  const TempDir temp;
+  FileDescriptor folder;
+  const FaultyCalls faults(Call::mkdirat, EEXIST);
+  EXPECT_EQ(open_folder_below(temp.path(), {"a", "file"}, true, folder), FolderFault::inaccessible);
+  EXPECT_EQ(errno, ENOENT);
+}
+
 TEST(OpenFolderBelow, WithoutCreateMissingFoldersAreInaccessible) {
   const TempDir temp;
   FileDescriptor folder;
@@ -209,6 +228,31 @@ TEST_F(CreateIn, OtherFaultsEndItWhateverTheWay) {
   EXPECT_TRUE(fs::is_empty(temp_.path()));
 }
 
+TEST_F(CreateIn, FaultOfADraftOrOfTheLastWayEndsIt) {
+  for (const int error : {EOPNOTSUPP, ENOSYS}) {
+    const FaultyCalls faults({Call::open_nameless, Call::open}, error);
+    EXPECT_FALSE(create("name"));
+    EXPECT_EQ(errno, error);
+    EXPECT_FALSE(writing_);
+  }
+  EXPECT_TRUE(fs::is_empty(temp_.path()));
+}
+
+TEST_F(CreateIn, WithoutDescriptorsAndWithoutRoomToMakeItFails) {
+  for (const int error : {EMFILE, ENFILE}) {
+    const FaultyCalls faults(Call::open_nameless, error);
+    EXPECT_FALSE(create("name"));
+    EXPECT_EQ(errno, error);
+  }
+  EXPECT_TRUE(fs::is_empty(temp_.path()));
+}
+
+TEST_F(CreateIn, InterruptedCallIsMadeAgain) {
+  const FaultyCalls faults(Call::open_nameless, EINTR, 0, 2);
+  EXPECT_TRUE(create("name"));
+  EXPECT_EQ(faults.calls(Call::open_nameless), 3U);
+}
+
 TEST_F(CreateIn, DoesNotReplaceWhatIsThere) {
   temp_.write_file("name", "old");
   EXPECT_FALSE(create("name"));
@@ -228,6 +272,22 @@ TEST_F(CreateIn, NameThatIsTooLongIsNoFaultOfWriting) {
   EXPECT_EQ(errno, ENAMETOOLONG);
   EXPECT_FALSE(writing_);
   EXPECT_TRUE(fs::is_empty(temp_.path()));
+}
+
+TEST(FileIdentityEquality, BirthCountsWhereItIsKeptElseTheLastChange) {
+  const FileIdentity born{1, 2, 3, 4};
+  EXPECT_EQ(born, (FileIdentity{1, 2, 3, 5}));
+  EXPECT_NE(born, (FileIdentity{1, 2, 4, 4}));
+  EXPECT_NE(born, (FileIdentity{1, 3, 3, 4}));
+  EXPECT_NE(born, (FileIdentity{2, 2, 3, 4}));
+  EXPECT_NE(born, (FileIdentity{1, 2, 0, 4}));
+  EXPECT_NE((FileIdentity{1, 2, 0, 4}), born);
+  EXPECT_EQ((FileIdentity{1, 2, 0, 4}), (FileIdentity{1, 2, 0, 4}));
+  EXPECT_NE((FileIdentity{1, 2, 0, 4}), (FileIdentity{1, 2, 0, 5}));
+}
+
+TEST(StatusOf, DescriptorThatIsNotOpenHasNone) {
+  EXPECT_EQ(status_of(-1), std::nullopt);
 }
 
 TEST(WriteAll, ToldByErrnoWhenFewerBytesWereWritten) {
