@@ -235,7 +235,8 @@ TEST(EventColumnsTest, ListsOfDifferentLengthsAreNoColumnOfOneTable) {
 
 TEST(FaultRecorderTest, WhatWasLoggedStandsForTheWordsThatAFaultLacks) {
   columns::FaultList list;
-  columns::FaultRecorder recorder(list, "a.bin");
+  const std::string file = "a.bin";
+  columns::FaultRecorder recorder(list, file);
   QVX_LOG(QVX_LOG_WARNING, "said %d", 1);
   recorder.add({}, "kind", "");
   QVX_LOG(QVX_LOG_WARNING, "said %d", 2);
