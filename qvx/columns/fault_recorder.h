@@ -14,7 +14,7 @@ namespace qvx::columns {
 
 // Lives as long as one step of a walk, on its thread: errors and warnings of the library are taken from the
 // logger, so that nothing goes to standard error. They become the details of the fault that follows them;
-// those that nothing follows are entries of their own.
+// those that nothing follows are entries of their own. The list and the name of the file outlive it.
 class FaultRecorder {
  public:
   FaultRecorder(FaultList& list, const std::string& file)
