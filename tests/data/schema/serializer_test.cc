@@ -367,18 +367,13 @@ TEST_F(InfluxPageWalkTest, SchemasBlocksArePassedOverByTheirSize) {
   EXPECT_EQ(lines(data.bytes()), Lines{"e v=1i 1000"});
 }
 
-TEST_F(InfluxPageWalkTest, SchemasBlockTooShortForItselfIsPassedOverByteByByte) {
-  RecordBytes data;
-  data.add_text("QVXS", 4).add(std::uint16_t{15}).add_text("", 10);
-  add_event(data, 1);
-  EXPECT_EQ(lines(data.bytes()), Lines{"e v=1i 1000"});
-}
-
-TEST_F(InfluxPageWalkTest, SchemasBlockLongerThanWhatIsLeftIsPassedOverByteByByte) {
-  RecordBytes data;
-  data.add_text("QVXS", 4).add(std::uint16_t{40}).add_text("", 10);
-  add_event(data, 1);
-  EXPECT_EQ(lines(data.bytes()), Lines{"e v=1i 1000"});
+TEST_F(InfluxPageWalkTest, SchemasBlockShorterThanItselfOrLongerThanWhatIsLeftIsPassedOverByteByByte) {
+  for (const std::uint16_t size : {std::uint16_t{15}, std::uint16_t{40}}) {
+    RecordBytes data;
+    data.add_text("QVXS", 4).add(size).add_text("", 10);
+    add_event(data, 1);
+    EXPECT_EQ(lines(data.bytes()), Lines{"e v=1i 1000"}) << size;
+  }
 }
 
 TEST_F(InfluxPageWalkTest, EventsBlockWithoutEventsIsItsHeader) {

@@ -72,6 +72,16 @@ class NodeInfoFile : public testing::Test {
   bool exists(const std::string& name) const { return std::filesystem::exists(folder_.file(name)); }
   std::string read(const std::string& name) const { return read_file(folder_.file(name)); }
 
+  // Made so that the path of its nodeinfo.json has 999 characters.
+  std::string longest_folder() const {
+    std::string directory = folder_.path().string();
+    while (directory.size() + 101 <= 999 - 14)
+      directory += "/" + std::string(100, 'd');
+    directory += "/" + std::string(999 - 14 - directory.size() - 1, 'e');
+    std::filesystem::create_directories(directory);
+    return directory;
+  }
+
   TempDir folder_;
   qvx_nodeinfo_cache cache_;
 
@@ -319,11 +329,7 @@ TEST_F(NodeInfoFile, PipeOfThatNameDoesNotBlock) {
 }
 
 TEST_F(NodeInfoFile, PathOver999CharactersIsRefused) {
-  std::string directory = folder_.path().string();
-  while (directory.size() + 101 <= 999 - 14)
-    directory += "/" + std::string(100, 'd');
-  directory += "/" + std::string(999 - 14 - directory.size() - 1, 'e');
-  std::filesystem::create_directories(directory);
+  const std::string directory = longest_folder();
   EXPECT_TRUE(write(page_with({}), directory));
   EXPECT_TRUE(std::filesystem::exists(directory + "/nodeinfo.json"));
   std::filesystem::create_directories(directory + "x");
@@ -335,11 +341,7 @@ TEST_F(NodeInfoFile, PathOver999CharactersIsRefused) {
 }
 
 TEST_F(NodeInfoFile, NumberedPathOver999CharactersIsRefused) {
-  std::string directory = folder_.path().string();
-  while (directory.size() + 101 <= 999 - 14)
-    directory += "/" + std::string(100, 'd');
-  directory += "/" + std::string(999 - 14 - directory.size() - 1, 'e');
-  std::filesystem::create_directories(directory);
+  const std::string directory = longest_folder();
   std::ofstream(directory + "/nodeinfo.json") << "of an earlier run";
   const LogCapture log(QVX_LOG_ERROR);
   EXPECT_FALSE(write(page_with({}), directory));
