@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds everything for 64-bit Arm and runs all tests in an emulator, on Debian, which takes about an hour on two cores.
+# Builds everything for 64-bit Arm and runs all tests in an emulator, on Debian, which takes about 20 minutes on two cores.
 # Installs what is missing. tests/CMakeLists.txt says what an emulator cannot run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
