@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <limits>
 #include <optional>
 #include <string>
@@ -217,9 +217,9 @@ TEST_F(CountersBlockTest, ManyCountersOfOneNameTakeLinearTime) {
     bytes.add(i % 2 == 0 && i < 10000 ? kNan : 1.0);
   }
   const CountersSchemaPtr schema = make_schema({group});
-  const auto start = std::chrono::steady_clock::now();
+  const std::clock_t start = std::clock();
   EXPECT_TRUE(compact(*schema, bytes));
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+  EXPECT_LT(std::clock() - start, CLOCKS_PER_SEC);
 }
 
 TEST_F(CountersBlockTest, TextOfLengthZeroIsEmptyWhereverItLies) {
@@ -337,9 +337,9 @@ TEST_F(CountersBlockTest, SetsBeyondAllMeasureHaveNoText) {
   for (const CounterSpec counter :
        {CounterSpec{"a", QVX_COUNTER_UINT64}, {"s", QVX_COUNTER_STRING, 0}, {"t", QVX_COUNTER_STRING, 8}}) {
     const CountersSchemaPtr schema = make_schema({make_group(1, 0xFFFFFFFF, {counter})});
-    const auto start = std::chrono::steady_clock::now();
+    const std::clock_t start = std::clock();
     EXPECT_EQ(compact(*schema, block().add(std::uint64_t{1})), std::nullopt) << counter.name;
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_LT(std::clock() - start, CLOCKS_PER_SEC);
   }
   EXPECT_EQ(compact(*make_schema({make_group(1, 0xFFFFFFFF, {})}), block()), std::nullopt);
 }
