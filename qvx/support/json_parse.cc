@@ -134,10 +134,10 @@ class Builder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Builder> 
   bool root_is_bare_zero_ = false;
 };
 
-bool is_hex_escape_in(std::string_view escape, char low, char high) {
+// "\uD" with this hex digit or a higher one behind it.
+bool is_surrogate_escape(std::string_view escape, char lowest) {
   const auto upper = [](char c) { return c >= 'a' ? static_cast<char>(c - 'a' + 'A') : c; };
-  return escape.size() >= 4 && escape[1] == 'u' && upper(escape[2]) == 'D' && upper(escape[3]) >= low &&
-         upper(escape[3]) <= high;
+  return escape.size() >= 4 && escape[1] == 'u' && upper(escape[2]) == 'D' && upper(escape[3]) >= lowest;
 }
 
 // The parser checks that the second half of a surrogate pair follows the first, but lets one without the
@@ -146,8 +146,8 @@ bool has_lone_low_surrogate(std::string_view text) {
   constexpr std::size_t kPair = std::string_view("\\u0000\\u0000").size();
   for (std::size_t at = text.find('\\'); at != std::string_view::npos; at = text.find('\\', at)) {
     const std::string_view escape = text.substr(at);
-    if (is_hex_escape_in(escape, 'C', 'F')) return true;
-    at += is_hex_escape_in(escape, '8', 'B') ? kPair : 2;
+    if (is_surrogate_escape(escape, 'C')) return true;
+    at += is_surrogate_escape(escape, '8') ? kPair : 2;
   }
   return false;
 }

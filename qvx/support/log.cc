@@ -183,8 +183,7 @@ qvx_log_function process_target() {
 
 void destroy_mutex_at_exit() {
   if (logger.imported) return;
-  pthread_mutex_t* const mutex = logger.mutex.exchange(nullptr);
-  if (mutex != nullptr) pthread_mutex_destroy(mutex);
+  pthread_mutex_destroy(logger.mutex.exchange(nullptr));
 }
 
 bool set_up_thread_safety() {

@@ -15,11 +15,7 @@ bool parse(T (*convert)(const char*, char**, int), const char* text, T& value) {
   char* end = nullptr;
   value = convert(text, &end, 0);
   // An empty text is wholly consumed, and so is 0.
-  if (*end != '\0') return false;
-  using Limits = std::numeric_limits<T>;
-  const bool saturated = value == Limits::max() || (Limits::is_signed && value == Limits::min());
-  if (errno == ERANGE && saturated) return false;
-  return errno == 0 || value != 0;
+  return *end == '\0' && errno == 0;
 }
 
 template <typename T, typename Result>

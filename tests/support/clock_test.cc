@@ -121,6 +121,38 @@ TEST(LocalTimeText, SeesAChangeOfTheHourInsideAMinute) {
   EXPECT_EQ(written(backwards, 1'677'628'829 * kSecond), "2023-03-01 00:00:29.000");
 }
 
+// UTC that counts the leap second at the end of June 1972.
+std::string zone_with_a_leap_second() {
+  std::string zone("TZif", 4);
+  zone.append(16, '\0');
+  const auto put = [&zone](std::initializer_list<int> bytes) {
+    for (const int byte : bytes)
+      zone.push_back(static_cast<char>(byte));
+  };
+  put({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1,
+       0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 4});  // 1 leap second, 1 type, 4 chars
+  put({0, 0, 0, 0, 0, 0, 'U', 'T', 'C', 0});
+  put({0x04, 0xB2, 0x58, 0x00, 0, 0, 0, 1});  // when, and how many there were by then
+  return zone;
+}
+
+TEST(LocalTimeText, ShowsALeapSecondAndTheMinutesAroundIt) {
+  const TempDir dir;
+  const std::string path = ":" + dir.write_file("zone", zone_with_a_leap_second());
+  const TimeZoneGuard zone(path.c_str());
+  for (const bool begins_with_it : {false, true}) {
+    LocalTimeText text;
+    if (!begins_with_it) {
+      EXPECT_EQ(written(text, 78'796'799 * kSecond), "1972-06-30 23:59:59.000");
+    }
+    EXPECT_EQ(written(text, 78'796'800 * kSecond + 1500), "1972-06-30 23:59:60.001");
+    EXPECT_EQ(written(text, 78'796'801 * kSecond), "1972-07-01 00:00:00.000");
+    EXPECT_EQ(written(text, 78'796'860 * kSecond), "1972-07-01 00:00:59.000");
+    EXPECT_EQ(written(text, 78'796'800 * kSecond + 999'999), "1972-06-30 23:59:60.999");
+    EXPECT_EQ(written(text, 78'796'740 * kSecond), "1972-06-30 23:59:00.000");
+  }
+}
+
 // What the C library makes of each time by itself.
 std::string plain_text(std::uint64_t microseconds) {
   const auto seconds = static_cast<time_t>(microseconds / kSecond);
