@@ -6,6 +6,8 @@
 #include "tests/support/log_threads.h"
 
 #include <dlfcn.h>
+#include <sys/wait.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -81,8 +83,43 @@ extern "C" char* getenv(const char* name) noexcept {
   return nullptr;
 }
 
+// In place of the C library's, for threads that come while the logger changes to the system's log.
+extern "C" void openlog(const char*, int, int) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+}
+
+namespace {
+
+// A level that is set before anything is logged leaves the logger without a stream. Threads that find it so
+// wait for a change that is under way, and do not undo it.
+int log_while_the_target_changes() {
+  if (std::freopen("/dev/null", "w", stderr) == nullptr) return EXIT_FAILURE;
+  qvx_logger_set_level(QVX_LOG_ERROR);
+  run_threads([](int thread) {
+    if (thread == 0) {
+      qvx_init_syslog_logger("log_threads", QVX_LOG_ERROR);
+    } else {
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      QVX_LOG(QVX_LOG_ERROR, "first %d", thread);
+    }
+  });
+  constexpr std::uint32_t kSyslog = 1;
+  qvx_logger_state* const state = qvx_logger_export_state();
+  check(state->sink == kSyslog && state->stream == nullptr, "change of the target lasts");
+  std::free(state);
+  return failures == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
   if (argc != 3) return EXIT_FAILURE;
+  // In another process, whose logger nothing has used before.
+  const pid_t child = fork();
+  if (child == 0) return log_while_the_target_changes();
+  int status = -1;
+  waitpid(child, &status, 0);
+  check(status == 0, "first lines while the target changes");
   const char* const path = argv[2];
   setenv("QVX_API_LOG_LEVEL", "7", 1);
   if (std::freopen(path, "w", stderr) == nullptr) return EXIT_FAILURE;
