@@ -19,12 +19,15 @@ namespace {
 
 constexpr std::size_t kNever = static_cast<std::size_t>(-1);
 
-struct State {
-  bool active = false;
-  std::array<bool, kCalls> fails{};
+struct Faults {
   int error = 0;
   std::size_t first = 0;
   std::size_t count = 0;
+};
+
+struct State {
+  bool active = false;
+  std::array<Faults, kCalls> faults{};
   std::size_t dies_at = kNever;
   std::array<std::size_t, kCalls> calls{};
   std::size_t changing = 0;
@@ -37,11 +40,10 @@ bool strikes(Call call, bool changes) {
   if (!state.active) return false;
   const std::size_t number = state.calls[static_cast<std::size_t>(call)]++;
   if (changes && state.changing++ == state.dies_at) raise(SIGKILL);
-  if (!state.fails[static_cast<std::size_t>(call)] || number < state.first ||
-      number - state.first >= state.count)
-    return false;
+  const Faults& faults = state.faults[static_cast<std::size_t>(call)];
+  if (number < faults.first || number - faults.first >= faults.count) return false;
   state.struck = true;
-  errno = state.error;
+  errno = faults.error;
   return true;
 }
 
@@ -58,8 +60,8 @@ Function* next(const char* name) {
 
 const char* call_name(Call call) {
   constexpr std::array<const char*, kCalls> kNames{
-      "open",  "open_nameless", "mkdirat", "linkat",   "renameat2", "write",    "writev",    "ftruncate",
-      "lseek", "flock",         "close",   "unlinkat", "fallocate", "shm_open", "shm_unlink"};
+      "open",  "open_nameless", "mkdirat", "linkat",   "renameat2", "write",    "writev",     "ftruncate",
+      "lseek", "flock",         "close",   "unlinkat", "fallocate", "shm_open", "shm_unlink", "rename"};
   return kNames[static_cast<std::size_t>(call)];
 }
 
@@ -69,17 +71,12 @@ FaultyCalls::FaultyCalls() {
 }
 
 FaultyCalls::FaultyCalls(Call call, int error, std::size_t first, std::size_t count) : FaultyCalls() {
-  state.fails[static_cast<std::size_t>(call)] = true;
-  state.error = error;
-  state.first = first;
-  state.count = count;
+  also(call, error, first, count);
 }
 
 FaultyCalls::FaultyCalls(std::initializer_list<Call> calls, int error) : FaultyCalls() {
   for (const Call call : calls)
-    state.fails[static_cast<std::size_t>(call)] = true;
-  state.error = error;
-  state.count = kNever;
+    also(call, error);
 }
 
 FaultyCalls::FaultyCalls(std::size_t dies_at) : FaultyCalls() {
@@ -92,6 +89,10 @@ FaultyCalls FaultyCalls::dying_at(std::size_t number) {
 
 FaultyCalls::~FaultyCalls() {
   state = {};
+}
+
+void FaultyCalls::also(Call call, int error, std::size_t first, std::size_t count) {
+  state.faults[static_cast<std::size_t>(call)] = {error, first, count};
 }
 
 std::size_t FaultyCalls::calls(Call call) const {
@@ -197,6 +198,11 @@ int shm_open(const char* name, int flags, mode_t mode) {
 int shm_unlink(const char* name) {
   static auto* const real = next<int(const char*)>("shm_unlink");
   return strikes(Call::shm_unlink, true) ? -1 : real(name);
+}
+
+int rename(const char* from, const char* to) noexcept {
+  static auto* const real = next<int(const char*, const char*)>("rename");
+  return strikes(Call::rename, true) ? -1 : real(from, to);
 }
 
 int unlinkat(int folder, const char* path, int flags) noexcept {

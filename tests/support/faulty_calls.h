@@ -26,8 +26,9 @@ enum class Call {
   fallocate,
   shm_open,
   shm_unlink,
+  rename,
 };
-inline constexpr std::size_t kCalls = 15;
+inline constexpr std::size_t kCalls = 16;
 const char* call_name(Call call);
 
 // What happens to the calls of one kind: after `first` that go through, `count` fail with `error`; with
@@ -45,6 +46,9 @@ class FaultyCalls {
   ~FaultyCalls();
   FaultyCalls(const FaultyCalls&) = delete;
   FaultyCalls& operator=(const FaultyCalls&) = delete;
+
+  // Calls of one more kind fail.
+  void also(Call call, int error, std::size_t first = 0, std::size_t count = static_cast<std::size_t>(-1));
 
   // How many there were so far.
   std::size_t calls(Call call) const;
