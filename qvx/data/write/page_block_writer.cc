@@ -45,13 +45,9 @@ std::size_t write_header(const qvxp_header& header, const qvx_source& source, st
   store_le(to.data() + at("first_timestamp"), header.first_timestamp);
   store_le(to.data() + at("last_timestamp"), header.last_timestamp);
   std::span<std::byte> rest = to.subspan(at("source_id"));
-  const std::size_t id_size =
-      copy_as_pascal_string(field_text(source.id), kSourceIdSize, rest.data(), rest.size());
-  if (id_size == 0) return 0;
-  rest = rest.subspan(id_size);
-  const std::size_t tag_size =
-      copy_as_pascal_string(field_text(source.tag), kSourceTagSize, rest.data(), rest.size());
-  return tag_size == 0 ? 0 : size;
+  rest = rest.subspan(copy_as_pascal_string(field_text(source.id), kSourceIdSize, rest.data(), rest.size()));
+  copy_as_pascal_string(field_text(source.tag), kSourceTagSize, rest.data(), rest.size());
+  return size;
 }
 
 qvxp_header header_for(const qvx_data_page& page, std::uint8_t encoding, std::uint64_t encoded_size) {

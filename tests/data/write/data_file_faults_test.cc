@@ -1,10 +1,8 @@
 // What meets a data file while it is written: files that vanish, full disks, names that cannot be trusted.
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <cerrno>
-#include <csignal>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -15,6 +13,7 @@
 #include "qvx/support/log.h"
 #include "tests/data/sample_builder.h"
 #include "tests/data/write/data_file_fixture.h"
+#include "tests/data/write/file_size_limit.h"
 #include "tests/support/failing_allocations.h"
 #include "tests/support/fake_read.h"
 #include "tests/support/faulty_calls.h"
@@ -25,6 +24,7 @@ namespace qvx {
 namespace {
 
 namespace fs = std::filesystem;
+using test::FileSizeLimit;
 using test::kStart;
 using test::LogCapture;
 using test::read_file;
@@ -43,6 +43,18 @@ TEST_F(DataFileFaults, HeaderOfAVanishedFileCannotBeUpdated) {
   EXPECT_EQ(log.texts(QVX_LOG_ERROR),
             (Texts{"[data_file] Failed opening data file " + path_ + ": No such file or directory"}));
   EXPECT_FALSE(fs::exists(path_));
+}
+
+TEST_F(DataFileFaults, HeaderOfAReleasedFileWhoseFolderVanishedCannotBeUpdated) {
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  append("0123456789abcdef");
+  data_file_release(file_);
+  fs::remove_all(temp_.path() / "2023");
+  LogCapture log;
+  EXPECT_FALSE(data_file_update_header(file_));
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
+            (Texts{"[data_file] Failed opening data file " + path_ + ": No such file or directory"}));
+  EXPECT_TRUE(fs::is_empty(temp_.path()));
 }
 
 TEST_F(DataFileFaults, VanishedFileIsLostWhenItIsClosed) {
@@ -113,26 +125,6 @@ TEST_F(DataFileFaults, HeaderThatCannotBeReadIsNotUpdated) {
 }
 
 // -- Full disks
-
-// Limits the size of files for a scope; writing beyond it fails as on a full disk.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
-    getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit limit{bytes, before_.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~FileSizeLimit() {
-    setrlimit(RLIMIT_FSIZE, &before_);
-    std::signal(SIGXFSZ, handler_);
-  }
-  FileSizeLimit(const FileSizeLimit&) = delete;
-  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
- private:
-  rlimit before_{};
-  void (*handler_)(int);
-};
 
 TEST_F(DataFileFaults, BlockThatDoesNotFitLeavesNothingOfItself) {
   ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
@@ -235,6 +227,22 @@ TEST_F(DataFileFaults, RestOfAnInterruptedAppendThatCannotBeCutOffStaysAndDataGo
     ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
     EXPECT_TRUE(faults.any_failed());
   }
+  EXPECT_EQ(append("0123456789abcdef"), 16u);
+  EXPECT_EQ(read_file(path_), before);
+  EXPECT_EQ(read_file(path_of("1700000000000000_2")).substr(256), "0123456789abcdef");
+}
+
+TEST_F(DataFileFaults, RestOfAnInterruptedAppendInAFileThatCannotBeWrittenStaysAndDataGoElsewhere) {
+  const std::string before = test::sample_file({.block_size = 16}, {"old block"}) + "hal";
+  temp_.write_file("2023/1114/node1/1700000000000000.bin", before);
+  LogCapture log;
+  {
+    // Four folders and the file itself, to look at it, are opened first.
+    const test::FaultyCalls faults(test::Call::open, EACCES, 5, 1);
+    ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+    EXPECT_TRUE(faults.any_failed());
+  }
+  EXPECT_EQ(log.texts(QVX_LOG_WARNING), Texts{});
   EXPECT_EQ(append("0123456789abcdef"), 16u);
   EXPECT_EQ(read_file(path_), before);
   EXPECT_EQ(read_file(path_of("1700000000000000_2")).substr(256), "0123456789abcdef");
@@ -350,6 +358,22 @@ TEST_F(DataFileFaults, LinkThatTookTheFilesPlaceIsNotWrittenThrough) {
   fs::create_symlink(target, path_);
   EXPECT_EQ(append("0123456789abcdef"), 16u) << "into the file that has no name any more";
   EXPECT_FALSE(data_file_update_header(file_)) << "which is told";
+  EXPECT_EQ(read_file(target), before);
+}
+
+TEST_F(DataFileFaults, LinkThatTookTheFilesPlaceIsLeftAloneByTheNextData) {
+  const TempDir elsewhere;
+  const std::string target = elsewhere.write_file("target", test::sample_file({}, {"other"}));
+  const std::string before = read_file(target);
+  ASSERT_TRUE(data_file_open_for(file_, kStart, kStart));
+  fs::remove(path_);
+  fs::create_symlink(target, path_);
+  LogCapture log;
+  ASSERT_TRUE(data_file_open_for(file_, kStart + 1, kStart + 1));
+  const std::string message = "[data_file] Failed opening data file " + path_ + ": Stale file handle";
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR), (Texts{message}));
+  EXPECT_EQ(append("ABCDEFGHIJKLMNOP"), 16u);
+  EXPECT_EQ(read_file(path_of("1700000000000001")).substr(256), "ABCDEFGHIJKLMNOP");
   EXPECT_EQ(read_file(target), before);
 }
 

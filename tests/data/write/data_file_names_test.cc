@@ -52,6 +52,18 @@ TEST(KnownFiles, ForgetsInsteadOfGrowing) {
   EXPECT_EQ(files.find("path", "70000")->number, 70000u);
 }
 
+TEST(KnownFiles, ForgetsNothingForWhatItKnows) {
+  KnownFiles files;
+  for (std::uint32_t number = 1; number <= 65536; ++number)
+    files.note("path", std::to_string(number), {number, 0});
+  files.note("path", "2", {2, 300});
+  ASSERT_NE(files.find("path", "1"), nullptr);
+  EXPECT_EQ(files.find("path", "2")->size, 300u);
+  files.note("path", "65537", {65537, 0});
+  EXPECT_EQ(files.find("path", "1"), nullptr);
+  EXPECT_NE(files.find("path", "65537"), nullptr);
+}
+
 class TakenNames : public test::DataWriterTest {
  protected:
   TakenNames() {
@@ -79,6 +91,22 @@ class TakenNames : public test::DataWriterTest {
 TEST_F(TakenNames, FileOfAnotherBlockSizeIsLeftAlone) {
   header_.block_size = 21;
   expect_left_alone(test::sample_file(header_, {"x"}));
+}
+
+TEST_F(TakenNames, FileWithoutBlocksIsLeftAlone) {
+  header_.block_size = 0;
+  const std::string before = test::file_header(header_) + "x";
+  temp_.write_file("2023/1114/node1/1700000000000000.bin", before);
+  qvx_data_file file;
+  file.root = temp_.path();
+  file.source_id = "node1";
+  file.block_size = 0;
+  file.counters_schema_id = header_.counters_schema_id;
+  file.schemas = SchemasInForce(writer_->event_schema_ids);
+  ASSERT_TRUE(data_file_open_for(file, kStart, kStart));
+  EXPECT_EQ(data_file_append(file, as_bytes(kFirst), 0), 20u);
+  EXPECT_EQ(read_file(path_), before);
+  EXPECT_EQ(read_file(second_).substr(256), kFirst);
 }
 
 TEST_F(TakenNames, FileOfAnotherCountersSchemaIsLeftAlone) {

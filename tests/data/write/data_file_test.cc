@@ -387,6 +387,20 @@ TEST_F(DataFile, PipeInThePlaceOfTheFileDoesNotHang) {
                                              " for writing: No such device or address"}));
 }
 
+TEST_F(DataFile, NothingIsWrittenIntoAPipeThatSomebodyReads) {
+  fs::create_directories(temp_.path() / "2023/1114/node1");
+  ASSERT_EQ(mkfifo(path_.c_str(), 0600), 0);
+  const FileDescriptor reader(open(path_.c_str(), O_RDONLY | O_NONBLOCK));
+  ASSERT_TRUE(reader);
+  LogCapture log;
+  EXPECT_TRUE(data_file_open_for(file_, kStart, kStart));
+  EXPECT_EQ(append("0123456789abcdef"), 0u);
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
+            (Texts{"[data_file] Failed to open data file " + path_ + " for writing: Invalid argument"}));
+  char byte = 0;
+  EXPECT_EQ(read(reader.get(), &byte, 1), 0);
+}
+
 // -- The header
 
 TEST_F(DataFile, HeaderUpdateWritesSizeAndLastTimestamp) {

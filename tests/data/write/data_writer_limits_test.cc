@@ -115,6 +115,17 @@ TEST_F(LimitedDataWriter, BytesAppendedToAFileThatWasThereBeforeAreNotCounted) {
   EXPECT_EQ(writer_->total_size, 300u);
 }
 
+TEST_F(LimitedDataWriter, BytesAppendedToAFileWithTheNumberOfAnEarlierOneAreNotCounted) {
+  writer_->file_size_limit = 398;
+  ASSERT_TRUE(write_at(1));
+  EXPECT_EQ(writer_->total_size, 100u);
+  ++writer_->written_files.front().identity.born;
+  ++writer_->written_files.front().identity.changed;
+  ASSERT_TRUE(write_at(1));
+  EXPECT_EQ(fs::file_size(path_of("1700000001000000")), 456u);
+  EXPECT_EQ(writer_->total_size, 100u);
+}
+
 TEST_F(LimitedDataWriter, VanishedFileIsReportedAndCountedOff) {
   ASSERT_TRUE(write_at(1));
   ASSERT_TRUE(write_at(2));

@@ -15,6 +15,7 @@
 #include "qvx/data/write/data_writer.h"
 #include "qvx/support/log.h"
 #include "tests/data/write/data_writer_fixture.h"
+#include "tests/data/write/file_size_limit.h"
 #include "tests/support/faulty_calls.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temp_dir.h"
@@ -139,6 +140,14 @@ TEST_F(DataWriterRoom, HeaderLossThatOnlyClosingTellsIsAFailure) {
             (Texts{"[data_file] Failed writing data page header to file " + path_ + ": Input/output error"}));
 }
 
+TEST_F(DataWriterRoom, HeaderThatCannotBeCompletedAtTheEndIsAFailure) {
+  ASSERT_TRUE(write({}));
+  ASSERT_EQ(data_file_append(writer_->sources.front().file, as_bytes("QVXE0123456789abcdef"), 0), 20u);
+  fs::remove(path_);
+  EXPECT_FALSE(data_writer_finish(*writer_));
+  EXPECT_TRUE(data_writer_finish(*writer_)) << "told once";
+}
+
 TEST_F(DataWriterRoom, InterruptedCloseIsNoLoss) {
   ASSERT_TRUE(write({}));
   const FaultyCalls fault(Call::close, EINTR);
@@ -174,6 +183,28 @@ TEST_F(DataWriterRoom, InvalidHeaderOfAFileThatIsThereIsAFailure) {
   EXPECT_EQ(log.texts(QVX_LOG_ERROR),
             (Texts{"[data_file] Failed reading header of data file " + path_ + ": Success"}));
   EXPECT_EQ(read_file(path_), "no headerQVXE0123456789abcdef");
+}
+
+TEST_F(DataWriterRoom, DataAreAppendedToAFileWithAnInvalidHeaderAllTheSame) {
+  const std::string before(300, 'x');
+  temp_.write_file("2023/1114/node1/1700000000000000.bin", before);
+  EXPECT_FALSE(write({}));
+  EXPECT_EQ(read_file(path_), before + "QVXE0123456789abcdef");
+  EXPECT_EQ(data_files(), (Texts{"2023/1114/node1/1700000000000000.bin"}));
+}
+
+TEST_F(DataWriterRoom, NewFileThatIsClosedBehindAPartOfABlockGetsNoNodeInformation) {
+  LogCapture log(QVX_LOG_ERROR);
+  {
+    const test::FileSizeLimit limit(256 + 10);
+    const FaultyCalls faults(Call::ftruncate, EIO);
+    EXPECT_FALSE(write({}));
+    EXPECT_TRUE(faults.any_failed());
+  }
+  EXPECT_EQ(log.texts(QVX_LOG_ERROR),
+            (Texts{"[data_file] Failed appending data file " + path_ + ": File too large"}));
+  EXPECT_EQ(read_file(path_).substr(256), "QVXE012345");
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder()), {}), 1);
 }
 
 // A folder that becomes a link while its file is written does not let the node information outside.

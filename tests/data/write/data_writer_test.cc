@@ -288,6 +288,10 @@ TEST_F(DataWriter, DestroyingTheWriterCompletesTheHeaders) {
   }
 }
 
+TEST_F(DataWriter, DestroyingNoWriterDoesNothing) {
+  data_writer_destroy(nullptr);
+}
+
 bool header_memory_was_short = false;
 
 __attribute__((format(printf, 2, 3))) void note_message(std::uint32_t, const char* format, ...) {

@@ -212,6 +212,24 @@ TEST_F(CreateIn, DraftIsRemovedWhenTheNameIsTaken) {
   EXPECT_EQ(std::distance(fs::directory_iterator(temp_.path()), {}), 1);
 }
 
+TEST_F(CreateIn, DraftIsRemovedWhenItCannotBeLinked) {
+  FaultyCalls faults({Call::open_nameless, Call::renameat2}, ENOSYS);
+  faults.also(Call::linkat, EDQUOT);
+  EXPECT_FALSE(create("name"));
+  EXPECT_EQ(errno, EDQUOT);
+  EXPECT_FALSE(writing_);
+  EXPECT_TRUE(fs::is_empty(temp_.path()));
+}
+
+TEST_F(CreateIn, FileThatCannotBeWrittenUnderItsNameIsRemoved) {
+  FaultyCalls faults({Call::open_nameless, Call::linkat, Call::renameat2}, ENOSYS);
+  faults.also(Call::write, ENOSPC, 1);  // behind that of the draft
+  EXPECT_FALSE(create("name"));
+  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_TRUE(writing_);
+  EXPECT_TRUE(fs::is_empty(temp_.path()));
+}
+
 TEST_F(CreateIn, OtherFaultsEndItWhateverTheWay) {
   {
     const FaultyCalls faults(Call::open_nameless, EIO);
