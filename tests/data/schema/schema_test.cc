@@ -123,6 +123,12 @@ TEST_F(SchemaTest, AbsentNamesAndFieldsAreRefused) {
                              "[qvx_schema_add_type] cannot get type definition from fields_info[0]",
                              "Unable to register type 't': type '' of the field 'a' is undefined"}));
   EXPECT_TRUE(schema_->types.empty());
+  log_.clear();
+  const std::vector<qvx_field_info> no_second_name = {
+      {"a", "", "int", kAbsoluteCounting, 1}, no_name, {"c", "", "int", kAbsoluteCounting, 1}};
+  EXPECT_EQ(qvx_schema_add_type(schema_.get(), "t", no_second_name.data(), 3, nullptr), 1);
+  EXPECT_EQ(errors(), (Texts{"[qvx_schema_add_type] cannot get type definition from fields_info[1]"}));
+  EXPECT_TRUE(schema_->types.empty());
   EXPECT_EQ(qvx_schema_find_type(schema_.get(), nullptr), nullptr);
   EXPECT_EQ(builtin_type_id(nullptr), 0U);
   schema_->types.emplace_back();

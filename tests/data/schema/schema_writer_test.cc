@@ -154,6 +154,18 @@ TEST_F(SchemaWriterTest, FileThatTheSystemLosesWhenItIsClosedIsNotThere) {
   EXPECT_TRUE(std::filesystem::is_empty(folder_.path()));
 }
 
+TEST_F(SchemaWriterTest, FileThatDoesNotGetItsNameIsRemoved) {
+  {
+    const test::FaultyCalls faults(test::Call::rename, EACCES);
+    writer_.onSchema(kSchema);
+    EXPECT_TRUE(faults.any_failed());
+  }
+  EXPECT_EQ(log_.texts(QVX_LOG_WARNING),
+            (std::vector<std::string>{"[data] Failed writing schema file '" + folder_.file(kSchemaFile) +
+                                      "': Permission denied"}));
+  EXPECT_TRUE(std::filesystem::is_empty(folder_.path()));
+}
+
 TEST_F(SchemaWriterTest, NewFileIsNeverSeenInPart) {
   const int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   if (watch < 0) GTEST_SKIP() << "no inotify here";
