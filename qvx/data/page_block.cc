@@ -12,13 +12,13 @@ namespace {
 
 constexpr std::size_t kMagicBytes = 4;
 
-// A text behind its length byte, cut at `limit` characters and at the end of the bytes.
-std::string_view pascal_string(Cursor& cursor, std::size_t limit) {
-  std::uint8_t length = 0;
-  if (!cursor.read(length)) return {};
-  Bytes text;
-  if (!cursor.read_bytes(std::min<std::size_t>(length, cursor.left()), text)) return {};
-  return as_text(text.first(std::min(text.size(), limit)));
+// A text behind its length byte, cut at `limit` characters and at the end of the bytes. Takes both from
+// `rest`.
+std::string_view pascal_string(std::string_view& rest, std::size_t limit) {
+  if (rest.empty()) return {};
+  const std::string_view text = rest.substr(1, static_cast<unsigned char>(rest.front()));
+  rest.remove_prefix(1 + text.size());
+  return text.substr(0, limit);
 }
 
 bool has_uncompressed_size(const PageBlock& block, std::size_t size) {
@@ -52,7 +52,7 @@ bool page_block_read(Bytes unit, PageBlock& block) noexcept {
   block.source_id = {};
   block.source_tag = {};
   if (unit.size() > kPageBlockFixedSize) {
-    Cursor strings(unit.subspan(kPageBlockFixedSize));
+    std::string_view strings = as_text(unit.subspan(kPageBlockFixedSize));
     block.source_id = pascal_string(strings, kSourceIdSize);
     block.source_tag = pascal_string(strings, kSourceTagSize);
   }

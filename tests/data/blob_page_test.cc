@@ -44,6 +44,12 @@ TEST(BlobPage, BlobOfNoBytesIsAccepted) {
   EXPECT_TRUE(page_is_blob(*page));
 }
 
+TEST(BlobPage, SizeThatOverflowsWithTheHeadersMakesNoPage) {
+  const std::byte* const start = as_bytes("x").data();
+  EXPECT_EQ(blob_page_create({}, Bytes(start, static_cast<std::size_t>(-1))), nullptr);
+  EXPECT_EQ(blob_page_create({}, Bytes(start, static_cast<std::size_t>(-20))), nullptr);
+}
+
 TEST(BlobPage, PageOf740BytesHoldsABlobOfNoBytesAndNoMore) {
   const PagePtr page = page_alloc(20, 740, {});
   ASSERT_NE(page, nullptr);

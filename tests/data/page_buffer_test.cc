@@ -1,6 +1,7 @@
 #include "qvx/data/page_buffer.h"
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <string>
@@ -50,6 +51,16 @@ TEST(PageBuffer, ClearsFromTheStartToTheEndAndNothingBefore) {
           << start;
     }
   }
+}
+
+// The system gives no memory back that somebody keeps from being swapped out.
+TEST(PageBuffer, ClearsMemoryThatIsLocked) {
+  PageBuffer buffer = PageBuffer::allocate(k20MiB);
+  ASSERT_TRUE(buffer);
+  std::ranges::fill(buffer.bytes(), std::byte{0x5A});
+  if (mlock(buffer.bytes().data() + k20MiB - 4096, 4096) != 0) GTEST_SKIP() << "no memory can be locked";
+  buffer.clear_from(100);
+  EXPECT_TRUE(as_text(buffer.bytes()) == std::string(100, 'Z') + std::string(k20MiB - 100, '\0'));
 }
 
 }  // namespace

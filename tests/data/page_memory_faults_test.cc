@@ -114,6 +114,31 @@ TEST(SharedPageFaults, InterruptedReservationIsTriedAgainAndAMissingOneWillDo) {
   }
 }
 
+TEST(SharedPageFaults, ObjectWithoutStorageForItsPageIsNotTakenAndNotRemoved) {
+  const ObjectName name;
+  name.make(4096);
+  {
+    const FaultyCalls faults(test::Call::fallocate, ENOSPC);
+    LogCapture log;
+    EXPECT_EQ(name.allocate(), nullptr);
+    EXPECT_TRUE(faults.any_failed());
+    EXPECT_TRUE(log.has(QVX_LOG_ERROR, "[data_page] Data page allocation failed: No space left on device"));
+  }
+  EXPECT_TRUE(name.exists());
+  EXPECT_NE(name.allocate(), nullptr);
+}
+
+TEST(SharedPageFaults, ObjectThatCannotBeMappedStaysUnlessItIsNew) {
+  if (!test::MemoryLimit::kSupported) GTEST_SKIP();
+  const ObjectName name;
+  name.make(test::MemoryLimit::kTooMuch);
+  {
+    const test::MemoryLimit limit;
+    EXPECT_EQ(name.allocate(test::MemoryLimit::kTooMuch), nullptr);
+  }
+  EXPECT_TRUE(name.exists());
+}
+
 TEST(SharedPageFaults, ObjectThatCannotBeLockedIsNotTakenAndNotRemoved) {
   const ObjectName name;
   {

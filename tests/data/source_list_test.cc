@@ -48,6 +48,14 @@ TEST_F(SourceFormat, BaseIsTheHostNameWithoutASetting) {
   EXPECT_EQ(from_format("1"), (SourceList{"sampler_1"}));
 }
 
+TEST_F(SourceFormat, WithoutAnyBaseThereIsNoList) {
+  const FakeHostName none(EIO);
+  const LogCapture log(QVX_LOG_ERROR);
+  EXPECT_EQ(source_list_from_format("1"), std::nullopt);
+  EXPECT_EQ(log.messages(),
+            (std::vector<LogMessage>{{3, "[source] Failed to get host name: Input/output error"}}));
+}
+
 TEST_F(SourceFormat, LeadingZerosAreDecimal) {
   EXPECT_EQ(from_format("r[010-011]"), (SourceList{"r_10", "r_11"}));
 }
@@ -252,6 +260,18 @@ TEST_F(SourceFile, WhatIsNoRegularFileIsNotRead) {
             (std::vector<LogMessage>{{3, "[source] Failed to open file: " + pipe},
                                      {3, "[source] Failed to open file: /dev/zero"},
                                      {3, "[source] Failed to open file: " + folder.path().string()}}));
+}
+
+// A file whose opening works, but no reading of its first byte.
+TEST_F(SourceFile, FileThatCannotBeReadIsLogged) {
+  const LogCapture log;
+  EXPECT_EQ(source_list_from_arg("/proc/self/mem"), std::nullopt);
+  EXPECT_EQ(source_list_from_text_file("/proc/self/mem"), std::nullopt);
+  EXPECT_EQ(source_list_from_fabscan_file("/proc/self/mem"), std::nullopt);
+  EXPECT_EQ(log.messages(),
+            (std::vector<LogMessage>{{3, "[source] Failed to open file: /proc/self/mem"},
+                                     {3, "[source] Failed to open text file: /proc/self/mem"},
+                                     {3, "[source] Failed to open fabscan file: /proc/self/mem"}}));
 }
 
 TEST(SourceListPrint, WritesALinePerSource) {
