@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -152,6 +153,21 @@ TEST(Adapters, FolderThatCannotBeReadLogsTheReason) {
   EXPECT_EQ(discover_adapters(folder.file("missing").c_str(), entries), 0);
   EXPECT_EQ(log.messages(),
             (std::vector<LogMessage>{{3, "HCA info: globing read failed: No such file or directory"}}));
+}
+
+// The kernel opens this folder of a process that has ended, but lists nothing of it.
+TEST(Adapters, FolderThatCannotBeListedLogsTheReason) {
+  const pid_t ended = fork();
+  if (ended == 0) _exit(0);
+  siginfo_t information{};
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(ended), &information, WEXITED | WNOWAIT), 0);
+  const std::string folder = "/proc/" + std::to_string(ended) + "/net";
+  std::array<qvx_adapter_info, 2> entries;
+  const LogCapture log;
+  EXPECT_EQ(discover_adapters(folder.c_str(), entries), 0);
+  EXPECT_EQ(log.messages(),
+            (std::vector<LogMessage>{{3, "HCA info: globing read failed: Invalid argument"}}));
+  waitpid(ended, nullptr, 0);
 }
 
 // The name of what is not a folder is, deliberately, that of the folder above it.
@@ -355,6 +371,16 @@ TEST(SmiCheck, MissingAttributeIsZeroWithoutAMessage) {
   EXPECT_EQ(has_smi("/nonexistent", "hcx5_0", 1), 0);
   EXPECT_EQ(qvx_has_smi("no such device", 1), 0);
   EXPECT_TRUE(log.messages().empty());
+}
+
+TEST(SmiCheck, WithoutMemoryForThePathItFails) {
+  const LogCapture silence(0);
+  int result = 0;
+  {
+    const test::FailingAllocations none(0);
+    result = has_smi("/a/folder/whose/path/takes/memory", "hcx5_0", 1);
+  }
+  EXPECT_EQ(result, -1);
 }
 
 TEST(SmiCheck, EmptyAttributeLogsThatItCannotBeRead) {
