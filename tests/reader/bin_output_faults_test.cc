@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -18,9 +19,13 @@
 #include <vector>
 
 #include "qvx/data/file_header.h"
+#include "qvx/data/page_block.h"
+#include "qvx/reader/bin_output.h"
+#include "qvx/scan/type_cache.h"
 #include "qvx/support/log.h"
 #include "tests/data/sample_builder.h"
 #include "tests/reader/bin_output_files.h"
+#include "tests/support/faulty_calls.h"
 #include "tests/support/temp_dir.h"
 
 namespace qvx {
@@ -56,6 +61,26 @@ TEST_F(BinOutputFaults, PageThatCannotBeSavedDoesNotStopTheOthersAndFailsItsFile
   EXPECT_EQ(log_.texts(QVX_LOG_ERROR), (Texts{"[data_file] Failed to create data file " + folder +
                                               "/1700000000000001.bin: Inaccessible data path " + folder}));
   EXPECT_EQ(records(written()).size(), 12u);
+}
+
+TEST_F(BinOutputFaults, LossThatOnlyTheEndTellsIsAFailure) {
+  const std::string bytes = page_block(page_at(0, "a"), events(1, 3));
+  PageBlock block;
+  ASSERT_TRUE(page_block_read(as_bytes(bytes), block));
+  TypeCache types(temp_.file("schema"));
+  for (const int fault : {0, EDQUOT}) {
+    const auto bin = BinOutput::create(output());
+    ASSERT_NE(bin, nullptr);
+    bin->set_header({}, types);
+    EXPECT_TRUE(bin->process_page_block(block));
+    log_.clear();
+    const test::FaultyCalls faults(test::Call::close, fault, 0, fault != 0 ? 1 : 0);
+    EXPECT_EQ(bin->finish(), fault == 0);
+    EXPECT_EQ(faults.any_failed(), fault != 0);
+  }
+  EXPECT_EQ(log_.texts(QVX_LOG_ERROR),
+            (Texts{"[data_file] Failed appending data file " +
+                   (output() / "2023/1114/a/1700000000000000.bin").string() + ": Disk quota exceeded"}));
 }
 
 TEST_F(BinOutputFaults, PageOfAnUnknownKindFailsItsFile) {

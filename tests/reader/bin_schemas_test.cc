@@ -119,6 +119,19 @@ TEST_F(BinSchemas, ThatCannotBeLoadedAreFollowedAllTheSame) {
   EXPECT_EQ(header_of(output() / "2023/1114/b/1700000000000001.bin").event_schema_ids[0], missing);
 }
 
+// A reader stops at events whose schemas it does not have: what a page names behind them holds for no other.
+TEST_F(BinSchemas, BehindEventsWhoseSchemasCannotBeLoadedAreNotFollowed) {
+  const qvx_schema_id missing = test::id_of_byte(0x77);
+  const std::string same = events(1, 2) + schemas_block({kEvents}) + events(3, 2);
+  const std::string changing = events(5, 2) + schemas_block({kOtherEvents}) + events(7, 2);
+  resave({temp_.write_file(
+      "in.bin", sample_file(header(), {unit(0, "a", same), unit(1, "a", schemas_block({kEvents, missing})),
+                                       unit(2, "b", changing), unit(3, "c", events(9, 2))}))});
+  const auto ids = header_of(output() / "2023/1114/c/1700000000000003.bin").event_schema_ids;
+  EXPECT_EQ(ids[0], kEvents);
+  EXPECT_EQ(ids[1], missing);
+}
+
 TEST_F(BinSchemas, MoreThanAHeaderNamesAreSavedAndAFailure) {
   std::vector<qvx_schema_id> ids;
   for (std::uint8_t slot = 0; slot < 8; ++slot) {
