@@ -269,8 +269,7 @@ void data_writer_enforce_data_size_limit(qvx_data_writer& writer) noexcept {
     QVX_LOG(QVX_LOG_ERROR, "[data_writer] Cannot enforce data size limit, limit unset.");
     return;
   }
-  // The total is that of the listed files, so there is one as long as it is above the limit.
-  while (writer.total_size > writer.data_size_limit) {
+  while (writer.total_size > writer.data_size_limit && !writer.written_files.empty()) {
     const qvx_data_writer::WrittenFile& oldest = writer.written_files.front();
     try {
       remove_file(writer, oldest);
@@ -284,7 +283,7 @@ void data_writer_enforce_data_size_limit(qvx_data_writer& writer) noexcept {
     const auto by_number = writer.written_by_number.find({oldest.identity.device, oldest.identity.number});
     if (by_number != writer.written_by_number.end() && by_number->second == writer.written_files.begin())
       writer.written_by_number.erase(by_number);
-    writer.total_size -= oldest.size;
+    writer.total_size -= std::min(oldest.size, writer.total_size);
     writer.written_files.pop_front();
   }
 }

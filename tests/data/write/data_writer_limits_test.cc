@@ -138,6 +138,16 @@ TEST_F(LimitedDataWriter, VanishedFileIsReportedAndCountedOff) {
   EXPECT_EQ(writer_->total_size, 300u);
 }
 
+// The total is a public member.
+TEST_F(LimitedDataWriter, TotalThatIsNotThatOfTheFilesEndsWithTheLastOne) {
+  ASSERT_TRUE(write_at(1));
+  writer_->total_size = 1000;
+  data_writer_enforce_data_size_limit(*writer_);
+  EXPECT_FALSE(fs::exists(path_of("1700000001000000")));
+  EXPECT_TRUE(writer_->written_files.empty());
+  EXPECT_EQ(writer_->total_size, 900u);
+}
+
 TEST_F(LimitedDataWriter, FileThatTookTheOldOnesPlaceIsNotRemoved) {
   ASSERT_TRUE(write_at(1));
   ASSERT_TRUE(write_at(2));
