@@ -59,7 +59,6 @@ bool has_bit(const std::byte* bits, std::size_t at) {
 
 // Adds the last bytes of a buffer so many times more.
 void repeat_bytes(Buffer& buffer, std::size_t size, std::size_t times) {
-  if (size == 0 || times == 0) return;
   std::byte* out = buffer.extend(size * times);
   const std::byte* const from = out - size;
   // What was copied is copied with the rest.

@@ -159,8 +159,8 @@ void Dataset::learn(const TypeSet& types, const std::string& file) {
       table.schemas.push_back(id);
     }
   }
-  const std::string id = types.counters == nullptr ? "" : id_text(types.counters->id);
-  if (id.empty() || types.counters->counters->groups.empty() || !known_.insert("c" + id).second) return;
+  const std::string id = id_text(types.counters->id);
+  if (types.counters->counters->groups.empty() || !known_.insert("c" + id).second) return;
   if (const auto columns = compile_counters_columns(*types.counters->counters, id, why_not)) {
     merge_columns(counters_.columns, columns->types, id);
     counters_.schemas.push_back(id);

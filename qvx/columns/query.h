@@ -51,9 +51,7 @@ struct ResolvedQuery {
   std::vector<Source> sources;  // of each column
 
   // The place in the result of a column of the table, if it was asked for.
-  std::optional<std::size_t> place_of(std::size_t table_column) const {
-    return table_column < places_.size() ? places_[table_column] : std::nullopt;
-  }
+  std::optional<std::size_t> place_of(std::size_t table_column) const { return places_[table_column]; }
   std::optional<std::size_t> place_of(ExtraColumn column) const {
     return extra_places_[static_cast<std::size_t>(column)];
   }

@@ -105,7 +105,7 @@ void TableDecoder::begin_batch() {
 }
 
 bool TableDecoder::next(std::uint64_t limit, ArrowArray* out) {
-  if (!scan_ || limit == 0) {
+  if (!scan_) {
     last_rows_ = 0;
     return false;
   }
@@ -119,7 +119,7 @@ bool TableDecoder::next(std::uint64_t limit, ArrowArray* out) {
       drain();
       if (rows_ >= batch_rows_) break;
       more = scan_->next(*this);
-      if (!more && !events_ && !counters_ && !has_metrics_) break;
+      if (!more) break;
     }
   } catch (const std::bad_alloc&) {
     recorder_ = nullptr;

@@ -76,7 +76,7 @@ void TableDecoder::drain_metrics() {
       while (next_sample_ < most && is_selected(samples[next_sample_].sample_id))
         ++next_sample_;
       if (next_sample_ > first) {
-        labels_are_utf8 = add_samples(samples.part(first, next_sample_)) && labels_are_utf8;
+        labels_are_utf8 = add_samples(samples.part(first, next_sample_));
       } else {
         ++next_sample_;
       }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/columns/arrow_rows.h"
@@ -138,6 +139,15 @@ TEST(ColumnTest, TextsAndNullsAreRepeated) {
                                       R"("a")", "null", R"("bc")", R"("bc")"}));
 }
 
+TEST(ColumnTest, TextsWithoutACharacterAreRepeated) {
+  const ColumnType type{"v", ColumnKind::text, 0, {}, {}};
+  Column column(type);
+  column.append_text("");
+  column.repeat(1, 2);
+  column.append_text("a");
+  EXPECT_EQ(values(column), (std::vector<std::string>{R"("")", R"("")", R"("")", R"("a")"}));
+}
+
 TEST(ColumnTest, IndicesAreRepeated) {
   const ColumnType type{"v", ColumnKind::dictionary, 0, {}, {}};
   Column column(type);
@@ -162,6 +172,27 @@ TEST(ColumnTest, ListsAndRecordsOfNothingHaveNulls) {
   Column column(type);
   column.append_nulls(2);
   EXPECT_EQ(values(column), (std::vector<std::string>{"null", "null"}));
+}
+
+// Whoever reads an array or a schema may move parts of it out, which then are theirs to release.
+TEST(ColumnTest, DictionaryThatWasMovedOutOutlivesItsColumn) {
+  const std::vector<ColumnType> types{{"v", ColumnKind::dictionary, 0, {}, {}}};
+  const test::OwnedSchema texts(new ArrowSchema{});
+  {
+    const test::OwnedSchema schema(new ArrowSchema{});
+    export_schema(types, {}, schema.get());
+    *texts = std::exchange(*schema->children[0]->dictionary, ArrowSchema{});
+  }
+  EXPECT_STREQ(texts->format, "u");
+  Column column(types[0]);
+  column.append_index(column.index_of("a"));
+  const test::OwnedArray values(new ArrowArray{});
+  {
+    const test::OwnedArray array(new ArrowArray{});
+    column.export_to(array.get());
+    *values = std::exchange(*array->dictionary, ArrowArray{});
+  }
+  EXPECT_EQ(ArrowValues(*texts, *values, Numbers::exact).text(0), R"("a")");
 }
 
 TEST(ColumnTest, TextsThatAreNoUtf8AreReplacedInNames) {

@@ -2,6 +2,7 @@
 // read.
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -193,6 +194,25 @@ TEST_F(RefusedTypesTest, WhatIsLoggedWithoutAFaultIsAWarning) {
   EXPECT_EQ(faults[0].offset, 0u);
   EXPECT_EQ(faults[0].words,
             "Version '2.0.0' of parsing schema is incompatible with current schema version '1.5.0'");
+}
+
+TEST_F(RefusedTypesTest, WarningDoesNotEndAStreamThatFaultsEnd) {
+  const std::string schema = counters_schema(counter_group("node", 1, counter_of("used", "UINT64")), "2.0.0");
+  const auto data =
+      test::open({files_.write("a.bin", {test::counters_block(kNoon, le(std::uint64_t{5}))}, "", schema)});
+  ArrowArrayStream stream;
+  export_stream(std::make_unique<columns::TableStream>(data, columns::resolve(*data, {.table = "counters"})),
+                &stream, columns::StreamFaults::end_stream);
+  const test::OwnedArray batch(new ArrowArray{});
+  ASSERT_EQ(stream.get_next(&stream, batch.get()), 0);
+  EXPECT_EQ(batch->length, 1);
+  ArrowArray end{};
+  EXPECT_EQ(stream.get_next(&stream, &end), 0);
+  EXPECT_EQ(end.release, nullptr);
+  EXPECT_EQ(stream.get_last_error(&stream), nullptr);
+  stream.release(&stream);
+  ASSERT_EQ(data->faults().list().size(), 1u);
+  EXPECT_EQ(data->faults().list()[0].kind, "warning");
 }
 
 // Put together by hand, since those from files have them.
