@@ -58,7 +58,6 @@ void qvx_counter_group_print_list(std::FILE* stream, const qvx_counter_group* gr
 namespace qvx {
 
 void CounterGroupDelete::operator()(qvx_counter_group* group) const noexcept {
-  if (group == nullptr) return;
   if (group->provider_ops != nullptr && group->provider_ops->destroy_group != nullptr) {
     group->provider_ops->destroy_group(group);
   } else {

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "qvx/support/json_parse.h"
@@ -307,6 +308,23 @@ TEST_F(CountersJsonTest, PrintingFailsWhereverTheStreamTakesNoMore) {
     EXPECT_EQ(qvx_counters_schema_jsonify_print(stream, schema.get()), left == size) << left;
     std::fclose(stream);
   }
+}
+
+// Text is written in pieces of 4 KiB.
+TEST_F(CountersJsonTest, PrintingFailsAlthoughTheStreamTakesWhatFollows) {
+  const std::string name(6000, 'n');
+  const CountersSchemaPtr schema = make_schema({make_group(0, 1, {{name.c_str(), QVX_COUNTER_INT64}})});
+  bool refuses = true;
+  const auto take = [](void* cookie, const char*, std::size_t count) -> ssize_t {
+    return std::exchange(*static_cast<bool*>(cookie), false) ? 0 : static_cast<ssize_t>(count);
+  };
+  std::FILE* const stream =
+      fopencookie(&refuses, "w", {.read = nullptr, .write = take, .seek = nullptr, .close = nullptr});
+  ASSERT_NE(stream, nullptr);
+  std::setvbuf(stream, nullptr, _IONBF, 0);
+  EXPECT_FALSE(qvx_counters_schema_jsonify_print(stream, schema.get()));
+  EXPECT_TRUE(qvx_counters_schema_jsonify_print(stream, schema.get()));
+  std::fclose(stream);
 }
 
 TEST_F(CountersJsonTest, AbsentDescriptionAndUnitsAreWrittenAsEmptyTexts) {
