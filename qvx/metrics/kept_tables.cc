@@ -12,9 +12,8 @@ namespace {
 // would give other tables: no marker fits into or across a size whose highest byte is 0, and behind the kept
 // tables only label names and constant labels are searched for.
 bool has_size_without_marker(std::string_view block) {
-  constexpr std::size_t kHighestByteAt = wire::kBlockHeaderSize - 1;
-  return block.size() > kHighestByteAt && block.starts_with(wire::kBlockMarker) &&
-         block[kHighestByteAt] == '\0';
+  const std::string_view header = block.substr(0, wire::kBlockHeaderSize);  // which ends with the size
+  return header.starts_with(wire::kBlockMarker) && header.ends_with('\0');
 }
 
 bool has_label_section_behind(std::string_view block, std::size_t prefix) {
@@ -73,7 +72,7 @@ const MetricsBlockTables& KeptTables::tables() {
 }
 
 const std::vector<std::string_view>& KeptTables::constants_without_utf8() {
-  if (is_repeated_ && !tables_are_of_kept_) read_kept();
+  static_cast<void>(tables());  // has them read
   return constants_without_utf8_;
 }
 

@@ -104,7 +104,6 @@ std::size_t read_record_labels(const MetricsDataSection& section, const std::byt
 }
 
 void dump_metrics_batch(const MetricsBatch& batch, const StringTable& label_values) {
-  if (!QVX_LOG_IS_ENABLED(QVX_LOG_DEBUG)) return;
   QVX_LOG(QVX_LOG_DEBUG, "[qvx metrics parser] Metrics Batch:");
   QVX_LOG(QVX_LOG_DEBUG, "[qvx metrics parser] Timestamp: %lu", batch.timestamp);
   for (std::size_t i = 0; i < batch.samples.size(); ++i) {

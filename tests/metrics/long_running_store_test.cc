@@ -142,6 +142,20 @@ TEST(LongRunningStore, NamesThatTheFilterDoesNotWantAreForgotten) {
   EXPECT_EQ(series_of(store), Lines{"tx{} 2"});
 }
 
+TEST(LongRunningStore, NameThatNeverHadASeriesStaysUntilNoFilterWantsIt) {
+  MetricFilter none;
+  MetricsStore store;
+  store_block(store, block_of({{.timestamp = 10, .samples = {{0, 1}}}}), &none);
+  EXPECT_EQ(store.forget_before(20), 0u);
+  EXPECT_NE(store.symbols().find("rx"), std::nullopt);
+  MetricFilter wants;
+  wants.add_name("rx");
+  store.forget_unwanted(wants);
+  EXPECT_NE(store.symbols().find("rx"), std::nullopt);
+  store.forget_unwanted(none);
+  EXPECT_EQ(store.symbols().find("rx"), std::nullopt);
+}
+
 TEST(LongRunningStore, HistogramsOfBlocksEnterTheHistogramStore) {
   TestBlock block;
   block.label_name_sets = label_names({"host", "port"}) + label_names({"port", "host"});

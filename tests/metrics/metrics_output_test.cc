@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "qvx/metrics/labels_text.h"
 #include "tests/metrics/cntx_builder.h"
 #include "tests/metrics/recording_target.h"
 #include "tests/support/failing_allocations.h"
@@ -89,6 +90,24 @@ TEST(OutputMetricsBlock, EmptyListsAndAnEmptyObject) {
   block.records.clear();
   EXPECT_EQ(line(block), "{}\n");
   EXPECT_EQ(output(block.bytes(), Format::json).text, "{}");
+}
+
+// Of blocks only labels that are too long to be kept are written so.
+TEST(WriteLabels, NoLabelsAreAnEmptyArray) {
+  const auto written = [](const LabelMap& constants, const LabelMap& own, json::Style style) {
+    std::string text;
+    OutputSink sink(text);
+    write_labels({constants, own}, style, sink);
+    EXPECT_TRUE(sink.flush());
+    return text;
+  };
+  const LabelMap none;
+  LabelMap one;
+  one.set("host", "node7");
+  EXPECT_EQ(written(none, none, json::Style::compact), R"(,"labels":[])");
+  EXPECT_EQ(written(none, none, json::Style::pretty), ",\n    \"labels\": []");
+  EXPECT_EQ(written(none, one, json::Style::compact), R"(,"labels":[{"host":"node7"}])");
+  EXPECT_EQ(written(one, none, json::Style::compact), R"(,"labels":[{"host":"node7"}])");
 }
 
 TEST(OutputMetricsBlock, SetWithoutSectionLeavesLabelsOutConstantOnesIncluded) {

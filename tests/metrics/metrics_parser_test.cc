@@ -313,6 +313,16 @@ TEST(ParseMetrics, HistogramsAreRegisteredEvenIfTheRestOfTheBlockFails) {
   EXPECT_EQ(store.histograms().begin()->second.labels, (LabelSet{{"host", "node8"}}));
 }
 
+TEST(ParseMetrics, HistogramOfASetWithoutSectionHasNoLabels) {
+  TestBlock block;
+  block.histograms = histogram_record("lat", {{1, 2}}, labels_l(7, {1}));
+  MetricsStore store;
+  process(block.bytes(), store);
+  ASSERT_EQ(store.histograms().size(), 1u);
+  EXPECT_EQ(store.histograms().begin()->second.name, "lat");
+  EXPECT_EQ(store.histograms().begin()->second.labels, LabelSet{});
+}
+
 TEST(ParseMetrics, EachStepIsTraced) {
   LogCapture log;
   MetricsStore store;
