@@ -141,7 +141,7 @@ bool DataFileReader::Impl::next_run(DataFileReader& reader) {
     while (!next_batch()) {
       const bool goes_on = scan->next(*this);
       if (run_.count != 0) return true;
-      if (!goes_on && !has_samples_) return false;
+      if (!goes_on) return false;
     }
     return true;
   });
@@ -212,15 +212,12 @@ void DataFileReader::Impl::check_reach(const RecordType& type, std::size_t at_ha
 void DataFileReader::Impl::on_fault(const Fault& fault) {
   Fault told = fault;
   for (; log_used_ < log_->messages().size(); ++log_used_) {
-    const std::string& line = log_->messages()[log_used_].text;
-    if (line == fault.words) continue;
     told.words += told.words.size() == fault.words.size() ? ": " : "; ";
-    told.words += line;
+    told.words += log_->messages()[log_used_].text;
   }
   if (ends_file(fault.kind)) {
     failed = true;
-    // That a block failed follows the fault that made it fail.
-    if (error.empty() || fault.kind != FaultKind::block_failed) error = told.words;
+    if (error.empty()) error = told.words;  // that a block failed follows the fault that made it fail
   }
   ++number_of_faults;
   if (faults.size() < kMostFaults) faults.push_back(std::move(told));

@@ -95,7 +95,7 @@ std::optional<Bytes> DataInput::view(std::size_t size) {
     const std::size_t ahead = kBufferSize / size * size;
     fill_buffer(ahead - buffered_.size());
   }
-  at_end_ = at_end_ || (file_ended_ && buffered_.size() < size);
+  at_end_ = file_ended_;
   const Bytes taken = take(std::min(size, buffered_.size()));
   position_ += taken.size();
   hide({buffered_.data(), buffer_.get() + kBufferSize});

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 #include <optional>
+#include <tuple>
 
 #include "qvx/counters/counters_json.h"
 #include "qvx/support/log.h"
@@ -11,12 +12,15 @@
 namespace qvx {
 namespace {
 
+// What changes with a file's content.
+auto state_of(const struct stat& file) {
+  return std::tuple(file.st_dev, file.st_ino, file.st_size, file.st_mtim.tv_sec, file.st_mtim.tv_nsec,
+                    file.st_ctim.tv_sec, file.st_ctim.tv_nsec);
+}
+
 bool is_unchanged(const char* path, const struct stat& then) {
   struct stat now {};
-  return stat(path, &now) == 0 && now.st_dev == then.st_dev && now.st_ino == then.st_ino &&
-         now.st_size == then.st_size && now.st_mtim.tv_sec == then.st_mtim.tv_sec &&
-         now.st_mtim.tv_nsec == then.st_mtim.tv_nsec && now.st_ctim.tv_sec == then.st_ctim.tv_sec &&
-         now.st_ctim.tv_nsec == then.st_ctim.tv_nsec;
+  return stat(path, &now) == 0 && state_of(now) == state_of(then);
 }
 
 std::size_t bytes_of(const std::string& text) {

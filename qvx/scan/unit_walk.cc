@@ -19,7 +19,7 @@ UnitWalk::UnitWalk(TypesInForce& types, Decompressor& decompressor, Bytes unit, 
 }
 
 WalkStep UnitWalk::next(ScanVisitor& visitor) {
-  if (!chain_) return in_pages_ ? next_page(visitor) : WalkStep::end;
+  if (!chain_) return next_page(visitor);
   const WalkStep step = chain_->next(visitor);
   if (step == WalkStep::block) return step;
   chain_.reset();

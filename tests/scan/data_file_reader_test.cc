@@ -14,6 +14,7 @@
 #include "qvx/support/json_parse.h"
 #include "tests/metrics/cntx_builder.h"
 #include "tests/reader/reader_files.h"
+#include "tests/support/failing_allocations.h"
 #include "tests/support/guarded_buffer.h"
 #include "tests/support/log_capture.h"
 
@@ -336,7 +337,7 @@ TEST_F(DataFileReaderTest, DamagedMetricsBlockGivesTheBatchesBeforeTheDamage) {
   test::TestBlock block;
   block.records = {test::record({}), test::record({.kind = 'X'}), test::record({})};
   test::TestBlock nameless;
-  nameless.records = {test::record({.samples = {{4, 1}, {0, 2}}})};
+  nameless.records = {test::record({.samples = {{0, 1}, {4, 2}, {0, 3}}})};
   test::TestBlock cut;
   cut.trailer = "";
   test::FileHeader fields = test::usual_header(512);
@@ -345,13 +346,44 @@ TEST_F(DataFileReaderTest, DamagedMetricsBlockGivesTheBatchesBeforeTheDamage) {
   Texts metrics;
   for (const Record& record : reader_.records())
     metrics.emplace_back(record.metric());
-  EXPECT_EQ(metrics, (Texts{"rx", "", "rx", ""}));
+  EXPECT_EQ(metrics, (Texts{"rx", "rx", "", "rx", ""}));
   EXPECT_FALSE(reader_.failed());
   EXPECT_EQ(words_of(reader_), (Texts{"metrics_damaged at 256: invalid metric type",
                                       "metrics_damaged at 1280: Invalid magic numbers in the binary data"}));
   ASSERT_EQ(reader_.messages().size(), 1u);
   EXPECT_EQ(reader_.messages()[0].text,
             "[qvx metrics parser] invalid metric id: 4, total metric names size: 4");
+}
+
+TEST_F(DataFileReaderTest, BatchWithoutSamplesIsPassedOverWithAWarning) {
+  test::TestBlock block;
+  block.records = {test::record({.samples = {}}), test::record({})};
+  ASSERT_TRUE(open_bytes(file_header(usual_header()) + block.bytes()));
+  const Record* const record = reader_.next();
+  ASSERT_NE(record, nullptr);
+  EXPECT_EQ(record->metric(), "rx");
+  EXPECT_EQ(reader_.next(), nullptr);
+  EXPECT_EQ(words_of(reader_), Texts{});
+  ASSERT_EQ(reader_.messages().size(), 1u);
+  EXPECT_EQ(reader_.messages()[0].text, "[qvx metrics parser] no samples in the metrics batch");
+}
+
+// In the second block, whose first labels are kept to be compared with those behind.
+TEST_F(DataFileReaderTest, LabelsBehindWhatARecordMayReachAreAFaultInEveryBlock) {
+  test::TestBlock block;
+  block.blocksize = 40;
+  block.records = {test::record({}), test::record({.samples = {{0, 1}, {1, 2}, {2, 3}}})};
+  ASSERT_TRUE(open_bytes(file_header(usual_header()) + padded(block.bytes(), 256) + block.bytes()));
+  Texts metrics;
+  for (const Record& record : reader_.records())
+    metrics.emplace_back(record.metric());
+  EXPECT_EQ(metrics, (Texts{"rx", "rx"}));
+  EXPECT_EQ(
+      words_of(reader_),
+      (Texts{"metrics_damaged at 256: start_offset exceeds data size: [qvx labels block] parse_labels_block: "
+             "start_offset (44) exceeds data size (40)",
+             "metrics_damaged at 512: start_offset exceeds data size: [qvx labels block] parse_labels_block: "
+             "start_offset (44) exceeds data size (40)"}));
 }
 
 TEST_F(DataFileReaderTest, ReadsPlainPagesAndGzipAlike) {
@@ -434,6 +466,33 @@ TEST_F(DataFileReaderTest, FaultsBeyondTheLimitAreCountedOnly) {
   EXPECT_EQ(reader_.number_of_faults(), 1002u);
   ASSERT_EQ(reader_.faults().size(), 1000u);
   EXPECT_EQ(words_of(reader_)[999], "events_cut at 16240: 0 of 1 records are there");
+}
+
+TEST_F(DataFileReaderTest, MessagesBeyondTheLimitAreLeftOut) {
+  test::TestBlock block;
+  block.records.assign(1001, test::record({.samples = {}}));
+  ASSERT_TRUE(open_bytes(file_header(usual_header(32768)) + block.bytes()));
+  EXPECT_EQ(reader_.next(), nullptr);
+  EXPECT_EQ(reader_.messages().size(), 1000u);
+  EXPECT_EQ(reader_.number_of_faults(), 0u);
+}
+
+TEST_F(DataFileReaderTest, ShortMemoryBeyondTheLimitOfFaultsIsCountedOnly) {
+  std::string file = file_header(usual_header(32));
+  for (int block = 0; block < 1001; ++block)
+    file += usual_events({1, 2, 3, 4, 5, 6, 7, 8, 9}).substr(0, 32);  // states one more than is there
+  ASSERT_TRUE(open_bytes(file));
+  for (int block = 0; block < 1000; ++block)
+    ASSERT_NE(reader_.next_run(), nullptr);
+  EXPECT_FALSE(reader_.failed());
+  {
+    const test::FailingAllocations failing(0, test::FailingAllocations::Failing::once);
+    EXPECT_EQ(reader_.next_run(), nullptr);
+  }
+  EXPECT_TRUE(reader_.failed());
+  EXPECT_EQ(reader_.error(), "Cannot allocate memory");
+  EXPECT_EQ(reader_.number_of_faults(), 1001u);
+  EXPECT_EQ(reader_.faults().size(), 1000u);
 }
 
 TEST_F(DataFileReaderTest, WarningsAreKeptAsMessages) {

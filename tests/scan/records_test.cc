@@ -3,7 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "qvx/data/schema/schema.h"
 #include "qvx/scan/type_cache.h"
@@ -39,6 +42,31 @@ TEST(RecordTypesOfHand, FieldsWithoutANameOrATypeAreFields) {
   EXPECT_EQ(record.fields()[0].kind, FieldKind::u8);
   EXPECT_EQ(record.fields()[1].kind, FieldKind::none);
   EXPECT_EQ(record.fields()[2].kind, FieldKind::none);
+}
+
+TEST(RecordTypesOfHand, NumbersOfOneKindWithAGapBetweenThemAreTwoRanges) {
+  qvx_type_definition byte;
+  byte.id = 18;
+  LoadedSchema loaded;
+  loaded.events.reset(qvx_schema_create("net", 1));
+  loaded.events->types.push_back(std::make_unique<qvx_type_definition>());
+  qvx_type_definition& type = *loaded.events->types[0];
+  type.name = "t";
+  type.size = 4;
+  for (const std::uint64_t offset : {0, 1, 3}) {
+    const auto& field = type.fields.emplace_back(std::make_unique<qvx_field_definition>());
+    field->field_name = std::to_string(offset);
+    field->offset = offset;
+    field->type_size = 1;
+    field->type = &byte;
+  }
+  const std::vector<FieldRange>& ranges = RecordTypes::of_events(loaded, 0).ranges();
+  ASSERT_EQ(ranges.size(), 2u);
+  EXPECT_EQ(ranges[0].first, 0u);
+  EXPECT_EQ(ranges[0].count, 2u);
+  EXPECT_EQ(ranges[1].first, 2u);
+  EXPECT_EQ(ranges[1].count, 1u);
+  EXPECT_EQ(ranges[1].offset, 3u);
 }
 
 TEST(RecordTypesOfHand, CounterAndGroupWithoutANameAreAField) {

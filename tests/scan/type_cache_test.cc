@@ -7,10 +7,12 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
 #include "tests/reader/reader_files.h"
+#include "tests/support/failing_allocations.h"
 #include "tests/support/log_capture.h"
 
 namespace qvx {
@@ -166,6 +168,38 @@ TEST_F(TypeCacheTest, SchemaThatHadSomethingToSayIsKeptAndSaysItAgain) {
   ASSERT_EQ(said.size(), 1u);
   EXPECT_EQ(load().counters, first.counters);
   EXPECT_EQ(log_.texts(QVX_LOG_ERROR), (std::vector<std::string>{said[0], said[0]}));
+}
+
+TEST_F(TypeCacheTest, SchemaWhoseMessagesCouldNotBeKeptIsReadAnewAndSaysThemAgain) {
+  std::string text(test::kUsualCounters);
+  text.replace(text.find("1.5.0"), 5, "2.0.0");
+  files_.write_schema(kCountersId, text);
+  const qvx_schema_id id = id_of(kCountersId);
+  bool any_failed = true;
+  int loaded_all_the_same = 0;
+  for (std::size_t successes = 0; any_failed; ++successes) {
+    TypeCache cache(files_.path("schema"));
+    TypeSet set;
+    bool ok = false;
+    qvx_logger_set_level(0);  // the capture takes memory, too
+    try {
+      const test::FailingAllocations failing(successes, test::FailingAllocations::Failing::once);
+      ok = cache.load({}, id, set);
+      any_failed = failing.any_failed();
+    } catch (const std::bad_alloc&) {
+      any_failed = true;
+    }
+    qvx_logger_set_level(QVX_LOG_INFO);
+    if (!ok) continue;
+    if (any_failed) ++loaded_all_the_same;
+    log_.clear();
+    ASSERT_TRUE(cache.load({}, id, set));
+    EXPECT_EQ(log_.texts(QVX_LOG_ERROR),
+              std::vector<std::string>{
+                  "Version '2.0.0' of parsing schema is incompatible with current schema version '1.5.0'"})
+        << successes;
+  }
+  EXPECT_GT(loaded_all_the_same, 0);
 }
 
 TEST_F(TypeCacheTest, TraceOfSchemasIsSaidForEveryLoad) {
