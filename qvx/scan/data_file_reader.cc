@@ -129,8 +129,7 @@ std::vector<const RecordType*> DataFileReader::Impl::types() {
     for (std::size_t i = 0; i < schema->events->types.size(); ++i)
       found.push_back(&RecordTypes::of_events(*schema, i));
   }
-  if (types.counters && !types.counters->counters->groups.empty())
-    found.push_back(&RecordTypes::of_counters(*types.counters));
+  if (!types.counters->counters->groups.empty()) found.push_back(&RecordTypes::of_counters(*types.counters));
   return found;
 }
 

@@ -80,9 +80,10 @@ bool TypeCache::load(std::span<const qvx_schema_id> event_schemas, const qvx_sch
     if (set.counters == nullptr) return false;
   } else {
     if (no_counters_ == nullptr) {
-      no_counters_ = std::make_shared<LoadedSchema>();
-      no_counters_->counters.reset(qvx_counters_schema_create());
-      if (no_counters_->counters == nullptr) throw std::bad_alloc();
+      auto made = std::make_shared<LoadedSchema>();
+      made->counters.reset(qvx_counters_schema_create());
+      if (made->counters == nullptr) throw std::bad_alloc();
+      no_counters_ = std::move(made);
     }
     set.counters = no_counters_;
   }

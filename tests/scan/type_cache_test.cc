@@ -202,6 +202,31 @@ TEST_F(TypeCacheTest, SchemaWhoseMessagesCouldNotBeKeptIsReadAnewAndSaysThemAgai
   EXPECT_GT(loaded_all_the_same, 0);
 }
 
+TEST_F(TypeCacheTest, LoadBehindOneThatMemoryWasTooShortForIsWhole) {
+  const qvx_schema_id events = id_of(kEventsId);
+  for (const qvx_schema_id& counters : {qvx_schema_id{}, id_of(kCountersId)}) {
+    const std::size_t groups = schema_id_is_empty(counters) ? 0 : 1;
+    bool any_failed = true;
+    for (std::size_t successes = 0; any_failed; ++successes) {
+      TypeCache cache(files_.path("schema"));
+      TypeSet set;
+      qvx_logger_set_level(0);  // the capture takes memory, too
+      try {
+        const test::FailingAllocations failing(successes, test::FailingAllocations::Failing::once);
+        static_cast<void>(cache.load({&events, 1}, counters, set));
+        any_failed = failing.any_failed();
+      } catch (const std::bad_alloc&) {
+        any_failed = true;
+      }
+      qvx_logger_set_level(QVX_LOG_INFO);
+      ASSERT_TRUE(cache.load({&events, 1}, counters, set)) << successes;
+      EXPECT_EQ(first_field(set), "v");
+      ASSERT_NE(set.counters->counters, nullptr) << successes;
+      EXPECT_EQ(set.counters->counters->groups.size(), groups) << successes;
+    }
+  }
+}
+
 TEST_F(TypeCacheTest, TraceOfSchemasIsSaidForEveryLoad) {
   load({}, "");  // makes the built-in types, once
   LogCapture trace(QVX_LOG_DEBUG);
