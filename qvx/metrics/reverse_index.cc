@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <string_view>
+#include <vector>
 
 namespace qvx::metrics {
 namespace {
@@ -25,6 +27,30 @@ bool is_same(const LabelSet& stored, const LabelMap& label_set) {
                     });
 }
 
+// Takes back what was interned unless it is to be kept.
+class Interning {
+ public:
+  Interning(data::metrics::SymbolTable& symbols, std::size_t texts) : symbols_(symbols) {
+    texts_.reserve(texts);
+  }
+  Interning(const Interning&) = delete;
+  Interning& operator=(const Interning&) = delete;
+  ~Interning() {
+    for (const std::string_view text : texts_)
+      symbols_.release(text);
+  }
+
+  void add(std::string_view text) {
+    symbols_.intern(text);
+    texts_.push_back(text);
+  }
+  void keep() { texts_.clear(); }
+
+ private:
+  data::metrics::SymbolTable& symbols_;
+  std::vector<std::string_view> texts_;
+};
+
 }  // namespace
 
 std::uint64_t ReverseIndex::id_of(const LabelMap& label_set, std::uint64_t timestamp) {
@@ -45,9 +71,10 @@ void ReverseIndex::insert(std::uint64_t id, std::uint64_t sequence, const LabelM
     throw std::runtime_error("[ReverseIndex] Duplicate key or value detected.");
   Entry entry;
   entry.sequence = sequence;
+  Interning interning(symbols_, 2 * label_set.size());
   for (const auto& [name, value] : label_set) {
-    symbols_.intern(name);
-    symbols_.intern(value);
+    interning.add(name);
+    interning.add(value);
     entry.label_set.emplace_back(name, value);
   }
   const auto by_sequence = id_by_sequence_.emplace(sequence, id).first;
@@ -63,6 +90,7 @@ void ReverseIndex::insert(std::uint64_t id, std::uint64_t sequence, const LabelM
     id_by_sequence_.erase(by_sequence);
     throw;
   }
+  interning.keep();
   next_id_ = std::max(next_id_, id + 1);
   next_sequence_ = std::max(next_sequence_, sequence + 1);
 }

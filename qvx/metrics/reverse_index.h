@@ -35,7 +35,7 @@ class ReverseIndex {
   std::uint64_t id_of(const LabelMap& label_set, std::uint64_t timestamp = 0);
 
   // Adds an entry; id_of gives larger ids from then on. Throws the same when the id or the sequence number is
-  // taken, or the label set is known; nothing is added then.
+  // taken, or the label set is known; nothing is added or interned then.
   void insert(std::uint64_t id, std::uint64_t sequence, const LabelMap& label_set);
 
   // The entry of an id, or null. Valid until it is forgotten.

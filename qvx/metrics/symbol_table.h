@@ -36,7 +36,8 @@ class SymbolTable {
   // The boost string hash.
   static std::uint64_t symbol_of(std::string_view name) { return NameHash{}(name); }
 
-  // The symbol of the name, whose reference count grows by one. Throws std::bad_alloc.
+  // The symbol of the name, whose reference count grows by one. Throws std::bad_alloc; nothing is interned
+  // then.
   std::uint64_t intern(std::string_view name);
 
   // The symbol of a name that was interned.
@@ -63,9 +64,13 @@ class SymbolTable {
   auto end() const { return symbols_.end(); }
 
  private:
+  struct Use {
+    const std::string* name;  // key of symbols_
+    std::uint64_t count;
+  };
+
   std::unordered_map<std::string, std::uint64_t, NameHash, std::equal_to<>> symbols_;
-  std::unordered_map<std::uint64_t, const std::string*> names_;  // keys of symbols_
-  std::unordered_map<std::uint64_t, std::uint64_t> reference_counts_;
+  std::unordered_map<std::uint64_t, Use> uses_;
 };
 
 }  // namespace qvx::data::metrics

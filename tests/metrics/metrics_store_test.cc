@@ -3,11 +3,13 @@
 #include <boost/functional/hash.hpp>
 #include <gtest/gtest.h>
 
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <thread>
 
 #include "qvx/metrics/metric_filter.h"
+#include "tests/support/failing_allocations.h"
 
 namespace qvx::metrics {
 namespace {
@@ -58,6 +60,28 @@ TEST(SymbolTable, LastUseThatIsReleasedForgetsTheName) {
   table.forget(symbol);
   table.forget(symbol);
   EXPECT_EQ(table.find("rx"), std::nullopt);
+}
+
+TEST(SymbolTable, NameThatMemoryWasTooShortForIsNotKnown) {
+  const std::string name(100, 'n');
+  const std::uint64_t symbol = SymbolTable::symbol_of(name);
+  bool is_interned = false;
+  for (std::size_t successes = 0; !is_interned; ++successes) {
+    SymbolTable table;
+    try {
+      const test::FailingAllocations failing(successes, test::FailingAllocations::Failing::once);
+      table.intern(name);
+      is_interned = true;
+    } catch (const std::bad_alloc&) {
+      EXPECT_EQ(table.find(name), std::nullopt) << successes;
+      EXPECT_EQ(table.size(), 0u) << successes;
+      EXPECT_THROW(static_cast<void>(table.reference_count(symbol)), SymbolTable::SymbolNotFoundError);
+    }
+    table.release(name);
+    EXPECT_EQ(table.intern(name), symbol);
+    EXPECT_EQ(table.name_of(symbol), name);
+    EXPECT_EQ(table.reference_count(symbol), 1u);
+  }
 }
 
 TEST(SymbolTable, UnknownSymbolIsNamedInTheError) {
@@ -140,6 +164,25 @@ TEST(ReverseIndex, NamesAndValuesAreInternedOncePerEntry) {
   EXPECT_EQ(symbols.size(), 3u);
   EXPECT_EQ(symbols.reference_count(*symbols.find("host")), 2u);
   EXPECT_EQ(symbols.reference_count(*symbols.find("node7")), 1u);
+}
+
+TEST(ReverseIndex, LabelSetThatMemoryWasTooShortForLeavesNothing) {
+  const LabelMap labels = labels_of({{"host", "node7"}, {"a label without end", "a value without end"}});
+  bool is_inserted = false;
+  for (std::size_t successes = 0; !is_inserted; ++successes) {
+    ReverseIndex index;
+    try {
+      const test::FailingAllocations failing(successes, test::FailingAllocations::Failing::once);
+      index.insert(7, 3, labels);
+      is_inserted = true;
+    } catch (const std::bad_alloc&) {
+      EXPECT_EQ(index.size(), 0u) << successes;
+      EXPECT_EQ(index.symbols().size(), 0u) << successes;
+      index.insert(7, 3, labels);
+    }
+    EXPECT_EQ(index.id_of(labels), 7u);
+    EXPECT_EQ(index.symbols().reference_count(*index.symbols().find("host")), 1u) << successes;
+  }
 }
 
 TEST(ReverseIndex, TakenIdOrSequenceIsADuplicate) {
