@@ -92,6 +92,11 @@ TEST(ParseLabelsBlock, MixedValuesKeepTheirOrder) {
   EXPECT_EQ(values[3].label_value_id, 0u);
 }
 
+TEST(ParseLabelsBlock, MixedValueOfEitherKindMayEndWithTheData) {
+  EXPECT_EQ(parse(labels_m(0, {mixed_text("ab")})).end, 3u + 4u);
+  EXPECT_EQ(parse(labels_m(0, {mixed_id(7)})).end, 3u + 2u);
+}
+
 TEST(ParseLabelsBlock, NoValuesEndBehindTheHeaderInEveryEncoding) {
   for (const char encoding : {'L', 'I', 'M'}) {
     const Parsed parsed = parse("....." + labels_header(7, 0, encoding), 5);

@@ -1,6 +1,8 @@
 #include "qvx/scan/data_input.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstddef>
 #include <span>
@@ -25,6 +27,14 @@ std::string read_all(std::string_view file, std::size_t at_a_time, std::string& 
   } while (count == at_a_time);
   fault = input.fault();
   return out;
+}
+
+TEST(DataInput, FileIsNotHandedToProgramsThatAreStarted) {
+  const int lowest = dup(STDERR_FILENO);
+  close(lowest);
+  DataInput input;
+  ASSERT_TRUE(input.open("/dev/null"));
+  EXPECT_EQ(fcntl(lowest, F_GETFD), FD_CLOEXEC);
 }
 
 // A few bytes unpack to many, which come out piece by piece when the file has long been read to its end.

@@ -265,6 +265,29 @@ TEST_F(InfluxSerializerTest, EventsAreLinesOfTheirTypeWithATimeOfTheirOwn) {
                    R"(1700000000123456001)"}));
 }
 
+TEST_F(InfluxSerializerTest, NumberOfEveryKindMayEndWithThePage) {
+  struct Kind {
+    const char* name;
+    std::string bytes;
+    const char* line;
+  };
+  const Kind kinds[] = {
+      {"uint8_t", "\1", "e v=1i 1700000000123456000"},
+      {"int16_t", {"\1\0", 2}, "e v=1i 1700000000123456000"},
+      {"uint32_t", {"\1\0\0\0", 4}, "e v=1i 1700000000123456000"},
+      {"float", {"\0\0\x80\x3F", 4}, "e v=1.000000 1700000000123456000"},
+      {"int64_t", {"\1\0\0\0\0\0\0\0", 8}, "e v=1i 1700000000123456000"},
+      {"double", {"\0\0\0\0\0\0\xF0\x3F", 8}, "e v=1.000000 1700000000123456000"},
+  };
+  for (const auto& [name, bytes, line] : kinds) {
+    types_.reset(qvx_type_system_create());
+    add_type("e", {{"v", "", name, 0, 1}});
+    RecordBytes block;
+    add_events_header(block, 0, 0, 1).add_text(bytes, bytes.size());
+    EXPECT_EQ(lines(block.bytes()), Lines{line}) << name;
+  }
+}
+
 TEST_F(InfluxSerializerTest, TagsOfEveryKind) {
   add_type("t",
            {{"b", "", "bool", 0, 1},
