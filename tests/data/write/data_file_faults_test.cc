@@ -374,6 +374,7 @@ TEST_F(LinkedDataFile, IsLeftAloneByTheNextData) {
   ASSERT_TRUE(data_file_open_for(file_, kStart + 1, kStart + 1));
   const std::string message = "[data_file] Failed opening data file " + path_ + ": Stale file handle";
   EXPECT_EQ(log.texts(QVX_LOG_ERROR), (Texts{message}));
+  EXPECT_TRUE(file_.lost);
   EXPECT_EQ(append("ABCDEFGHIJKLMNOP"), 16u);
   EXPECT_EQ(read_file(path_of("1700000000000001")).substr(256), "ABCDEFGHIJKLMNOP");
 }
